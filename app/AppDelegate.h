@@ -1,0 +1,121 @@
+#pragma once
+
+#include "config/ConfigDocument.h"
+#include "config/Draft.h"
+
+#include <QFont>
+#include <QJsonObject>
+#include <QMap>
+#include <QObject>
+#include <QString>
+
+#include <memory>
+
+class QAbstractButton;
+class QCheckBox;
+class QHBoxLayout;
+class QLayout;
+class QMenuBar;
+class QLabel;
+class StatusLabel;
+class QLineEdit;
+class QListView;
+class QMainWindow;
+class QPushButton;
+class QTimer;
+class ServiceButton;
+
+// The one controller: it owns every piece of state of the application, and every user
+// action, background result and timer tick ends in one of its member functions. The member
+// functions are defined in the folder of the subsystem they belong to.
+class AppDelegate : public QObject
+{
+    Q_OBJECT
+
+public:
+    AppDelegate();
+    ~AppDelegate() override;
+
+    // Start-up and process (app/StartUp.cpp).
+    void applicationDidFinishLaunching();
+    bool applicationShouldTerminateAfterLastWindowClosed() const { return true; }
+
+    // Configuration document (config/Document.cpp).
+    void reload();
+    void emptyConfig();
+    void newConfig();
+    void json(const QJsonObject &document);
+    void refreshRadios();
+    void replaceEntries();
+    void toggleRadio();
+    void removeRadio();
+    void showFolder();
+
+    // Saving (config/Save.cpp, config/WriteConfig.cpp).
+    void save();
+    void writeConfig();
+
+    // Discovery (discovery/Discover.cpp). Blocks; background threads only.
+    QJsonObject discover(const QString &address) const;
+
+    // Radio table and details panel (app/Details.cpp).
+    void tableViewSelectionDidChange();
+    void updateDetails();
+
+    // Dialogs (app/Dialog.cpp).
+    bool dialog(const QString &title, const QString &detail, const QString &question, bool cancel,
+                QLineEdit *input);
+    void alert(const QString &message);
+    void acceptDialog(QAbstractButton *sender);
+    void cancelDialog(QAbstractButton *sender);
+
+    // Control factories (app/MainWindow.cpp).
+    QLabel *label(const QString &text, qreal size, QFont::Weight weight = QFont::Normal, bool secondary = false);
+    QHBoxLayout *row();
+    QPushButton *button(const QString &title, void (AppDelegate::*action)());
+
+    // Read-only views for the window's observers and for tests.
+    QMainWindow *mainWindow() const { return window.get(); }
+    const QString &draftText() const;
+    const RadioEntries &radioEntries() const { return entries; }
+    bool isBusy() const { return busy; }
+    QString configPath() const { return configURL; }
+
+private:
+    // Start-up pieces (app/MainWindow.cpp).
+    QMenuBar *buildMenu();
+    void makeWindow(QMenuBar *menu);
+    void buildViewTree();
+    QLayout *buildSplitRow();
+    QLayout *buildServiceRow();
+    void sendEditCommand(int command);
+
+    // Save completion on the main thread (config/Save.cpp).
+    struct Verification;
+    void finishSave(const Verification &result, const QString &snapshot);
+
+    // The selected row of the table, or -1 (app/Details.cpp).
+    int selectedRow() const;
+    void selectRow(int row);
+
+    // Fields that every control needs exist from start-up on; a missing one is a bug.
+    Draft &draft() const;
+    void setStatus(const QString &text);
+
+    std::unique_ptr<QMainWindow> window;
+    std::unique_ptr<Draft> editor;
+    StatusLabel *status = nullptr;
+    QString configURL;
+    ServiceButton *enableButton = nullptr;
+    QLabel *serviceState = nullptr;
+    QLabel *serviceStartup = nullptr;
+    QTimer *serviceTimer = nullptr;
+    bool checkingService = false;
+    QListView *table = nullptr;
+    QLabel *detailTitle = nullptr;
+    QMap<QString, QLabel *> values;
+    QCheckBox *enabledButton = nullptr;
+    QPushButton *removeButton = nullptr;
+    RadioEntries entries;
+    bool busy = false;
+};

@@ -1,0 +1,258 @@
+#include "app/AppDelegate.h"
+
+#include "app/AppIcon.h"
+#include "app/RadioPresentation.h"
+#include "app/RadioTable.h"
+#include "app/ServiceButton.h"
+#include "app/StatusLabel.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QCheckBox>
+#include <QClipboard>
+#include <QFrame>
+#include <QHBoxLayout>
+#include <QIcon>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListView>
+#include <QMainWindow>
+#include <QMenuBar>
+#include <QPushButton>
+#include <QVBoxLayout>
+
+namespace {
+enum EditCommand { Undo, Cut, Copy, Paste, SelectAll };
+
+QPalette secondaryPalette(QPalette palette)
+{
+    palette.setColor(QPalette::WindowText, palette.color(QPalette::PlaceholderText));
+    return palette;
+}
+} // namespace
+
+QLabel *AppDelegate::label(const QString &text, qreal size, QFont::Weight weight, bool secondary)
+{
+    auto *made = new QLabel(text);
+    QFont font = made->font();
+    font.setPointSizeF(size);
+    font.setWeight(weight);
+    made->setFont(font);
+    if (secondary)
+        made->setPalette(secondaryPalette(made->palette()));
+    return made;
+}
+
+QHBoxLayout *AppDelegate::row()
+{
+    auto *made = new QHBoxLayout;
+    made->setSpacing(8);
+    made->setAlignment(Qt::AlignVCenter);
+    return made;
+}
+
+QPushButton *AppDelegate::button(const QString &title, void (AppDelegate::*action)())
+{
+    auto *made = new QPushButton(title);
+    made->setAutoDefault(false);
+    if (action)
+        connect(made, &QPushButton::clicked, this, action);
+    return made;
+}
+
+QMenuBar *AppDelegate::buildMenu()
+{
+    auto *menuBar = new QMenuBar;
+
+    // An untitled menu is invisible on Linux, so the application menu carries the name.
+    QMenu *applicationMenu = menuBar->addMenu(QStringLiteral("Veldspar"));
+    QAction *quit = applicationMenu->addAction(QStringLiteral("Quit Veldspar"));
+    quit->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
+    quit->setMenuRole(QAction::QuitRole);
+    connect(quit, &QAction::triggered, qApp, &QCoreApplication::quit, Qt::QueuedConnection);
+
+    QMenu *editMenu = menuBar->addMenu(QStringLiteral("Edit"));
+    const struct
+    {
+        QString title;
+        QKeyCombination key;
+        EditCommand command;
+    } editItems[] = {
+        {QStringLiteral("Undo"), Qt::CTRL | Qt::Key_Z, Undo},
+        {QStringLiteral("Cut"), Qt::CTRL | Qt::Key_X, Cut},
+        {QStringLiteral("Copy"), Qt::CTRL | Qt::Key_C, Copy},
+        {QStringLiteral("Paste"), Qt::CTRL | Qt::Key_V, Paste},
+        {QStringLiteral("Select All"), Qt::CTRL | Qt::Key_A, SelectAll},
+    };
+    for (const auto &item : editItems) {
+        QAction *action = editMenu->addAction(item.title);
+        action->setShortcut(QKeySequence(item.key));
+        const EditCommand command = item.command;
+        connect(action, &QAction::triggered, this, [this, command] { sendEditCommand(command); });
+    }
+    return menuBar;
+}
+
+// The Edit items have no target of their own: they act on whatever has keyboard focus, a text
+// field or a selectable value label of the details panel.
+void AppDelegate::sendEditCommand(int command)
+{
+    QWidget *focus = QApplication::focusWidget();
+    if (auto *field = qobject_cast<QLineEdit *>(focus)) {
+        switch (command) {
+        case Undo: field->undo(); break;
+        case Cut: field->cut(); break;
+        case Copy: field->copy(); break;
+        case Paste: field->paste(); break;
+        case SelectAll: field->selectAll(); break;
+        }
+    } else if (auto *valueLabel = qobject_cast<QLabel *>(focus)) {
+        if (command == Copy && valueLabel->hasSelectedText())
+            QGuiApplication::clipboard()->setText(valueLabel->selectedText());
+        else if (command == SelectAll)
+            valueLabel->setSelection(0, int(valueLabel->text().size()));
+    }
+}
+
+void AppDelegate::makeWindow(QMenuBar *menu)
+{
+    window = std::make_unique<QMainWindow>();
+    window->setWindowTitle(QStringLiteral("Veldspar"));
+    window->setWindowIcon(QIcon(appIcon(256)));
+    window->setMenuBar(menu);
+    // The sizes are those of the content area; the menu bar comes on top of them.
+    auto *content = new QWidget;
+    content->setMinimumSize(880, 580);
+    window->setCentralWidget(content);
+    window->resize(960, 620 + menu->sizeHint().height());
+}
+
+void AppDelegate::buildViewTree()
+{
+    auto *root = new QVBoxLayout(window->centralWidget());
+    root->setSpacing(18);
+    root->setContentsMargins(24, 24, 24, 20);
+
+    root->addWidget(label(QStringLiteral("Radios"), 26, QFont::Bold), 0, Qt::AlignHCenter);
+    root->addWidget(label(QStringLiteral("Make remote FlexRadios discoverable on your local network."), 13,
+                          QFont::Normal, true),
+                    0, Qt::AlignHCenter);
+
+    QHBoxLayout *toolbar = row();
+    toolbar->addWidget(button(QStringLiteral("Add Radio\u2026"), nullptr));
+    toolbar->addWidget(button(QStringLiteral("Import\u2026"), nullptr));
+    toolbar->addWidget(button(QStringLiteral("Delete Config"), &AppDelegate::newConfig));
+    toolbar->addWidget(button(QStringLiteral("Reload"), &AppDelegate::reload));
+    root->addLayout(toolbar);
+    root->setAlignment(toolbar, Qt::AlignHCenter);
+
+    auto *split = new QWidget;
+    split->setMinimumHeight(320);
+    split->setLayout(buildSplitRow());
+    root->addWidget(split, 1);
+
+    auto *separator = new QFrame;
+    separator->setFrameShape(QFrame::HLine);
+    separator->setFrameShadow(QFrame::Sunken);
+    root->addWidget(separator);
+
+    auto *service = new QWidget;
+    service->setFixedHeight(42);
+    service->setLayout(buildServiceRow());
+    root->addWidget(service, 0, Qt::AlignHCenter);
+
+    status = new StatusLabel(QStringLiteral("Ready"));
+    status->setObjectName(QStringLiteral("status"));
+    QFont statusFont = status->font();
+    statusFont.setPointSizeF(11);
+    status->setFont(statusFont);
+    status->setPalette(secondaryPalette(status->palette()));
+    status->setAlignment(Qt::AlignHCenter | Qt::AlignVCenter);
+    root->addWidget(status);
+}
+
+QLayout *AppDelegate::buildSplitRow()
+{
+    auto *split = new QHBoxLayout;
+    split->setContentsMargins(0, 0, 0, 0);
+    split->setSpacing(20);
+
+    table = new QListView;
+    table->setObjectName(QStringLiteral("table"));
+    table->setFixedWidth(390);
+    table->setFrameShape(QFrame::StyledPanel);
+    table->setVerticalScrollBarPolicy(Qt::ScrollBarAsNeeded);
+    table->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    table->setSelectionMode(QAbstractItemView::SingleSelection);
+    table->setEditTriggers(QAbstractItemView::NoEditTriggers);
+    table->setUniformItemSizes(true);
+    table->setModel(new RadioListModel(entries, table));
+    table->setItemDelegate(new RadioCellDelegate(table));
+    connect(table->selectionModel(), &QItemSelectionModel::selectionChanged, this,
+            &AppDelegate::tableViewSelectionDidChange);
+    split->addWidget(table);
+
+    auto *details = new QWidget;
+    details->setMinimumWidth(300);
+    auto *detailsStack = new QVBoxLayout(details);
+    detailsStack->setContentsMargins(0, 0, 0, 0);
+    detailsStack->setSpacing(12);
+    detailsStack->setAlignment(Qt::AlignTop | Qt::AlignLeft);
+
+    detailTitle = label(QStringLiteral("Select a radio"), 19, QFont::DemiBold);
+    detailTitle->setObjectName(QStringLiteral("detailTitle"));
+    detailsStack->addWidget(detailTitle);
+    for (const DetailField &field : detailFields()) {
+        auto *block = new QVBoxLayout;
+        block->setSpacing(3);
+        block->addWidget(label(field.caption, 10, QFont::DemiBold, true));
+        QLabel *value = label(QStringLiteral("\u2014"), 13);
+        value->setObjectName(QStringLiteral("value:") + field.key);
+        value->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+        block->addWidget(value);
+        values.insert(field.key, value);
+        detailsStack->addLayout(block);
+    }
+
+    enabledButton = new QCheckBox(QStringLiteral("Include in discovery"));
+    enabledButton->setObjectName(QStringLiteral("enabledButton"));
+    connect(enabledButton, &QCheckBox::clicked, this, &AppDelegate::toggleRadio);
+    detailsStack->addWidget(enabledButton);
+
+    removeButton = button(QStringLiteral("Remove Radio"), &AppDelegate::removeRadio);
+    removeButton->setObjectName(QStringLiteral("removeButton"));
+    detailsStack->addWidget(removeButton);
+
+    split->addWidget(details, 1, Qt::AlignTop);
+    return split;
+}
+
+QLayout *AppDelegate::buildServiceRow()
+{
+    auto *serviceRow = new QHBoxLayout;
+    serviceRow->setContentsMargins(0, 0, 0, 0);
+    serviceRow->setSpacing(16);
+
+    auto *inner = new QHBoxLayout;
+    inner->setSpacing(12);
+    auto *texts = new QVBoxLayout;
+    texts->setSpacing(4);
+    serviceState = label(QStringLiteral("Checking service\u2026"), 13, QFont::DemiBold);
+    serviceStartup = label(QStringLiteral("Checking login startup"), 11, QFont::Normal, true);
+    serviceState->setObjectName(QStringLiteral("serviceState"));
+    serviceStartup->setObjectName(QStringLiteral("serviceStartup"));
+    texts->addWidget(serviceState, 0, Qt::AlignLeft);
+    texts->addWidget(serviceStartup, 0, Qt::AlignLeft);
+    inner->addLayout(texts);
+
+    enableButton = new ServiceButton(QStringLiteral("Checking\u2026"));
+    enableButton->setObjectName(QStringLiteral("enableButton"));
+    enableButton->setFixedSize(100, 30);
+    enableButton->setEnabled(false);
+    inner->addWidget(enableButton);
+    serviceRow->addLayout(inner);
+
+    serviceRow->addWidget(button(QStringLiteral("Uninstall"), nullptr));
+    serviceRow->addWidget(button(QStringLiteral("Show Files"), &AppDelegate::showFolder));
+    return serviceRow;
+}

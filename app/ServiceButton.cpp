@@ -1,0 +1,63 @@
+#include "app/ServiceButton.h"
+
+#include <QPainter>
+#include <QPainterPath>
+
+ServiceButton::ServiceButton(const QString &title, QWidget *parent) : QPushButton(title, parent)
+{
+}
+
+void ServiceButton::setActive(bool active)
+{
+    m_active = active;
+    update();
+}
+
+QColor ServiceButton::successColor()
+{
+    return QColor(0x27, 0xAE, 0x60);
+}
+
+QColor ServiceButton::dangerColor()
+{
+    return QColor(0xDA, 0x44, 0x53);
+}
+
+QColor ServiceButton::tint() const
+{
+    return m_active ? successColor() : dangerColor();
+}
+
+QFont ServiceButton::titleFont() const
+{
+    QFont font = QWidget::font();
+    font.setPointSizeF(13);
+    font.setWeight(QFont::DemiBold);
+    return font;
+}
+
+QPointF ServiceButton::titleOrigin(const QSizeF &bounds, const QSizeF &textSize)
+{
+    return {(bounds.width() - textSize.width()) * 0.5, (bounds.height() - textSize.height()) * 0.5};
+}
+
+void ServiceButton::paintEvent(QPaintEvent *)
+{
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+
+    QColor fill = tint();
+    fill.setAlphaF(0.13f);
+    QPainterPath shape;
+    shape.addRoundedRect(QRectF(rect()).adjusted(1, 1, -1, -1), 7, 7);
+    painter.fillPath(shape, fill);
+
+    const QFont font = titleFont();
+    const QString title = text();
+    const QFontMetricsF metrics(font);
+    const QSizeF textSize(metrics.horizontalAdvance(title), metrics.height());
+    painter.setFont(font);
+    painter.setPen(tint());
+    painter.drawText(QRectF(titleOrigin(size(), textSize), textSize), Qt::TextDontClip | Qt::TextSingleLine,
+                     title);
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <QColor>
+#include <QPushButton>
+
+// The service row's push button, drawn as a tinted rounded rectangle with its title
+// centred: green while the service is active, red otherwise. It looks the same whether
+// enabled or not; a disabled one only ignores clicks.
+class ServiceButton : public QPushButton
+{
+    Q_OBJECT
+
+public:
+    explicit ServiceButton(const QString &title, QWidget *parent = nullptr);
+
+    bool active() const { return m_active; }
+    // Every assignment, even of the same value, redraws the button.
+    void setActive(bool active);
+
+    static QColor successColor();
+    static QColor dangerColor();
+    QColor tint() const;
+    QFont titleFont() const;
+    // Where the title's text box starts: centred both ways, negative when wider than the button.
+    static QPointF titleOrigin(const QSizeF &bounds, const QSizeF &textSize);
+
+protected:
+    void paintEvent(QPaintEvent *event) override;
+
+private:
+    bool m_active = false;
+};

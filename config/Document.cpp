@@ -1,0 +1,117 @@
+#include "app/AppDelegate.h"
+
+#include "app/RadioPresentation.h"
+#include "app/RadioTable.h"
+#include "app/ServiceButton.h"
+#include "app/StatusLabel.h"
+
+#include <QCheckBox>
+#include <QDesktopServices>
+#include <QFile>
+#include <QFileInfo>
+#include <QListView>
+#include <QStringDecoder>
+#include <QUrl>
+
+namespace {
+// The file's text, or nothing when it is missing, unreadable or not UTF-8.
+std::optional<QString> readUtf8File(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    const QByteArray bytes = file.readAll();
+    if (file.error() != QFileDevice::NoError)
+        return std::nullopt;
+    QStringDecoder decoder(QStringDecoder::Utf8);
+    QString text = decoder(bytes);
+    if (decoder.hasError())
+        return std::nullopt;
+    return text;
+}
+} // namespace
+
+void AppDelegate::reload()
+{
+    const std::optional<QString> text = readUtf8File(configURL);
+    if (!text) {
+        emptyConfig();
+        return;
+    }
+    draft().setText(*text);
+    refreshRadios();
+    setStatus(QStringLiteral("Configuration loaded"));
+}
+
+void AppDelegate::emptyConfig()
+{
+    draft().setText(documentText(emptyDocument()));
+    refreshRadios();
+    setStatus(QStringLiteral("No radios configured"));
+}
+
+void AppDelegate::newConfig()
+{
+    if (busy)
+        return;
+    if (!dialog(QStringLiteral("Delete configuration?"),
+                QStringLiteral("This will remove all configured radios immediately."), QStringLiteral("Are you sure?"),
+                true, nullptr))
+        return;
+    emptyConfig();
+    save();
+}
+
+void AppDelegate::json(const QJsonObject &document)
+{
+    draft().setText(documentText(document));
+    refreshRadios();
+}
+
+void AppDelegate::refreshRadios()
+{
+    const int previousRow = selectedRow();
+    entries = entriesFromDraft(draft().text());
+    static_cast<RadioListModel *>(table->model())->reload();
+    selectRow(rowToSelect(previousRow, int(entries.size())));
+    updateDetails();
+
+    enableButton->setEnabled(!busy && (enableButton->active() || !entries.isEmpty()));
+    enableButton->setToolTip(entries.isEmpty() ? QStringLiteral("Add or import a radio before enabling the service.")
+                                               : QString());
+}
+
+void AppDelegate::replaceEntries()
+{
+    const std::optional<QString> rewritten = draftWithRadios(draft().text(), entries);
+    if (!rewritten)
+        return;
+    draft().setText(*rewritten);
+    refreshRadios();
+    save();
+}
+
+void AppDelegate::toggleRadio()
+{
+    const int row = selectedRow();
+    if (busy || row < 0 || row >= entries.size()) {
+        updateDetails(); // the click changed nothing, so the box shows the entry again
+        return;
+    }
+    entries[row].insert(QStringLiteral("enabled"), enabledButton->checkState() == Qt::Checked);
+    replaceEntries();
+}
+
+void AppDelegate::removeRadio()
+{
+    const int row = selectedRow();
+    if (busy || row < 0 || row >= entries.size())
+        return;
+    entries.removeAt(row);
+    replaceEntries();
+}
+
+void AppDelegate::showFolder()
+{
+    QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo(configURL).path()));
+}

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+struct ProcessResult
+{
+    int exitCode = 0;
+    bool crashed = false;
+    QByteArray output; // standard output and standard error, interleaved as written
+
+    bool succeeded() const { return !crashed && exitCode == 0; }
+    // Output decoded as UTF-8 with malformed sequences replaced, never rejected.
+    QString text() const { return QString::fromUtf8(output); }
+};
+
+// Runs a program with an argument vector (no shell) and waits for it to end, however long
+// that takes: no time-out, no kill. Throws Error when the program cannot be started.
+// Blocks the calling thread; call it from background work only, except where a caller
+// deliberately waits on the main thread.
+ProcessResult runProcess(const QString &program, const QStringList &arguments);

@@ -1,0 +1,329 @@
+#include "TestSupport.h"
+
+#include "app/AppDelegate.h"
+#include "app/RadioTable.h"
+#include "app/ServiceButton.h"
+#include "app/StatusLabel.h"
+#include "platform/Background.h"
+#include "platform/Bundle.h"
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QCheckBox>
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListView>
+#include <QMainWindow>
+#include <QPushButton>
+#include <QTest>
+
+namespace {
+void put(const QString &path, const QByteArray &bytes)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    QVERIFY2(file.open(QIODevice::WriteOnly | QIODevice::Truncate), qPrintable(path));
+    file.write(bytes);
+}
+
+QByteArray get(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QString hexKey(const QString &address)
+{
+    const QByteArray hex = address.toUtf8().toHex();
+    return hex.isEmpty() ? QStringLiteral("empty") : QString::fromLatin1(hex);
+}
+} // namespace
+
+TestWorld::TestWorld() : m_oldHome(qgetenv("HOME")), m_oldTmp(qgetenv("TMPDIR"))
+{
+    QDir().mkpath(home());
+    QDir().mkpath(tempDir());
+    QDir().mkpath(resources());
+    qputenv("HOME", QFile::encodeName(home()));
+    qputenv("TMPDIR", QFile::encodeName(tempDir()));
+
+    const QString fake = resources() + QStringLiteral("/Veldspar");
+    QFile::copy(QStringLiteral(VELDSPAR_FAKES_DIR "/Veldspar"), fake);
+    QFile::setPermissions(fake, QFile::permissions(fake) | QFile::ExeOwner);
+    QFile::copy(QStringLiteral(VELDSPAR_SOURCE_RESOURCES_DIR "/Veldspar.svg"),
+                resources() + QStringLiteral("/Veldspar.svg"));
+    setBundleLocationForTesting(bundle());
+}
+
+TestWorld::~TestWorld()
+{
+    release();
+    backgroundPool().waitForDone();
+    QCoreApplication::sendPostedEvents();
+    setBundleLocationForTesting(QString());
+    qputenv("HOME", m_oldHome);
+    qputenv("TMPDIR", m_oldTmp);
+}
+
+QString TestWorld::home() const { return root() + QStringLiteral("/home"); }
+QString TestWorld::tempDir() const { return root() + QStringLiteral("/tmp"); }
+QString TestWorld::bundle() const { return root() + QStringLiteral("/Veldspar.app"); }
+QString TestWorld::resources() const { return bundle() + QStringLiteral("/Resources"); }
+QString TestWorld::configPath() const { return home() + QStringLiteral("/.local/share/Veldspar/config.json"); }
+QString TestWorld::fakeControl() const { return resources() + QStringLiteral("/fake"); }
+
+void TestWorld::writeConfig(const QByteArray &bytes) const { put(configPath(), bytes); }
+QByteArray TestWorld::readConfig() const { return get(configPath()); }
+bool TestWorld::configExists() const { return QFile::exists(configPath()); }
+
+void TestWorld::answerDiscover(const QString &address, const QByteArray &output, int status, bool hold) const
+{
+    const QString base = fakeControl() + QStringLiteral("/discover/") + hexKey(address);
+    put(base + QStringLiteral(".out"), output);
+    put(base + QStringLiteral(".status"), QByteArray::number(status));
+    if (hold)
+        put(base + QStringLiteral(".hold"), {});
+}
+
+void TestWorld::answerRadio(const QString &address, const QJsonObject &radio) const
+{
+    answerDiscover(address, "Connecting to " + address.toUtf8() + "\u2026\n"
+                                + QJsonDocument(radio).toJson(QJsonDocument::Compact) + '\n');
+}
+
+void TestWorld::setImportResult(const QByteArray &output, int status, bool hold) const
+{
+    put(fakeControl() + QStringLiteral("/import.out"), output);
+    put(fakeControl() + QStringLiteral("/import.status"), QByteArray::number(status));
+    if (hold)
+        put(fakeControl() + QStringLiteral("/import.hold"), {});
+}
+
+void TestWorld::release() const
+{
+    if (QDir(fakeControl()).exists())
+        put(fakeControl() + QStringLiteral("/release"), {});
+}
+
+void TestWorld::removeServiceExecutable() const
+{
+    QFile::remove(resources() + QStringLiteral("/Veldspar"));
+}
+
+QList<QStringList> TestWorld::calls() const
+{
+    QList<QStringList> result;
+    const QDir dir(fakeControl() + QStringLiteral("/calls"));
+    for (const QString &name : dir.entryList(QDir::Files, QDir::Name)) {
+        QByteArray bytes = get(dir.filePath(name));
+        if (bytes.endsWith('\0'))
+            bytes.chop(1);
+        QStringList arguments;
+        for (const QByteArray &argument : bytes.split('\0'))
+            arguments << QString::fromUtf8(argument);
+        result << arguments;
+    }
+    return result;
+}
+
+QStringList TestWorld::discoveredAddresses() const
+{
+    QStringList addresses;
+    for (const QStringList &call : calls())
+        if (call.size() == 2 && call.first() == QStringLiteral("--discover"))
+            addresses << call.at(1);
+    return addresses;
+}
+
+QList<QByteArray> TestWorld::importedFiles() const
+{
+    QList<QByteArray> files;
+    const QDir dir(fakeControl() + QStringLiteral("/imported"));
+    for (const QString &name : dir.entryList(QDir::Files, QDir::Name))
+        files << get(dir.filePath(name));
+    return files;
+}
+
+QStringList TestWorld::leftoverTemporaryFiles() const
+{
+    return QDir(tempDir()).entryList({QStringLiteral("Veldspar-*")}, QDir::Files);
+}
+
+DialogAnswerer::DialogAnswerer()
+{
+    m_timer.setInterval(10);
+    connect(&m_timer, &QTimer::timeout, this, &DialogAnswerer::poll);
+    m_timer.start();
+}
+
+void DialogAnswerer::willPress(const QString &button, const QString &typed)
+{
+    m_plans.append({button, typed});
+}
+
+QStringList DialogAnswerer::titles() const
+{
+    QStringList result;
+    for (const ShownDialog &dialog : m_shown)
+        result << (dialog.texts.isEmpty() ? QString() : dialog.texts.first());
+    return result;
+}
+
+void DialogAnswerer::poll()
+{
+    QWidget *modal = QApplication::activeModalWidget();
+    if (!modal || !modal->isVisible() || modal->property("answered").toBool())
+        return;
+    modal->setProperty("answered", true);
+
+    ShownDialog shown;
+    QList<QLabel *> labels = modal->findChildren<QLabel *>(Qt::FindDirectChildrenOnly);
+    std::sort(labels.begin(), labels.end(), [](QLabel *a, QLabel *b) { return a->y() < b->y(); });
+    for (QLabel *label : labels)
+        if (!label->text().isEmpty())
+            shown.texts << label->text();
+    shown.size = modal->size();
+    QPushButton *cancel = nullptr;
+    QPushButton *ok = nullptr;
+    for (QPushButton *button : modal->findChildren<QPushButton *>()) {
+        if (button->text() == QStringLiteral("Cancel"))
+            cancel = button;
+        if (button->text() == QStringLiteral("OK"))
+            ok = button;
+    }
+    shown.hasCancel = cancel != nullptr;
+    QLineEdit *field = modal->findChild<QLineEdit *>();
+    shown.hasInput = field != nullptr;
+    if (field)
+        shown.placeholder = field->placeholderText();
+
+    const Plan plan = m_plans.isEmpty() ? Plan{QStringLiteral("OK"), QString()} : m_plans.takeFirst();
+    if (field && !plan.typed.isNull()) {
+        field->setFocus();
+        field->selectAll();
+        QTest::keyClicks(field, plan.typed);
+    }
+    shown.answer = plan.button;
+    m_shown.append(shown);
+    QAbstractButton *press = plan.button == QStringLiteral("Cancel") ? cancel : ok;
+    if (!press) {
+        qWarning("The dialog has no %s button", qPrintable(plan.button));
+        return;
+    }
+    QTest::mouseClick(press, Qt::LeftButton);
+}
+
+RunningApp::RunningApp(const TestWorld &) : m_app(std::make_unique<AppDelegate>())
+{
+    m_app->applicationDidFinishLaunching();
+}
+
+RunningApp::~RunningApp()
+{
+    waitUntilIdle();
+}
+
+QMainWindow *RunningApp::window() const { return m_app->mainWindow(); }
+StatusLabel *RunningApp::status() const { return window()->findChild<StatusLabel *>(QStringLiteral("status")); }
+QListView *RunningApp::table() const { return window()->findChild<QListView *>(QStringLiteral("table")); }
+QLabel *RunningApp::detailTitle() const { return window()->findChild<QLabel *>(QStringLiteral("detailTitle")); }
+QLabel *RunningApp::value(const QString &key) const
+{
+    return window()->findChild<QLabel *>(QStringLiteral("value:") + key);
+}
+QCheckBox *RunningApp::includeBox() const { return window()->findChild<QCheckBox *>(QStringLiteral("enabledButton")); }
+QAbstractButton *RunningApp::removeButton() const
+{
+    return window()->findChild<QAbstractButton *>(QStringLiteral("removeButton"));
+}
+ServiceButton *RunningApp::serviceButton() const
+{
+    return window()->findChild<ServiceButton *>(QStringLiteral("enableButton"));
+}
+
+QAbstractButton *RunningApp::button(const QString &title) const
+{
+    for (QAbstractButton *candidate : window()->findChildren<QAbstractButton *>())
+        if (candidate->text() == title)
+            return candidate;
+    qWarning("No button titled %s", qPrintable(title));
+    return nullptr;
+}
+
+QString RunningApp::statusText() const { return status()->text(); }
+int RunningApp::rowCount() const { return table()->model()->rowCount(); }
+
+int RunningApp::selectedRow() const
+{
+    const QModelIndexList rows = table()->selectionModel()->selectedRows();
+    return rows.isEmpty() ? -1 : rows.first().row();
+}
+
+void RunningApp::selectRow(int row) const
+{
+    if (row < 0) {
+        table()->selectionModel()->clearSelection();
+        return;
+    }
+    const QModelIndex index = table()->model()->index(row, 0);
+    table()->scrollTo(index);
+    QTest::mouseClick(table()->viewport(), Qt::LeftButton, {}, table()->visualRect(index).center());
+}
+
+QStringList RunningApp::rowTexts(int row) const
+{
+    const QModelIndex index = table()->model()->index(row, 0);
+    return {index.data(Qt::DisplayRole).toString(), index.data(RadioListModel::SubtitleRole).toString()};
+}
+
+void RunningApp::click(QAbstractButton *button) const
+{
+    QVERIFY(button);
+    QTest::mouseClick(button, Qt::LeftButton);
+}
+
+bool RunningApp::waitUntilIdle(int timeoutMs) const
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < timeoutMs) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+        if (!m_app->isBusy() && backgroundPool().activeThreadCount() == 0) {
+            QCoreApplication::processEvents();
+            if (!m_app->isBusy())
+                return true;
+        }
+        QTest::qWait(10);
+    }
+    return false;
+}
+
+QJsonObject radio(const QString &address, const QString &serial, const QString &name, const QString &version)
+{
+    QJsonObject entry{{QStringLiteral("ipAddress"), address}, {QStringLiteral("enabled"), true}};
+    if (!serial.isNull())
+        entry.insert(QStringLiteral("serialNumber"), serial);
+    if (!name.isNull())
+        entry.insert(QStringLiteral("name"), name);
+    if (!version.isNull())
+        entry.insert(QStringLiteral("version"), version);
+    return entry;
+}
+
+QByteArray configWith(const QList<QJsonObject> &radios)
+{
+    QJsonArray list;
+    for (const QJsonObject &entry : radios)
+        list.append(entry);
+    return QJsonDocument(QJsonObject{{QStringLiteral("broadcastIntervalMs"), 3000}, {QStringLiteral("radios"), list}})
+        .toJson(QJsonDocument::Indented);
+}
+
+QJsonObject parseObject(const QByteArray &bytes)
+{
+    return QJsonDocument::fromJson(bytes).object();
+}

@@ -1,0 +1,135 @@
+#pragma once
+
+#include <QByteArray>
+#include <QJsonObject>
+#include <QList>
+#include <QObject>
+#include <QSize>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <QTimer>
+
+#include <memory>
+
+class AppDelegate;
+class QAbstractButton;
+class QCheckBox;
+class QLabel;
+class QListView;
+class QMainWindow;
+class ServiceButton;
+class StatusLabel;
+
+// A private world for one test: HOME, TMPDIR and a bundle of its own, whose Resources/ holds
+// the stand-in service executable from tests/fakes/. Nothing outside it is touched.
+class TestWorld
+{
+public:
+    TestWorld();
+    ~TestWorld();
+
+    QString root() const { return m_dir.path(); }
+    QString home() const;
+    QString tempDir() const;
+    QString bundle() const;
+    QString resources() const;
+    QString configPath() const;
+
+    void writeConfig(const QByteArray &bytes) const;
+    QByteArray readConfig() const; // empty when the file is missing
+    bool configExists() const;
+
+    // Scripts the stand-in's answer to "--discover address".
+    void answerDiscover(const QString &address, const QByteArray &output, int status = 0, bool hold = false) const;
+    // A radio description in the stand-in's answer, one JSON line after a progress line.
+    void answerRadio(const QString &address, const QJsonObject &radio) const;
+    void setImportResult(const QByteArray &output, int status, bool hold = false) const;
+    void release() const; // lets held answers go
+    void removeServiceExecutable() const;
+
+    // Each call of the stand-in, as its argument list, in order.
+    QList<QStringList> calls() const;
+    QStringList discoveredAddresses() const;
+    QList<QByteArray> importedFiles() const;
+    QStringList leftoverTemporaryFiles() const;
+
+private:
+    QString fakeControl() const;
+    QTemporaryDir m_dir;
+    QByteArray m_oldHome;
+    QByteArray m_oldTmp;
+};
+
+struct ShownDialog
+{
+    QStringList texts;     // title, detail and question as shown, in order
+    bool hasCancel = false;
+    bool hasInput = false;
+    QString placeholder;
+    QSize size;
+    QString answer;        // "OK" or "Cancel"
+};
+
+// Answers the app's modal dialogs as a user would: waits for the active modal widget, records
+// every text it shows, types into its input field when told to, and presses OK or Cancel.
+class DialogAnswerer : public QObject
+{
+    Q_OBJECT
+
+public:
+    DialogAnswerer();
+
+    // Planned answers, used in order; a dialog with no planned answer gets OK.
+    void willPress(const QString &button, const QString &typed = QString());
+
+    const QList<ShownDialog> &shown() const { return m_shown; }
+    QStringList titles() const;
+
+private:
+    void poll();
+    struct Plan
+    {
+        QString button;
+        QString typed;
+    };
+    QList<Plan> m_plans;
+    QList<ShownDialog> m_shown;
+    QTimer m_timer;
+};
+
+// The started application with a test's view of its controls.
+class RunningApp
+{
+public:
+    explicit RunningApp(const TestWorld &world);
+    ~RunningApp();
+
+    AppDelegate &app() const { return *m_app; }
+    QMainWindow *window() const;
+    StatusLabel *status() const;
+    QListView *table() const;
+    QLabel *detailTitle() const;
+    QLabel *value(const QString &key) const;
+    QCheckBox *includeBox() const;
+    QAbstractButton *removeButton() const;
+    ServiceButton *serviceButton() const;
+    QAbstractButton *button(const QString &title) const;
+
+    QString statusText() const;
+    int rowCount() const;
+    int selectedRow() const;
+    void selectRow(int row) const;
+    QStringList rowTexts(int row) const; // the two lines of a row
+    void click(QAbstractButton *button) const;
+    // Waits until no save or probe is running and background work has finished.
+    bool waitUntilIdle(int timeoutMs = 20000) const;
+
+private:
+    std::unique_ptr<AppDelegate> m_app;
+};
+
+QJsonObject radio(const QString &address, const QString &serial, const QString &name = QString(),
+                  const QString &version = QStringLiteral("3.3.32.8203"));
+QByteArray configWith(const QList<QJsonObject> &radios);
+QJsonObject parseObject(const QByteArray &bytes);
