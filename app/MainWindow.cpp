@@ -201,7 +201,7 @@ QLayout *AppDelegate::buildSplitRow()
 
     detailTitle = label(QStringLiteral("Select a radio"), 19, QFont::DemiBold);
     detailTitle->setObjectName(QStringLiteral("detailTitle"));
-    detailsStack->addWidget(detailTitle);
+    detailsStack->addWidget(detailTitle, 0, Qt::AlignLeft);
     for (const DetailField &field : detailFields()) {
         auto *block = new QVBoxLayout;
         block->setSpacing(3);
@@ -217,11 +217,11 @@ QLayout *AppDelegate::buildSplitRow()
     enabledButton = new QCheckBox(QStringLiteral("Include in discovery"));
     enabledButton->setObjectName(QStringLiteral("enabledButton"));
     connect(enabledButton, &QCheckBox::clicked, this, &AppDelegate::toggleRadio);
-    detailsStack->addWidget(enabledButton);
+    detailsStack->addWidget(enabledButton, 0, Qt::AlignLeft);
 
     removeButton = button(QStringLiteral("Remove Radio"), &AppDelegate::removeRadio);
     removeButton->setObjectName(QStringLiteral("removeButton"));
-    detailsStack->addWidget(removeButton);
+    detailsStack->addWidget(removeButton, 0, Qt::AlignLeft);
 
     split->addWidget(details, 1, Qt::AlignTop);
     return split;

@@ -1,4 +1,197 @@
+#include "TestSupport.h"
+
+#include "platform/Background.h"
+#include "platform/Bundle.h"
+#include "platform/Error.h"
+#include "platform/Json.h"
+#include "platform/Paths.h"
+#include "platform/Process.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QTemporaryDir>
+#include <QThread>
 #include <QtTest>
-class T : public QObject { Q_OBJECT };
-QTEST_MAIN(T)
+
+class PlatformTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void messageErrorRendersGenericSentence()
+    {
+        const Error error = Error::withMessage(QStringLiteral("Invalid configuration"));
+        QCOMPARE(error.code(), 1);
+        QCOMPARE(error.localizedDescription(),
+                 QStringLiteral("The operation couldn\u2019t be completed. (Invalid configuration error 1.)"));
+        QCOMPARE(error.description(),
+                 QStringLiteral("Error Domain=Invalid configuration Code=1 \"The operation couldn\u2019t be completed. "
+                                "(Invalid configuration error 1.)\""));
+    }
+
+    void errorWithDescriptionShowsItAndItsUserInfo()
+    {
+        const Error error(QStringLiteral("QFile"), 5, {{Error::descriptionKey, QStringLiteral("/x: Permission denied")}});
+        QCOMPARE(error.localizedDescription(), QStringLiteral("/x: Permission denied"));
+        QCOMPARE(error.description(), QStringLiteral("Error Domain=QFile Code=5 \"/x: Permission denied\" "
+                                                     "UserInfo={NSLocalizedDescription=/x: Permission denied}"));
+    }
+
+    void writtenJsonIsIndentedWithSortedKeys()
+    {
+        const QJsonObject document{{QStringLiteral("radios"), QJsonArray{QJsonObject{{QStringLiteral("b"), 1},
+                                                                                    {QStringLiteral("a"), true}}}},
+                                   {QStringLiteral("broadcastIntervalMs"), 3000},
+                                   {QStringLiteral("Zed"), QStringLiteral("x")}};
+        QCOMPARE(writeJson(document), QByteArray("{\n"
+                                                 "    \"Zed\": \"x\",\n"
+                                                 "    \"broadcastIntervalMs\": 3000,\n"
+                                                 "    \"radios\": [\n"
+                                                 "        {\n"
+                                                 "            \"a\": true,\n"
+                                                 "            \"b\": 1\n"
+                                                 "        }\n"
+                                                 "    ]\n"
+                                                 "}\n"));
+    }
+
+    void readingRejectsFragmentsAndBrokenText_data()
+    {
+        QTest::addColumn<QByteArray>("text");
+        QTest::newRow("bare number") << QByteArray("5");
+        QTest::newRow("bare string") << QByteArray("\"radios\"");
+        QTest::newRow("truncated object") << QByteArray("{\"radios\": [");
+        QTest::newRow("invalid UTF-8 in a string") << QByteArray("{\"name\": \"\xff\"}");
+        QTest::newRow("empty") << QByteArray();
+    }
+
+    void readingRejectsFragmentsAndBrokenText()
+    {
+        QFETCH(QByteArray, text);
+        try {
+            readJson(text);
+            QFAIL("accepted");
+        } catch (const Error &error) {
+            QCOMPARE(error.domain(), QStringLiteral("QJsonParseError"));
+            QVERIFY(error.localizedDescription().startsWith(QStringLiteral("JSON text is not valid: ")));
+        }
+    }
+
+    void readingAcceptsObjectsAndArrays()
+    {
+        QVERIFY(readJson("{\"a\": 1}").isObject());
+        QVERIFY(readJson(" [1, 2] ").isArray());
+    }
+
+    void processOutputMergesBothStreamsInOrder()
+    {
+        const ProcessResult result = runProcess(QStringLiteral("/bin/sh"),
+                                                {QStringLiteral("-c"), QStringLiteral("echo one; echo two >&2; echo three; exit 3")});
+        QCOMPARE(result.output, QByteArray("one\ntwo\nthree\n"));
+        QCOMPARE(result.exitCode, 3);
+        QVERIFY(!result.succeeded());
+    }
+
+    void processOutputKeepsInvalidUtf8AsReplacementCharacters()
+    {
+        const ProcessResult result = runProcess(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), QStringLiteral("printf 'a\\377b'")});
+        QVERIFY(result.succeeded());
+        QCOMPARE(result.text(), QStringLiteral("a\uFFFDb"));
+    }
+
+    void processThatPrintsMuchDoesNotBlock()
+    {
+        const ProcessResult result = runProcess(QStringLiteral("/bin/sh"),
+                                                {QStringLiteral("-c"), QStringLiteral("head -c 1000000 /dev/zero")});
+        QVERIFY(result.succeeded());
+        QCOMPARE(result.output.size(), 1000000);
+    }
+
+    void processKilledBySignalIsAFailure()
+    {
+        const ProcessResult result = runProcess(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), QStringLiteral("kill -9 $$")});
+        QVERIFY(result.crashed);
+        QVERIFY(!result.succeeded());
+    }
+
+    void programThatCannotStartThrowsTheLaunchError()
+    {
+        QTemporaryDir dir;
+        const QString missing = dir.filePath(QStringLiteral("no such program"));
+        try {
+            runProcess(missing, {});
+            QFAIL("started");
+        } catch (const Error &error) {
+            QCOMPARE(error.domain(), QStringLiteral("QProcess"));
+            QCOMPARE(error.code(), 0); // QProcess::FailedToStart
+            QVERIFY2(error.localizedDescription().startsWith(missing + QStringLiteral(": ")),
+                     qPrintable(error.localizedDescription()));
+        }
+    }
+
+    void argumentsReachTheProgramUnchanged()
+    {
+        const QString odd = QStringLiteral(" two  spaces, 'quote' \"double\" \\ $HOME ;");
+        const ProcessResult result = runProcess(QStringLiteral("/usr/bin/printf"), {QStringLiteral("%s"), odd});
+        QCOMPARE(result.text(), odd);
+    }
+
+    void bundleLocationIsCleanedAndHoldsResources()
+    {
+        QTemporaryDir dir;
+        QDir().mkpath(dir.filePath(QStringLiteral("Veldspar.app/Resources")));
+        setBundleLocationForTesting(dir.path() + QStringLiteral("/x/../Veldspar.app/./"));
+        QCOMPARE(bundleLocation(), dir.path() + QStringLiteral("/Veldspar.app"));
+        QCOMPARE(resourcePath(QStringLiteral("Veldspar")), dir.path() + QStringLiteral("/Veldspar.app/Resources/Veldspar"));
+        setBundleLocationForTesting(QString());
+        QCOMPARE(bundleLocation(), QCoreApplication::applicationDirPath());
+    }
+
+    void supportFolderFollowsHome()
+    {
+        TestWorld world;
+        QCOMPARE(supportFolder(), world.home() + QStringLiteral("/.local/share/Veldspar"));
+        QCOMPARE(configFilePath(), world.home() + QStringLiteral("/.local/share/Veldspar/config.json"));
+    }
+
+    void backgroundPoolHasRoomForStuckWork()
+    {
+        QVERIFY(backgroundPool().maxThreadCount() >= 16);
+        QVERIFY(&backgroundPool() != QThreadPool::globalInstance());
+    }
+
+    void backgroundResultArrivesOnTheMainThread()
+    {
+        QObject receiver;
+        QThread *worker = nullptr;
+        QThread *delivered = nullptr;
+        int value = 0;
+        runInBackground(
+            &receiver, [&worker] { worker = QThread::currentThread(); return 42; },
+            [&](int result) { value = result; delivered = QThread::currentThread(); });
+        QTRY_COMPARE(value, 42);
+        QVERIFY(worker != QThread::currentThread());
+        QCOMPARE(delivered, QThread::currentThread());
+    }
+
+    void backgroundResultIsDroppedWhenTheReceiverIsGone()
+    {
+        auto receiver = std::make_unique<QObject>();
+        QSemaphore started;
+        QSemaphore proceed;
+        bool delivered = false;
+        runInBackground(
+            receiver.get(), [&] { started.release(); proceed.acquire(); return 1; }, [&](int) { delivered = true; });
+        started.acquire();
+        receiver.reset();
+        proceed.release();
+        backgroundPool().waitForDone();
+        QCoreApplication::processEvents();
+        QCoreApplication::sendPostedEvents();
+        QVERIFY(!delivered);
+    }
+};
+
+QTEST_MAIN(PlatformTest)
 #include "tst_platform.moc"

@@ -1,0 +1,52 @@
+# The two everyday commands: `make run` and `make test`.
+BUILD_DIR  ?= build
+BUILD_TYPE ?= RelWithDebInfo
+ASAN_DIR   ?= build-sanitize
+BUNDLE     := $(BUILD_DIR)/Veldspar.app
+JOBS       ?= $(shell nproc)
+
+.PHONY: all deps configure build display run test screenshot install sanitize bench clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+configure: deps
+	@cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) >/dev/null
+
+build: configure
+	@cmake --build $(BUILD_DIR) -j $(JOBS)
+
+run: display build
+	@$(BUNDLE)/Veldspar
+
+display:
+	@if [ -z "$$DISPLAY" ] && [ -z "$$WAYLAND_DISPLAY" ]; then \
+	  echo "Veldspar needs a desktop session (DISPLAY or WAYLAND_DISPLAY is not set); try 'make screenshot' to see the window under Xvfb."; \
+	  exit 1; \
+	fi
+
+test: build
+	@cd $(BUILD_DIR) && ctest --output-on-failure
+
+# Opens the app under Xvfb and saves its window to build/screenshot.png.
+screenshot: build
+	@xvfb-run -a -s "-screen 0 1280x900x24 -dpi 96" $(BUILD_DIR)/tools/screenshot $(BUNDLE) $(BUILD_DIR)/screenshot.png
+
+install: build
+	@scripts/install-bundle $(BUNDLE)
+
+# Every test again under AddressSanitizer and UndefinedBehaviorSanitizer.
+sanitize: deps
+	@cmake -S . -B $(ASAN_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVELDSPAR_SANITIZE=ON >/dev/null
+	@cmake --build $(ASAN_DIR) -j $(JOBS)
+	@cd $(ASAN_DIR) && ctest --output-on-failure
+
+bench: deps
+	@cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
+	@cmake --build build-bench -j $(JOBS)
+	@bench/run build-bench
+
+clean:
+	@rm -rf $(BUILD_DIR) $(ASAN_DIR) build-bench
