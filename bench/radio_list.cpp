@@ -19,6 +19,7 @@
 #include <QListView>
 #include <QMainWindow>
 #include <QTemporaryDir>
+#include <QWindow>
 
 #include <algorithm>
 #include <cstdio>
@@ -77,6 +78,9 @@ int main(int argc, char *argv[])
     delegate.applicationDidFinishLaunching();
     QMainWindow *window = delegate.mainWindow();
     auto *status = window->findChild<StatusLabel *>(QStringLiteral("status"));
+    // A repaint of a window that is not on screen yet paints nothing.
+    while (!window->windowHandle() || !window->windowHandle()->isExposed())
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 20);
 
     for (int count : {10, 1000, 10000}) {
         writeFile(delegate.configPath(), configOf(count));
