@@ -40,14 +40,18 @@ void AppDelegate::reload()
     }
     draft().setText(*text);
     refreshRadios();
-    setStatus(QStringLiteral("Configuration loaded"));
+    // "Reload" works while a save is verifying; that save keeps the status line, which goes
+    // on saying the radios are being checked until the save reports the replaced draft.
+    if (!busy)
+        setStatus(QStringLiteral("Configuration loaded"));
 }
 
 void AppDelegate::emptyConfig()
 {
     draft().setText(documentText(emptyDocument()));
     refreshRadios();
-    setStatus(QStringLiteral("No radios configured"));
+    if (!busy) // as in reload: a verifying save keeps the status line
+        setStatus(QStringLiteral("No radios configured"));
 }
 
 void AppDelegate::newConfig()

@@ -1,4 +1,1028 @@
+#include "TestSupport.h"
+
+#include "app/AppDelegate.h"
+#include "app/ServiceButton.h"
+#include "config/Verification.h"
+#include "platform/Error.h"
+
+#include <QAbstractButton>
+#include <QCheckBox>
+#include <QDir>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QLabel>
+#include <QProcess>
+#include <QRegularExpression>
 #include <QtTest>
-class T : public QObject { Q_OBJECT };
-QTEST_MAIN(T)
+
+namespace {
+const QString checking = QStringLiteral("Checking radio identities before saving\u2026");
+const QString saved = QStringLiteral("Saved. Previous configuration backed up; running service reloads automatically.");
+const QString loaded = QStringLiteral("Configuration loaded");
+const QString noRadios = QStringLiteral("No radios configured");
+const QString notSaved = QStringLiteral("Not saved; existing configuration unchanged.");
+const QString cannotSave = QStringLiteral("Cannot save until radio details are resolved: ");
+const QString addFirstTip = QStringLiteral("Add or import a radio before enabling the service.");
+const QString placeholder = QStringLiteral("0000-0000-0000-0000");
+
+// The document the app starts from when there is nothing usable on disk, as written.
+const QByteArray emptyDocumentText = "{\n"
+                                     "    \"broadcastIntervalMs\": 3000,\n"
+                                     "    \"radios\": [\n"
+                                     "    ]\n"
+                                     "}\n";
+
+// How an error made of a message alone reads in a dialog.
+QString messageText(const QString &message)
+{
+    return QStringLiteral("The operation couldn\u2019t be completed. (") + message + QStringLiteral(" error 1.)");
+}
+
+QList<QStringList> importCalls(const TestWorld &world)
+{
+    QList<QStringList> result;
+    for (const QStringList &call : world.calls())
+        if (call.size() == 4 && call.at(0) == QStringLiteral("--config") && call.at(2) == QStringLiteral("--import"))
+            result << call;
+    return result;
+}
+
+QJsonObject object(const char *json)
+{
+    return QJsonDocument::fromJson(json).object();
+}
+
+QJsonObject withKey(QJsonObject entry, const QString &key, const QJsonValue &value)
+{
+    entry.insert(key, value);
+    return entry;
+}
+
+// The form every document the app produces has.
+QByteArray written(const QJsonObject &document)
+{
+    return QJsonDocument(document).toJson(QJsonDocument::Indented);
+}
+} // namespace
+
+// One information dialog was shown: the message alone, no Cancel, no input field.
+#define COMPARE_ONE_INFORMATION(answerer, message)                                                                     \
+    do {                                                                                                               \
+        QCOMPARE((answerer).shown().size(), 1);                                                                        \
+        QCOMPARE((answerer).shown().constFirst().texts, QStringList{message});                                         \
+        QVERIFY(!(answerer).shown().constFirst().hasCancel);                                                           \
+        QVERIFY(!(answerer).shown().constFirst().hasInput);                                                            \
+    } while (false)
+
+class ConfigTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    // ---- The document, the draft and the table ----
+
+    void emptyObjectLoadsUnchangedAndOffersNoRadioActions()
+    {
+        TestWorld world;
+        world.writeConfig("{}");
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        QCOMPARE(app.app().draftText(), QStringLiteral("{}"));
+        QCOMPARE(app.statusText(), loaded);
+        QCOMPARE(app.rowCount(), 0);
+        QCOMPARE(app.detailTitle()->text(), QStringLiteral("Add your first radio"));
+        QVERIFY(!app.includeBox()->isEnabled());
+        QVERIFY(!app.removeButton()->isEnabled());
+
+        // Even when asked directly, with no row there is nothing to toggle or remove.
+        app.app().toggleRadio();
+        app.app().removeRadio();
+        QVERIFY(app.waitUntilIdle());
+
+        QCOMPARE(app.app().draftText(), QStringLiteral("{}"));
+        QCOMPARE(app.statusText(), loaded);
+        QCOMPARE(world.readConfig(), QByteArray("{}"));
+        QVERIFY(world.calls().isEmpty());
+        QVERIFY(answerer.shown().isEmpty());
+    }
+
+    void invalidJsonShowsNoRadiosAndIsNeverRewritten()
+    {
+        const QByteArray broken = "{\"radios\": [{\"ipAddress\": \"10.0.0.1\"}";
+        TestWorld world;
+        world.writeConfig(broken);
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(broken));
+        QCOMPARE(app.statusText(), loaded);
+        QCOMPARE(app.rowCount(), 0);
+        QCOMPARE(app.detailTitle()->text(), QStringLiteral("Add your first radio"));
+
+        // Writing the table back needs a JSON object to write into: nothing changes, nothing is saved.
+        app.app().replaceEntries();
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(broken));
+        QCOMPARE(app.statusText(), loaded);
+        QVERIFY(world.calls().isEmpty());
+        QVERIFY(answerer.shown().isEmpty());
+
+        // A save of it reports the parser's complaint and leaves the file alone.
+        QJsonParseError parseError;
+        QJsonDocument::fromJson(broken, &parseError);
+        app.app().save();
+        QVERIFY(app.waitUntilIdle());
+        COMPARE_ONE_INFORMATION(answerer, cannotSave + QStringLiteral("JSON text is not valid: ")
+                                              + parseError.errorString() + QStringLiteral(" at offset ")
+                                              + QString::number(parseError.offset) + u'.');
+        QCOMPARE(app.statusText(), notSaved);
+        QCOMPARE(world.readConfig(), broken);
+        QVERIFY(world.calls().isEmpty());
+    }
+
+    void fileThatIsNotUtf8LoadsTheEmptyDocument()
+    {
+        const QByteArray latin1 = "{\"broadcastIntervalMs\": 3000, \"radios\": [{\"ipAddress\": \"10.0.0.1\", "
+                                  "\"name\": \"Caf\xe9\"}]}";
+        TestWorld world;
+        world.writeConfig(latin1);
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(emptyDocumentText));
+        QCOMPARE(app.statusText(), noRadios);
+        QCOMPARE(app.rowCount(), 0);
+        QCOMPARE(app.detailTitle()->text(), QStringLiteral("Add your first radio"));
+        // Only the draft is replaced; the file stays as it was.
+        QCOMPARE(world.readConfig(), latin1);
+        QVERIFY(world.calls().isEmpty());
+        QVERIFY(answerer.shown().isEmpty());
+    }
+
+    void missingFileLoadsTheEmptyDocumentWithoutWritingIt()
+    {
+        TestWorld world;
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(emptyDocumentText));
+        QCOMPARE(app.statusText(), noRadios);
+        QCOMPARE(app.rowCount(), 0);
+        QCOMPARE(app.serviceButton()->toolTip(), addFirstTip);
+        QVERIFY(!world.configExists());
+        QVERIFY(world.calls().isEmpty());
+        QVERIFY(answerer.shown().isEmpty());
+    }
+
+    void selectionIsClampedIntoRangeAfterReload()
+    {
+        const QStringList six = {QStringLiteral("One"),  QStringLiteral("Two"),  QStringLiteral("Three"),
+                                 QStringLiteral("Four"), QStringLiteral("Five"), QStringLiteral("Six")};
+        QList<QJsonObject> radios;
+        for (int i = 0; i < six.size(); ++i)
+            radios << radio(QStringLiteral("10.0.0.%1").arg(i + 1), QStringLiteral("1000-0000-0000-000%1").arg(i),
+                            six.at(i));
+        TestWorld world;
+        world.writeConfig(configWith(radios));
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        QCOMPARE(app.rowCount(), 6);
+        QCOMPARE(app.selectedRow(), 0);
+        app.selectRow(5);
+        QCOMPARE(app.selectedRow(), 5);
+        QCOMPARE(app.detailTitle()->text(), QStringLiteral("Six"));
+
+        world.writeConfig(configWith(
+            {radio(QStringLiteral("10.0.1.1"), QStringLiteral("2000-0000-0000-0001"), QStringLiteral("Alpha")),
+             radio(QStringLiteral("10.0.1.2"), QStringLiteral("2000-0000-0000-0002"), QStringLiteral("Bravo")),
+             radio(QStringLiteral("10.0.1.3"), QStringLiteral("2000-0000-0000-0003"), QStringLiteral("Charlie"))}));
+        app.click(app.button(QStringLiteral("Reload")));
+        QCOMPARE(app.rowCount(), 3);
+        QCOMPARE(app.selectedRow(), 2);
+        QCOMPARE(app.detailTitle()->text(), QStringLiteral("Charlie"));
+        QCOMPARE(app.value(QStringLiteral("ipAddress"))->text(), QStringLiteral("10.0.1.3"));
+
+        app.selectRow(-1);
+        QCOMPARE(app.detailTitle()->text(), QStringLiteral("Select a radio"));
+        app.click(app.button(QStringLiteral("Reload")));
+        QCOMPARE(app.selectedRow(), 0);
+        QCOMPARE(app.detailTitle()->text(), QStringLiteral("Alpha"));
+        QCOMPARE(app.statusText(), loaded);
+        QVERIFY(world.calls().isEmpty());
+        QVERIFY(answerer.shown().isEmpty());
+    }
+
+    void removingTheLastRadioSavesAnEmptyList()
+    {
+        TestWorld world;
+        world.writeConfig(configWith(
+            {radio(QStringLiteral("10.0.0.8"), QStringLiteral("1234-5678-9012-3456"), QStringLiteral("Solo"))}));
+        DialogAnswerer answerer;
+        RunningApp app(world);
+        QCOMPARE(app.rowCount(), 1);
+        QCOMPARE(app.serviceButton()->toolTip(), QString());
+        QVERIFY(app.serviceButton()->isEnabled());
+
+        app.click(app.removeButton());
+        QVERIFY(app.waitUntilIdle());
+
+        QCOMPARE(world.readConfig(), emptyDocumentText);
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(emptyDocumentText));
+        QCOMPARE(importCalls(world).size(), 1);
+        QVERIFY(world.discoveredAddresses().isEmpty());
+        QCOMPARE(app.statusText(), saved);
+        QCOMPARE(app.rowCount(), 0);
+        QCOMPARE(app.detailTitle()->text(), QStringLiteral("Add your first radio"));
+        QCOMPARE(app.serviceButton()->toolTip(), addFirstTip);
+        QVERIFY(!app.serviceButton()->isEnabled());
+        QVERIFY(answerer.shown().isEmpty());
+    }
+
+    void enabledHeldAsTextShowsDisabled()
+    {
+        const QJsonObject entry =
+            withKey(radio(QStringLiteral("10.0.0.7"), QStringLiteral("7777-0000-0000-0007"), QStringLiteral("Tower")),
+                    QStringLiteral("enabled"), QStringLiteral("true"));
+        TestWorld world;
+        world.writeConfig(configWith({entry}));
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        QCOMPARE(app.rowTexts(0), (QStringList{QStringLiteral("Tower"), QStringLiteral("10.0.0.7  \u00B7  Disabled")}));
+        QVERIFY(!app.includeBox()->isChecked());
+        QVERIFY(app.includeBox()->isEnabled());
+
+        // Ticking the box stores a real boolean.
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(app.statusText(), saved);
+        QCOMPARE(world.readConfig(), configWith({withKey(entry, QStringLiteral("enabled"), true)}));
+        QCOMPARE(app.rowTexts(0), (QStringList{QStringLiteral("Tower"), QStringLiteral("10.0.0.7  \u00B7  Enabled")}));
+        QVERIFY(app.includeBox()->isChecked());
+        QVERIFY(answerer.shown().isEmpty());
+    }
+
+    void unknownKeysSurviveAToggleSortedAndIndented()
+    {
+        TestWorld world;
+        world.writeConfig("{\"zeta\":{\"b\":1,\"a\":[1,2]},\"radios\":[{\"ipAddress\":\"10.0.0.2\","
+                          "\"serialNumber\":\"1111-2222-3333-4444\",\"version\":\"3.3.32.8203\",\"name\":\"Shack\","
+                          "\"enabled\":false,\"antenna\":\"ANT2\",\"notes\":{\"z\":1,\"a\":\"x\"}}],"
+                          "\"broadcastIntervalMs\":2500,\"alpha\":\"first\"}");
+        DialogAnswerer answerer;
+        RunningApp app(world);
+        QVERIFY(!app.includeBox()->isChecked());
+
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+
+        const QByteArray expected = "{\n"
+                                    "    \"alpha\": \"first\",\n"
+                                    "    \"broadcastIntervalMs\": 2500,\n"
+                                    "    \"radios\": [\n"
+                                    "        {\n"
+                                    "            \"antenna\": \"ANT2\",\n"
+                                    "            \"enabled\": true,\n"
+                                    "            \"ipAddress\": \"10.0.0.2\",\n"
+                                    "            \"name\": \"Shack\",\n"
+                                    "            \"notes\": {\n"
+                                    "                \"a\": \"x\",\n"
+                                    "                \"z\": 1\n"
+                                    "            },\n"
+                                    "            \"serialNumber\": \"1111-2222-3333-4444\",\n"
+                                    "            \"version\": \"3.3.32.8203\"\n"
+                                    "        }\n"
+                                    "    ],\n"
+                                    "    \"zeta\": {\n"
+                                    "        \"a\": [\n"
+                                    "            1,\n"
+                                    "            2\n"
+                                    "        ],\n"
+                                    "        \"b\": 1\n"
+                                    "    }\n"
+                                    "}\n";
+        QCOMPARE(world.readConfig(), expected);
+        QCOMPARE(world.importedFiles(), QList<QByteArray>{expected});
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(expected));
+        QCOMPARE(app.statusText(), saved);
+        QVERIFY(world.discoveredAddresses().isEmpty());
+        QVERIFY(answerer.shown().isEmpty());
+    }
+
+    void unknownKeysSurviveARemove()
+    {
+        TestWorld world;
+        world.writeConfig("{\"radios\":[{\"ipAddress\":\"10.0.0.2\",\"serialNumber\":\"1111-2222-3333-4444\","
+                          "\"version\":\"3.3.32.8203\",\"name\":\"Shack\"},{\"ipAddress\":\"10.0.0.3\","
+                          "\"serialNumber\":\"5555-6666-7777-8888\",\"version\":\"3.3.32.8203\",\"name\":\"Roof\","
+                          "\"enabled\":true,\"port\":4992}],\"site\":\"Cabin\"}");
+        DialogAnswerer answerer;
+        RunningApp app(world);
+        QCOMPARE(app.rowCount(), 2);
+
+        app.click(app.removeButton()); // row 0 is selected after loading
+        QVERIFY(app.waitUntilIdle());
+
+        const QByteArray expected = "{\n"
+                                    "    \"radios\": [\n"
+                                    "        {\n"
+                                    "            \"enabled\": true,\n"
+                                    "            \"ipAddress\": \"10.0.0.3\",\n"
+                                    "            \"name\": \"Roof\",\n"
+                                    "            \"port\": 4992,\n"
+                                    "            \"serialNumber\": \"5555-6666-7777-8888\",\n"
+                                    "            \"version\": \"3.3.32.8203\"\n"
+                                    "        }\n"
+                                    "    ],\n"
+                                    "    \"site\": \"Cabin\"\n"
+                                    "}\n";
+        QCOMPARE(world.readConfig(), expected);
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(expected));
+        QCOMPARE(app.rowCount(), 1);
+        QCOMPARE(app.detailTitle()->text(), QStringLiteral("Roof"));
+        QCOMPARE(app.statusText(), saved);
+        QVERIFY(answerer.shown().isEmpty());
+    }
+
+    void compactFileStaysAsStoredUntilTheNextSave()
+    {
+        const QByteArray compact = "{\"radios\":[{\"version\":\"3.3.32.8203\",\"serialNumber\":\"1111-2222-3333-4444\","
+                                   "\"ipAddress\":\"10.0.0.2\",\"enabled\":true}],\"broadcastIntervalMs\":3000}";
+        TestWorld world;
+        DialogAnswerer answerer;
+        RunningApp app(world);
+        QCOMPARE(app.statusText(), noRadios);
+
+        world.writeConfig(compact);
+        app.click(app.button(QStringLiteral("Reload")));
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(compact));
+        QCOMPARE(app.statusText(), loaded);
+        QCOMPARE(app.rowTexts(0), (QStringList{QStringLiteral("Radio"), QStringLiteral("10.0.0.2  \u00B7  Enabled")}));
+
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+        const QByteArray expected = "{\n"
+                                    "    \"broadcastIntervalMs\": 3000,\n"
+                                    "    \"radios\": [\n"
+                                    "        {\n"
+                                    "            \"enabled\": false,\n"
+                                    "            \"ipAddress\": \"10.0.0.2\",\n"
+                                    "            \"serialNumber\": \"1111-2222-3333-4444\",\n"
+                                    "            \"version\": \"3.3.32.8203\"\n"
+                                    "        }\n"
+                                    "    ]\n"
+                                    "}\n";
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(expected));
+        QCOMPARE(world.readConfig(), expected);
+        QCOMPARE(app.statusText(), saved);
+        QVERIFY(answerer.shown().isEmpty());
+    }
+
+    void deleteConfigConfirmedSavesTheEmptyDocument()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({radio(QStringLiteral("10.0.0.1"), QStringLiteral("1111-1111-1111-1111")),
+                                      radio(QStringLiteral("10.0.0.2"), placeholder)}));
+        DialogAnswerer answerer;
+        RunningApp app(world);
+        QCOMPARE(app.rowCount(), 2);
+
+        answerer.willPress(QStringLiteral("OK"));
+        app.click(app.button(QStringLiteral("Delete Config")));
+        QVERIFY(app.waitUntilIdle());
+
+        QCOMPARE(answerer.shown().size(), 1);
+        QCOMPARE(answerer.shown().constFirst().texts,
+                 (QStringList{QStringLiteral("Delete configuration?"),
+                              QStringLiteral("This will remove all configured radios immediately."),
+                              QStringLiteral("Are you sure?")}));
+        QVERIFY(answerer.shown().constFirst().hasCancel);
+        QVERIFY(!answerer.shown().constFirst().hasInput);
+
+        QCOMPARE(world.readConfig(), emptyDocumentText);
+        QCOMPARE(world.importedFiles(), QList<QByteArray>{emptyDocumentText});
+        QVERIFY(world.discoveredAddresses().isEmpty());
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(emptyDocumentText));
+        QCOMPARE(app.rowCount(), 0);
+        QCOMPARE(app.statusText(), saved);
+    }
+
+    void deleteConfigCancelledChangesNothing()
+    {
+        const QByteArray original = configWith(
+            {radio(QStringLiteral("10.0.0.1"), QStringLiteral("1111-1111-1111-1111"), QStringLiteral("Kept"))});
+        TestWorld world;
+        world.writeConfig(original);
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        answerer.willPress(QStringLiteral("Cancel"));
+        app.click(app.button(QStringLiteral("Delete Config")));
+        QVERIFY(app.waitUntilIdle());
+
+        QCOMPARE(answerer.shown().size(), 1);
+        QCOMPARE(answerer.shown().constFirst().texts.constFirst(), QStringLiteral("Delete configuration?"));
+        QCOMPARE(answerer.shown().constFirst().answer, QStringLiteral("Cancel"));
+        QCOMPARE(world.readConfig(), original);
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(original));
+        QCOMPARE(app.rowCount(), 1);
+        QCOMPARE(app.detailTitle()->text(), QStringLiteral("Kept"));
+        QCOMPARE(app.statusText(), loaded);
+        QVERIFY(world.calls().isEmpty());
+    }
+
+    // ---- Saving with identity verification ----
+
+    void knownRadiosAreSavedWithoutProbing()
+    {
+        const QList<QJsonObject> radios = {
+            radio(QStringLiteral("10.0.0.1"), QStringLiteral("1111-1111-1111-1111"), QStringLiteral("A")),
+            radio(QStringLiteral("10.0.0.2"), QStringLiteral("2222-2222-2222-2222"), QStringLiteral("B")),
+        };
+        TestWorld world;
+        world.writeConfig(configWith(radios));
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        app.click(app.includeBox());
+        QCOMPARE(app.statusText(), checking);
+        QVERIFY(app.waitUntilIdle());
+
+        QVERIFY(world.discoveredAddresses().isEmpty());
+        QCOMPARE(importCalls(world).size(), 1);
+        QCOMPARE(world.calls().size(), 1);
+        QCOMPARE(world.readConfig(),
+                 configWith({withKey(radios.at(0), QStringLiteral("enabled"), false), radios.at(1)}));
+        QCOMPARE(app.statusText(), saved);
+        QVERIFY(answerer.shown().isEmpty());
+    }
+
+    void placeholderSerialTakesTheProbedSerial()
+    {
+        const QJsonObject entry{{QStringLiteral("ipAddress"), QStringLiteral("10.0.0.3")},
+                                {QStringLiteral("serialNumber"), placeholder},
+                                {QStringLiteral("name"), QStringLiteral("Old name")},
+                                {QStringLiteral("version"), QStringLiteral("3.3.32.8203")},
+                                {QStringLiteral("enabled"), false}};
+        TestWorld world;
+        world.writeConfig(configWith({entry}));
+        world.answerRadio(QStringLiteral("10.0.0.3"),
+                          object("{\"serialNumber\":\"5A5A-0102-0304-0506\",\"name\":\"FLEX-6600 Shack\","
+                                 "\"model\":\"FLEX-6600\",\"callsign\":\"W1AW\",\"version\":\"3.4.1.1\","
+                                 "\"ipAddress\":\"10.9.9.9\",\"extra\":\"ignored\"}"));
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+
+        QCOMPARE(world.discoveredAddresses(), QStringList{QStringLiteral("10.0.0.3")});
+        const QByteArray expected = "{\n"
+                                    "    \"broadcastIntervalMs\": 3000,\n"
+                                    "    \"radios\": [\n"
+                                    "        {\n"
+                                    "            \"callsign\": \"W1AW\",\n"
+                                    "            \"enabled\": true,\n"
+                                    "            \"ipAddress\": \"10.0.0.3\",\n"
+                                    "            \"model\": \"FLEX-6600\",\n"
+                                    "            \"name\": \"FLEX-6600 Shack\",\n"
+                                    "            \"serialNumber\": \"5A5A-0102-0304-0506\",\n"
+                                    "            \"version\": \"3.4.1.1\"\n"
+                                    "        }\n"
+                                    "    ]\n"
+                                    "}\n";
+        QCOMPARE(world.readConfig(), expected);
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(expected));
+        QCOMPARE(app.statusText(), saved);
+        QCOMPARE(app.detailTitle()->text(), QStringLiteral("FLEX-6600 Shack"));
+        QCOMPARE(app.value(QStringLiteral("serialNumber"))->text(), QStringLiteral("5A5A-0102-0304-0506"));
+        QCOMPARE(app.value(QStringLiteral("callsign"))->text(), QStringLiteral("W1AW"));
+        QCOMPARE(app.value(QStringLiteral("version"))->text(), QStringLiteral("3.4.1.1"));
+        QCOMPARE(app.value(QStringLiteral("ipAddress"))->text(), QStringLiteral("10.0.0.3"));
+        QVERIFY(answerer.shown().isEmpty());
+    }
+
+    void serialDifferingOnlyInLetterCaseIsRejected()
+    {
+        const QByteArray original = configWith({radio(QStringLiteral("10.0.0.4"), QStringLiteral("ABCD-EF01-2345-6789"),
+                                                      QStringLiteral("Upper"), QString())});
+        TestWorld world;
+        world.writeConfig(original);
+        world.answerRadio(QStringLiteral("10.0.0.4"),
+                          object("{\"serialNumber\":\"abcd-ef01-2345-6789\",\"name\":\"Lower\",\"version\":\"3.4\"}"));
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+
+        COMPARE_ONE_INFORMATION(answerer,
+                                cannotSave + messageText(QStringLiteral("Radio serial does not match at 10.0.0.4")));
+        QCOMPARE(app.statusText(), notSaved);
+        QCOMPARE(world.discoveredAddresses(), QStringList{QStringLiteral("10.0.0.4")});
+        QVERIFY(importCalls(world).isEmpty());
+        QCOMPARE(world.readConfig(), original);
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(original));
+        QCOMPARE(app.detailTitle()->text(), QStringLiteral("Upper"));
+        QVERIFY(app.includeBox()->isChecked());
+    }
+
+    void probeAnswerWithoutCallsignRemovesIt()
+    {
+        const QJsonObject entry = withKey(
+            radio(QStringLiteral("10.0.0.5"), QStringLiteral("5555-0000-0000-0005"), QStringLiteral("Club"), QString()),
+            QStringLiteral("callsign"), QStringLiteral("K1ABC"));
+        TestWorld world;
+        world.writeConfig(configWith({entry}));
+        world.answerRadio(QStringLiteral("10.0.0.5"),
+                          object("{\"serialNumber\":\"5555-0000-0000-0005\",\"name\":\"Club\",\"model\":\"FLEX-6400\","
+                                 "\"version\":\"3.5.0.1\"}"));
+        DialogAnswerer answerer;
+        RunningApp app(world);
+        QCOMPARE(app.value(QStringLiteral("callsign"))->text(), QStringLiteral("K1ABC"));
+
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+
+        const QJsonObject stored =
+            parseObject(world.readConfig()).value(QStringLiteral("radios")).toArray().at(0).toObject();
+        QCOMPARE(stored, (QJsonObject{{QStringLiteral("enabled"), false},
+                                      {QStringLiteral("ipAddress"), QStringLiteral("10.0.0.5")},
+                                      {QStringLiteral("model"), QStringLiteral("FLEX-6400")},
+                                      {QStringLiteral("name"), QStringLiteral("Club")},
+                                      {QStringLiteral("serialNumber"), QStringLiteral("5555-0000-0000-0005")},
+                                      {QStringLiteral("version"), QStringLiteral("3.5.0.1")}}));
+        QCOMPARE(app.value(QStringLiteral("callsign"))->text(), QStringLiteral("\u2014"));
+        QCOMPARE(app.value(QStringLiteral("model"))->text(), QStringLiteral("FLEX-6400"));
+        QCOMPARE(app.statusText(), saved);
+        QVERIFY(answerer.shown().isEmpty());
+    }
+
+    void failingSecondProbeLeavesTheThirdUnprobed()
+    {
+        const QByteArray original =
+            configWith({radio(QStringLiteral("10.0.0.1"), placeholder, QStringLiteral("First")),
+                        radio(QStringLiteral("10.0.0.2"), placeholder, QStringLiteral("Second")),
+                        radio(QStringLiteral("10.0.0.3"), placeholder, QStringLiteral("Third"))});
+        const QByteArray failure = "Connecting to 10.0.0.2\xe2\x80\xa6\nVeldspar: no radio answered at 10.0.0.2.\n";
+        TestWorld world;
+        world.writeConfig(original);
+        world.answerRadio(QStringLiteral("10.0.0.1"),
+                          object("{\"serialNumber\":\"1111-0000-0000-0001\",\"version\":\"3.4\"}"));
+        world.answerDiscover(QStringLiteral("10.0.0.2"), failure, 1);
+        world.answerRadio(QStringLiteral("10.0.0.3"),
+                          object("{\"serialNumber\":\"3333-0000-0000-0003\",\"version\":\"3.4\"}"));
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+
+        QCOMPARE(world.discoveredAddresses(), (QStringList{QStringLiteral("10.0.0.1"), QStringLiteral("10.0.0.2")}));
+        QVERIFY(importCalls(world).isEmpty());
+        COMPARE_ONE_INFORMATION(answerer, cannotSave + QString::fromUtf8(failure));
+        QCOMPARE(app.statusText(), notSaved);
+        QCOMPARE(world.readConfig(), original);
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(original));
+        QCOMPARE(app.rowCount(), 3);
+        QCOMPARE(app.value(QStringLiteral("serialNumber"))->text(), placeholder);
+    }
+
+    void reloadDuringVerificationReportsTheChangedDraft_data()
+    {
+        const QByteArray newRadios = configWith(
+            {radio(QStringLiteral("10.0.0.20"), QStringLiteral("2020-0000-0000-0020"), QStringLiteral("New A")),
+             radio(QStringLiteral("10.0.0.21"), QStringLiteral("2121-0000-0000-0021"), QStringLiteral("New B"))});
+        const QByteArray failing = "Veldspar: no radio answered at 10.0.0.9.\n";
+        const QByteArray answering = "{\"serialNumber\":\"9999-0000-0000-0009\",\"version\":\"3.4\"}\n";
+
+        QTest::addColumn<QByteArray>("probeOutput");
+        QTest::addColumn<int>("probeStatus");
+        QTest::addColumn<QByteArray>("fileAtReload");
+        QTest::addColumn<QByteArray>("reloadedDraft");
+        QTest::addColumn<QStringList>("firstRow"); // empty when no radio is listed
+        QTest::newRow("verification fails")
+            << failing << 1 << newRadios << newRadios
+            << QStringList{QStringLiteral("New A"), QStringLiteral("10.0.0.20  \u00B7  Enabled")};
+        QTest::newRow("verification succeeds")
+            << answering << 0 << newRadios << newRadios
+            << QStringList{QStringLiteral("New A"), QStringLiteral("10.0.0.20  \u00B7  Enabled")};
+        QTest::newRow("file no longer readable")
+            << answering << 0 << QByteArray("{\"radios\": [], \"note\": \"caf\xe9\"}") << emptyDocumentText
+            << QStringList();
+    }
+
+    void reloadDuringVerificationReportsTheChangedDraft()
+    {
+        QFETCH(QByteArray, probeOutput);
+        QFETCH(int, probeStatus);
+        QFETCH(QByteArray, fileAtReload);
+        QFETCH(QByteArray, reloadedDraft);
+        QFETCH(QStringList, firstRow);
+        const QByteArray original = configWith({radio(QStringLiteral("10.0.0.9"), placeholder, QStringLiteral("Far"))});
+        TestWorld world;
+        world.writeConfig(original);
+        world.answerDiscover(QStringLiteral("10.0.0.9"), probeOutput, probeStatus, true);
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        app.click(app.includeBox());
+        QCOMPARE(app.statusText(), checking);
+        QTRY_COMPARE(world.discoveredAddresses(), QStringList{QStringLiteral("10.0.0.9")});
+        QVERIFY(app.app().isBusy());
+
+        world.writeConfig(fileAtReload);
+        app.click(app.button(QStringLiteral("Reload")));
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(reloadedDraft));
+        QCOMPARE(app.rowCount(), firstRow.isEmpty() ? 0 : 2);
+        QCOMPARE(app.statusText(), checking);
+
+        world.release();
+        QVERIFY(app.waitUntilIdle());
+
+        COMPARE_ONE_INFORMATION(answerer, QStringLiteral("The draft changed. Please Save again."));
+        QCOMPARE(app.statusText(), checking);
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(reloadedDraft));
+        QCOMPARE(app.rowCount(), firstRow.isEmpty() ? 0 : 2);
+        if (!firstRow.isEmpty())
+            QCOMPARE(app.rowTexts(0), firstRow);
+        QCOMPARE(world.readConfig(), fileAtReload);
+        QVERIFY(importCalls(world).isEmpty());
+        QVERIFY(!app.app().isBusy());
+    }
+
+    void documentWithoutRadiosIsAnInvalidConfiguration_data()
+    {
+        QTest::addColumn<QByteArray>("document");
+        QTest::newRow("empty object") << QByteArray("{}");
+        QTest::newRow("no radios") << QByteArray("{\"broadcastIntervalMs\": 3000}");
+    }
+
+    void documentWithoutRadiosIsAnInvalidConfiguration()
+    {
+        QFETCH(QByteArray, document);
+        TestWorld world;
+        world.writeConfig(document);
+        DialogAnswerer answerer;
+        RunningApp app(world);
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(document));
+
+        app.app().save();
+        QVERIFY(app.waitUntilIdle());
+
+        COMPARE_ONE_INFORMATION(answerer, cannotSave + messageText(QStringLiteral("Invalid configuration")));
+        QCOMPARE(app.statusText(), notSaved);
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(document));
+        QCOMPARE(world.readConfig(), document);
+        QVERIFY(world.calls().isEmpty());
+    }
+
+    void numericAddressIsAMissingRadioAddress()
+    {
+        const QByteArray original = "{\"broadcastIntervalMs\": 3000, \"radios\": [{\"ipAddress\": 167772161, "
+                                    "\"serialNumber\": \"0000-0000-0000-0000\", \"name\": \"Numeric\"}]}";
+        TestWorld world;
+        world.writeConfig(original);
+        DialogAnswerer answerer;
+        RunningApp app(world);
+        QCOMPARE(app.rowTexts(0), (QStringList{QStringLiteral("Numeric"), QStringLiteral("  \u00B7  Disabled")}));
+
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+
+        COMPARE_ONE_INFORMATION(answerer, cannotSave + messageText(QStringLiteral("Missing radio address")));
+        QCOMPARE(app.statusText(), notSaved);
+        QVERIFY(world.calls().isEmpty());
+        QCOMPARE(world.readConfig(), original);
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(original));
+        QVERIFY(!app.includeBox()->isChecked());
+    }
+
+    void secondEditWhileVerifyingIsIgnored()
+    {
+        const QJsonObject far = radio(QStringLiteral("10.0.0.30"), placeholder, QStringLiteral("Far"));
+        const QJsonObject near =
+            radio(QStringLiteral("10.0.0.31"), QStringLiteral("3131-0000-0000-0031"), QStringLiteral("Near"));
+        TestWorld world;
+        world.writeConfig(configWith({far, near}));
+        world.answerDiscover(QStringLiteral("10.0.0.30"),
+                             "{\"name\":\"Far\",\"serialNumber\":\"3030-0000-0000-0030\",\"version\":\"3.4\"}\n", 0,
+                             true);
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        app.click(app.includeBox()); // exclude "Far"
+        QTRY_COMPARE(world.discoveredAddresses(), QStringList{QStringLiteral("10.0.0.30")});
+        const QString snapshot = app.app().draftText();
+        QCOMPARE(parseObject(snapshot.toUtf8()),
+                 parseObject(configWith({withKey(far, QStringLiteral("enabled"), false), near})));
+
+        // Both edits come while the first save is still probing.
+        app.click(app.includeBox());
+        QVERIFY(!app.includeBox()->isChecked());
+        app.selectRow(1);
+        QCOMPARE(app.detailTitle()->text(), QStringLiteral("Near"));
+        app.click(app.removeButton());
+
+        QCOMPARE(app.app().draftText(), snapshot);
+        QCOMPARE(app.app().radioEntries().size(), 2);
+        QCOMPARE(app.rowCount(), 2);
+        QCOMPARE(app.statusText(), checking);
+
+        world.release();
+        QVERIFY(app.waitUntilIdle());
+
+        QCOMPARE(world.discoveredAddresses(), QStringList{QStringLiteral("10.0.0.30")});
+        QCOMPARE(importCalls(world).size(), 1);
+        const QJsonObject farSaved = withKey(withKey(far, QStringLiteral("enabled"), false),
+                                             QStringLiteral("serialNumber"), QStringLiteral("3030-0000-0000-0030"));
+        QCOMPARE(world.readConfig(),
+                 configWith({withKey(farSaved, QStringLiteral("version"), QStringLiteral("3.4")), near}));
+        QCOMPARE(app.rowCount(), 2);
+        QCOMPARE(app.statusText(), saved);
+        QVERIFY(answerer.shown().isEmpty());
+    }
+
+    // ---- Verification rules without a window ----
+
+    void verificationProbesInOrderAndStopsAtTheFirstFailure()
+    {
+        const QByteArray snapshot = configWith({
+            radio(QStringLiteral("10.0.0.1"), placeholder),
+            radio(QStringLiteral("10.0.0.2"), QStringLiteral("2222-2222-2222-2222")), // complete: never probed
+            radio(QStringLiteral("10.0.0.3"), QStringLiteral("3333-3333-3333-3333"), QString(), QString()),
+            radio(QStringLiteral("10.0.0.4"), QString()),
+        });
+        QStringList probed;
+        const Probe probe = [&probed](const QString &address) {
+            probed << address;
+            if (address == QStringLiteral("10.0.0.3"))
+                throw Error(QStringLiteral("timed out\n"), 1, {{Error::descriptionKey, QStringLiteral("timed out\n")}});
+            return QJsonObject{{QStringLiteral("serialNumber"), QStringLiteral("1111-1111-1111-1111")}};
+        };
+
+        try {
+            verifiedDocument(QString::fromUtf8(snapshot), probe);
+            QFAIL("the failing probe did not end the verification");
+        } catch (const Error &error) {
+            QCOMPARE(error.domain(), QStringLiteral("timed out\n"));
+            QCOMPARE(error.localizedDescription(), QStringLiteral("timed out\n"));
+        }
+        QCOMPARE(probed, (QStringList{QStringLiteral("10.0.0.1"), QStringLiteral("10.0.0.3")}));
+    }
+
+    void verificationCopiesOnlyTheIdentityKeys()
+    {
+        const QJsonObject entry =
+            object("{\"ipAddress\":\"10.1.1.1\",\"serialNumber\":\"0000-0000-0000-0000\","
+                   "\"name\":\"Old\",\"callsign\":\"OLD\",\"enabled\":true,\"antenna\":\"ANT1\"}");
+        const QJsonObject document{{QStringLiteral("broadcastIntervalMs"), 1500},
+                                   {QStringLiteral("custom"), QStringLiteral("kept")},
+                                   {QStringLiteral("radios"), QJsonArray{entry}}};
+        const QJsonObject answer = object("{\"serialNumber\":\"S1\",\"name\":\"New\",\"model\":\"FLEX-8600\","
+                                          "\"version\":\"4.0\",\"ipAddress\":\"192.168.9.9\",\"enabled\":false,"
+                                          "\"extra\":1}");
+        const QByteArray result =
+            verifiedDocument(QString::fromUtf8(written(document)), [&answer](const QString &) { return answer; });
+
+        const QJsonObject expectedEntry = object("{\"ipAddress\":\"10.1.1.1\",\"serialNumber\":\"S1\",\"name\":\"New\","
+                                                 "\"model\":\"FLEX-8600\",\"version\":\"4.0\",\"enabled\":true,"
+                                                 "\"antenna\":\"ANT1\"}");
+        QJsonObject expected = document;
+        expected.insert(QStringLiteral("radios"), QJsonArray{expectedEntry});
+        QCOMPARE(result, written(expected));
+    }
+
+    void needsDiscoveryWhenSerialOrVersionIsUnknown_data()
+    {
+        QTest::addColumn<QByteArray>("entry");
+        QTest::addColumn<bool>("needed");
+        QTest::newRow("complete") << QByteArray("{\"serialNumber\":\"1-2\",\"version\":\"3.4\"}") << false;
+        QTest::newRow("placeholder serial")
+            << QByteArray("{\"serialNumber\":\"0000-0000-0000-0000\",\"version\":\"3.4\"}") << true;
+        QTest::newRow("no serial") << QByteArray("{\"version\":\"3.4\"}") << true;
+        QTest::newRow("empty serial") << QByteArray("{\"serialNumber\":\"\",\"version\":\"3.4\"}") << true;
+        QTest::newRow("numeric serial") << QByteArray("{\"serialNumber\":12,\"version\":\"3.4\"}") << true;
+        QTest::newRow("no version") << QByteArray("{\"serialNumber\":\"1-2\"}") << true;
+        QTest::newRow("empty version") << QByteArray("{\"serialNumber\":\"1-2\",\"version\":\"\"}") << true;
+        QTest::newRow("numeric version") << QByteArray("{\"serialNumber\":\"1-2\",\"version\":3.4}") << true;
+        QTest::newRow("lower-case placeholder-like serial")
+            << QByteArray("{\"serialNumber\":\"0000-0000-0000-000a\",\"version\":\"3.4\"}") << false;
+    }
+
+    void needsDiscoveryWhenSerialOrVersionIsUnknown()
+    {
+        QFETCH(QByteArray, entry);
+        QFETCH(bool, needed);
+        QCOMPARE(needsDiscovery(parseObject(entry)), needed);
+    }
+
+    void verificationRejectsWhatIsNotAConfiguration_data()
+    {
+        QTest::addColumn<QByteArray>("snapshot");
+        QTest::newRow("empty object") << QByteArray("{}");
+        QTest::newRow("no radios") << QByteArray("{\"broadcastIntervalMs\":3000}");
+        QTest::newRow("radios is text") << QByteArray("{\"radios\":\"10.0.0.1\"}");
+        QTest::newRow("radio is a number") << QByteArray("{\"radios\":[{\"ipAddress\":\"10.0.0.1\"},5]}");
+        QTest::newRow("top-level array") << QByteArray("[{\"radios\":[]}]");
+    }
+
+    void verificationRejectsWhatIsNotAConfiguration()
+    {
+        QFETCH(QByteArray, snapshot);
+        bool probed = false;
+        try {
+            verifiedDocument(QString::fromUtf8(snapshot), [&probed](const QString &) {
+                probed = true;
+                return QJsonObject();
+            });
+            QFAIL("accepted a document that is not a configuration");
+        } catch (const Error &error) {
+            QCOMPARE(error.domain(), QStringLiteral("Invalid configuration"));
+            QCOMPARE(error.code(), 1);
+            QVERIFY(error.userInfo().isEmpty());
+            QCOMPARE(error.localizedDescription(), messageText(QStringLiteral("Invalid configuration")));
+        }
+        QVERIFY(!probed);
+    }
+
+    void verificationPassesTheParserErrorThrough()
+    {
+        try {
+            verifiedDocument(QStringLiteral("{\"radios\": [}"), [](const QString &) { return QJsonObject(); });
+            QFAIL("accepted text that is not JSON");
+        } catch (const Error &error) {
+            QCOMPARE(error.domain(), QStringLiteral("QJsonParseError"));
+            QVERIFY(error.localizedDescription().startsWith(QStringLiteral("JSON text is not valid: ")));
+        }
+    }
+
+    void verificationRequiresATextAddress()
+    {
+        const QString snapshot =
+            QStringLiteral("{\"radios\":[{\"ipAddress\":\"\",\"serialNumber\":\"0000-0000-0000-0000\"},"
+                           "{\"serialNumber\":\"0000-0000-0000-0000\"}]}");
+        QStringList probed;
+        try {
+            verifiedDocument(snapshot, [&probed](const QString &address) {
+                probed << address;
+                return QJsonObject{{QStringLiteral("serialNumber"), QStringLiteral("1")}};
+            });
+            QFAIL("a radio without an address was accepted");
+        } catch (const Error &error) {
+            QCOMPARE(error.localizedDescription(), messageText(QStringLiteral("Missing radio address")));
+        }
+        // An empty address is still handed to the probe; only a missing one is refused.
+        QCOMPARE(probed, QStringList{QString()});
+    }
+
+    void knownSerialMustComeBackAsText()
+    {
+        const QString snapshot =
+            QStringLiteral("{\"radios\":[{\"ipAddress\":\"10.0.0.6\",\"serialNumber\":\"6666-0000-0000-0006\"}]}");
+        try {
+            verifiedDocument(snapshot, [](const QString &) {
+                return QJsonObject{{QStringLiteral("name"), QStringLiteral("No serial")}};
+            });
+            QFAIL("an answer without a serial matched a known serial");
+        } catch (const Error &error) {
+            QCOMPARE(error.localizedDescription(),
+                     messageText(QStringLiteral("Radio serial does not match at 10.0.0.6")));
+        }
+    }
+
+    // ---- The writer ----
+
+    void twoSavesUseDistinctTemporaryFiles()
+    {
+        const QJsonObject entry =
+            radio(QStringLiteral("10.0.0.1"), QStringLiteral("1111-1111-1111-1111"), QStringLiteral("Home"));
+        TestWorld world;
+        world.writeConfig(configWith({entry}));
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(app.statusText(), saved);
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(app.statusText(), saved);
+
+        const QList<QStringList> calls = importCalls(world);
+        QCOMPARE(calls.size(), 2);
+        const QRegularExpression name(QRegularExpression::anchoredPattern(
+            QRegularExpression::escape(QDir(world.tempDir()).absolutePath())
+            + QStringLiteral("/Veldspar-[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}\\.json")));
+        for (const QStringList &call : calls) {
+            QCOMPARE(call.at(1), world.configPath());
+            QVERIFY2(name.match(call.at(3)).hasMatch(), qPrintable(call.at(3)));
+            QVERIFY(!QFile::exists(call.at(3)));
+        }
+        QVERIFY(calls.at(0).at(3) != calls.at(1).at(3));
+        QCOMPARE(world.leftoverTemporaryFiles(), QStringList());
+
+        const QList<QByteArray> imported = world.importedFiles();
+        QCOMPARE(imported.size(), 2);
+        QCOMPARE(imported.at(0), configWith({withKey(entry, QStringLiteral("enabled"), false)}));
+        QCOMPARE(imported.at(1), configWith({entry}));
+        QCOMPARE(world.readConfig(), configWith({entry}));
+        QVERIFY(answerer.shown().isEmpty());
+    }
+
+    void failedImportShowsItsOutputAlone()
+    {
+        const QByteArray original = configWith(
+            {radio(QStringLiteral("10.0.0.1"), QStringLiteral("1111-1111-1111-1111"), QStringLiteral("Home"))});
+        const QByteArray complaint = "Veldspar: cannot back up the previous configuration: Permission denied\n";
+        TestWorld world;
+        world.writeConfig(original);
+        world.setImportResult(complaint, 1);
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+
+        COMPARE_ONE_INFORMATION(answerer, QString::fromUtf8(complaint));
+        QCOMPARE(importCalls(world).size(), 1);
+        QCOMPARE(world.importedFiles().size(), 1);
+        QCOMPARE(world.readConfig(), original);
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(original));
+        QVERIFY(app.includeBox()->isChecked());
+        QCOMPARE(app.rowTexts(0), (QStringList{QStringLiteral("Home"), QStringLiteral("10.0.0.1  \u00B7  Enabled")}));
+        QCOMPARE(app.statusText(), loaded);
+        QCOMPARE(world.leftoverTemporaryFiles(), QStringList());
+    }
+
+    void successfulImportShowsOnlyTheStatus()
+    {
+        const QJsonObject entry = radio(QStringLiteral("10.0.0.1"), QStringLiteral("1111-1111-1111-1111"));
+        TestWorld world;
+        world.writeConfig(configWith({entry}));
+        world.setImportResult("Backed up config.json to config.json.bak\nConfiguration written.\n", 0);
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+
+        QCOMPARE(app.statusText(),
+                 QStringLiteral("Saved. Previous configuration backed up; running service reloads automatically."));
+        QVERIFY(answerer.shown().isEmpty());
+        QCOMPARE(world.readConfig(), configWith({withKey(entry, QStringLiteral("enabled"), false)}));
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(world.readConfig()));
+    }
+
+    void missingServiceExecutableReportsTheLaunchError()
+    {
+        const QByteArray original = configWith(
+            {radio(QStringLiteral("10.0.0.1"), QStringLiteral("1111-1111-1111-1111"), QStringLiteral("Home"))});
+        TestWorld world;
+        world.writeConfig(original);
+        DialogAnswerer answerer;
+        RunningApp app(world);
+        world.removeServiceExecutable();
+
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+
+        // The platform's own words for a program that cannot be started.
+        const QString program = world.resources() + QStringLiteral("/Veldspar");
+        QProcess probe;
+        probe.start(program, {});
+        QVERIFY(!probe.waitForStarted(-1));
+        const QString reason = program + QStringLiteral(": ") + probe.errorString();
+
+        COMPARE_ONE_INFORMATION(answerer, QStringLiteral("Save failed: Error Domain=QProcess Code=0 \"") + reason
+                                              + QStringLiteral("\" UserInfo={NSLocalizedDescription=") + reason + u'}');
+        QCOMPARE(world.readConfig(), original);
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(original));
+        QVERIFY(app.includeBox()->isChecked());
+        QCOMPARE(app.statusText(), loaded);
+        QCOMPARE(world.leftoverTemporaryFiles(), QStringList());
+    }
+
+    void invalidUtf8OutputIsShownWithReplacementCharacters()
+    {
+        const QByteArray original =
+            configWith({radio(QStringLiteral("10.0.0.1"), QStringLiteral("1111-1111-1111-1111"))});
+        TestWorld world;
+        world.writeConfig(original);
+        world.setImportResult("Caf\xe9 config rejected: \xff\xfe\n", 1);
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+
+        COMPARE_ONE_INFORMATION(answerer, QStringLiteral("Caf\uFFFD config rejected: \uFFFD\uFFFD\n"));
+        QCOMPARE(world.readConfig(), original);
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(original));
+    }
+};
+
+QTEST_MAIN(ConfigTest)
 #include "tst_config.moc"
