@@ -7,10 +7,14 @@
 #include <QListView>
 #include <QPushButton>
 
+// The row the table has selected, as the table remembers it. The model reads `entries`
+// directly, so after an edit has already shortened them (removing the last radio) the
+// selected row may lie past the end until the list is rebuilt; it still counts, so that the
+// rebuild can move the selection to the new last row.
 int AppDelegate::selectedRow() const
 {
-    const QModelIndexList selected = table->selectionModel()->selectedRows();
-    return selected.isEmpty() ? -1 : selected.first().row();
+    const QItemSelection selection = table->selectionModel()->selection();
+    return selection.isEmpty() ? -1 : selection.first().top();
 }
 
 void AppDelegate::selectRow(int row)

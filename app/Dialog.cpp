@@ -116,8 +116,10 @@ bool AppDelegate::dialog(const QString &title, const QString &detail, const QStr
         connect(cancelButton, &QPushButton::clicked, this, [this, cancelButton] { cancelDialog(cancelButton); });
     }
 
+    // Centre the panel's content on the window's; move() would place the frame's corner there
+    // and leave the content off by the width of the border and the title bar.
     const QPoint middle = main->geometry().center();
-    panel.move(middle.x() - dialogWidth / 2, middle.y() - geometry.height / 2);
+    panel.setGeometry(middle.x() - dialogWidth / 2, middle.y() - geometry.height / 2, dialogWidth, geometry.height);
     if (input)
         input->setFocus();
 

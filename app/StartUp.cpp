@@ -7,6 +7,8 @@
 
 void AppDelegate::applicationDidFinishLaunching()
 {
+    // Closing the one window ends the app, whoever created the application object.
+    QGuiApplication::setQuitOnLastWindowClosed(applicationShouldTerminateAfterLastWindowClosed());
     QMenuBar *menu = buildMenu();
     makeWindow(menu);
     editor = std::make_unique<Draft>();

@@ -10,7 +10,6 @@ int main(int argc, char *argv[])
 
     // One controller for the whole life of the process.
     AppDelegate delegate;
-    QGuiApplication::setQuitOnLastWindowClosed(delegate.applicationShouldTerminateAfterLastWindowClosed());
     delegate.applicationDidFinishLaunching();
     QApplication::exec();
     return 0;

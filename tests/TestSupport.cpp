@@ -183,10 +183,17 @@ void DialogAnswerer::poll()
     ShownDialog shown;
     QList<QLabel *> labels = modal->findChildren<QLabel *>(Qt::FindDirectChildrenOnly);
     std::sort(labels.begin(), labels.end(), [](QLabel *a, QLabel *b) { return a->y() < b->y(); });
-    for (QLabel *label : labels)
-        if (!label->text().isEmpty())
+    for (QLabel *label : labels) {
+        if (!label->text().isEmpty()) {
             shown.texts << label->text();
+            shown.textFrames << label->geometry();
+            shown.textHeightsNeeded << label->heightForWidth(label->width());
+        } else if (!label->pixmap().isNull()) {
+            shown.icon = label->geometry();
+        }
+    }
     shown.size = modal->size();
+    shown.frame = modal->geometry();
     QPushButton *cancel = nullptr;
     QPushButton *ok = nullptr;
     for (QPushButton *button : modal->findChildren<QPushButton *>()) {
@@ -196,10 +203,17 @@ void DialogAnswerer::poll()
             ok = button;
     }
     shown.hasCancel = cancel != nullptr;
+    if (ok)
+        shown.okButton = ok->geometry();
+    if (cancel)
+        shown.cancelButton = cancel->geometry();
     QLineEdit *field = modal->findChild<QLineEdit *>();
     shown.hasInput = field != nullptr;
-    if (field)
+    if (field) {
         shown.placeholder = field->placeholderText();
+        shown.inputField = field->geometry();
+        shown.inputFocused = QApplication::focusWidget() == field;
+    }
 
     const Plan plan = m_plans.isEmpty() ? Plan{QStringLiteral("OK"), QString()} : m_plans.takeFirst();
     if (field && !plan.typed.isNull()) {
@@ -209,6 +223,11 @@ void DialogAnswerer::poll()
     }
     shown.answer = plan.button;
     m_shown.append(shown);
+    if (plan.button == QStringLiteral("Return") || plan.button == QStringLiteral("Escape")) {
+        QWidget *target = QApplication::focusWidget() ? QApplication::focusWidget() : modal;
+        QTest::keyClick(target, plan.button == QStringLiteral("Return") ? Qt::Key_Return : Qt::Key_Escape);
+        return;
+    }
     QAbstractButton *press = plan.button == QStringLiteral("Cancel") ? cancel : ok;
     if (!press) {
         qWarning("The dialog has no %s button", qPrintable(plan.button));

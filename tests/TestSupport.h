@@ -4,6 +4,7 @@
 #include <QJsonObject>
 #include <QList>
 #include <QObject>
+#include <QRect>
 #include <QSize>
 #include <QString>
 #include <QStringList>
@@ -68,7 +69,17 @@ struct ShownDialog
     bool hasInput = false;
     QString placeholder;
     QSize size;
-    QString answer;        // "OK" or "Cancel"
+    QString answer;        // "OK", "Cancel", "Return" or "Escape"
+
+    // Where everything sits, in the panel's own top-down coordinates.
+    QRect frame;                  // the panel itself, on screen
+    QList<QRect> textFrames;      // the text labels, top to bottom
+    QList<int> textHeightsNeeded; // the height each text label needs for its text at its width
+    QRect icon;                   // empty when no image is shown
+    QRect okButton;
+    QRect cancelButton;           // empty when there is none
+    QRect inputField;             // empty when there is none
+    bool inputFocused = false;    // the field had the keyboard focus when the panel appeared
 };
 
 // Answers the app's modal dialogs as a user would: waits for the active modal widget, records
@@ -80,7 +91,9 @@ class DialogAnswerer : public QObject
 public:
     DialogAnswerer();
 
-    // Planned answers, used in order; a dialog with no planned answer gets OK.
+    // Planned answers, used in order; a dialog with no planned answer gets OK. The button is
+    // "OK" or "Cancel" (clicked), or the key "Return" or "Escape" (typed into the focused
+    // widget, the input field when there is one).
     void willPress(const QString &button, const QString &typed = QString());
 
     const QList<ShownDialog> &shown() const { return m_shown; }

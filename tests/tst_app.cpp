@@ -1,4 +1,1256 @@
-#include <QtTest>
-class T : public QObject { Q_OBJECT };
-QTEST_MAIN(T)
+// The application shell as a user meets it: start-up, the operation gate, the window and its
+// menus, the radio list with its details panel, the service button and the modal panel.
+
+#include "TestSupport.h"
+
+#include "app/AppDelegate.h"
+#include "app/DialogGeometry.h"
+#include "app/ServiceButton.h"
+#include "app/StatusLabel.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QCheckBox>
+#include <QClipboard>
+#include <QDesktopServices>
+#include <QDialog>
+#include <QImage>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListView>
+#include <QMainWindow>
+#include <QMenu>
+#include <QMenuBar>
+#include <QPointer>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QTest>
+#include <QUrl>
+
+#include <functional>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+const QString ellipsis = u"\u2026"_s;
+const QString emDash = u"\u2014"_s;
+
+const QStringList detailKeys = {u"model"_s, u"ipAddress"_s, u"serialNumber"_s, u"callsign"_s, u"version"_s};
+
+QJsonObject fullRadio(const QString &address, const QString &serial, const QString &name)
+{
+    QJsonObject entry = radio(address, serial, name);
+    entry.insert(u"model"_s, u"FLEX-6600"_s);
+    entry.insert(u"callsign"_s, u"KE5ABC"_s);
+    return entry;
+}
+
+// Waits until the app's window is on screen and has keyboard focus, as after a real launch.
+bool windowReady(const RunningApp &app)
+{
+    return QTest::qWaitForWindowExposed(app.window()) && QTest::qWaitForWindowActive(app.window());
+}
+
+QLabel *labelWithText(QWidget *root, const QString &text)
+{
+    for (QLabel *label : root->findChildren<QLabel *>())
+        if (label->text() == text)
+            return label;
+    return nullptr;
+}
+
+QMenu *menuTitled(QMainWindow *window, const QString &title)
+{
+    for (QAction *action : window->menuBar()->actions())
+        if (action->text() == title)
+            return action->menu();
+    return nullptr;
+}
+
+QAction *menuItem(QMainWindow *window, const QString &menu, const QString &title)
+{
+    QMenu *found = menuTitled(window, menu);
+    if (!found)
+        return nullptr;
+    for (QAction *action : found->actions())
+        if (action->text() == title)
+            return action;
+    return nullptr;
+}
+
+// Lets queued work and the dialog answerer's polling run for a while.
+void settle(int ms = 150)
+{
+    QTest::qWait(ms);
+}
+
+// Runs the application's event loop after action() and returns its exit code: 0 when the app
+// asked to quit, 99 when nothing ended it. The quit request itself is caught and turned into
+// a plain exit, so that the application object stays usable for the tests that follow (a
+// delivered request leaves it closing down, and every later modal panel ends at once).
+int runEventLoop(const std::function<void()> &action)
+{
+    struct QuitCatcher : QObject
+    {
+        bool eventFilter(QObject *watched, QEvent *event) override
+        {
+            if (watched != qApp || event->type() != QEvent::Quit)
+                return false;
+            QCoreApplication::exit(0);
+            return true;
+        }
+    } catcher;
+    qApp->installEventFilter(&catcher);
+    QTimer guard;
+    guard.setSingleShot(true);
+    QObject::connect(&guard, &QTimer::timeout, [] { QCoreApplication::exit(99); });
+    guard.start(10000);
+    QTimer::singleShot(0, action);
+    const int code = QApplication::exec();
+    guard.stop();
+    qApp->removeEventFilter(&catcher);
+    return code;
+}
+
+// Ends any modal panel still up after a few seconds with a code that is not OK's, so that a
+// key that fails to close a panel fails the test instead of hanging it.
+class ModalWatchdog
+{
+public:
+    ModalWatchdog()
+    {
+        m_timer.setSingleShot(true);
+        QObject::connect(&m_timer, &QTimer::timeout, [] {
+            if (auto *panel = qobject_cast<QDialog *>(QApplication::activeModalWidget())) {
+                qWarning("A modal panel was still up; ending it");
+                panel->done(-1);
+            }
+        });
+        m_timer.start(5000);
+    }
+
+private:
+    QTimer m_timer;
+};
+
+// Lets held answers of the stand-in go when a test ends early, before the app waits for them.
+struct ReleaseOnExit
+{
+    const TestWorld &world;
+    ~ReleaseOnExit() { world.release(); }
+};
+
+// Receives what the app asks the desktop to open.
+class OpenedUrls : public QObject
+{
+    Q_OBJECT
+
+public:
+    OpenedUrls() { QDesktopServices::setUrlHandler(u"file"_s, this, "open"); }
+    ~OpenedUrls() override { QDesktopServices::unsetUrlHandler(u"file"_s); }
+
+    QList<QUrl> urls;
+
+public Q_SLOTS:
+    void open(const QUrl &url) { urls << url; }
+};
+
+// The button as drawn, over a known background; nothing of the parent is painted.
+QImage rendered(QWidget *widget, const QColor &background)
+{
+    QImage image(widget->size(), QImage::Format_ARGB32_Premultiplied);
+    image.fill(background);
+    widget->render(&image, QPoint(), QRegion(), QWidget::RenderFlags());
+    return image;
+}
+
+// The tint laid over the background at the fill's opacity, as the raster engine blends it.
+QColor blended(const QColor &tint, qreal alpha, const QColor &background)
+{
+    const auto mix = [alpha](int top, int bottom) { return qRound(top * alpha + bottom * (1 - alpha)); };
+    return QColor(mix(tint.red(), background.red()), mix(tint.green(), background.green()),
+                  mix(tint.blue(), background.blue()));
+}
+
+bool near(const QColor &a, const QColor &b, int tolerance)
+{
+    return qAbs(a.red() - b.red()) <= tolerance && qAbs(a.green() - b.green()) <= tolerance
+           && qAbs(a.blue() - b.blue()) <= tolerance;
+}
+
+// How a service button's face looks against its expected fill and title colours: where the
+// title's ink lies, and whether every pixel of the face is the fill, the title colour, or an
+// anti-aliased mix of the two.
+struct Face
+{
+    QRect ink;              // pixels at least half-way from the fill to the title colour
+    int fullTintPixels = 0; // pixels of the title drawn at full strength
+    int foreignPixels = 0;  // pixels that are none of these
+    QColor firstForeign;
+};
+
+Face faceOf(const QImage &image, const QColor &fill, const QColor &title)
+{
+    // How far a pixel has gone from the fill towards the title, measured on the channel where
+    // the two differ most.
+    const int deltas[] = {title.red() - fill.red(), title.green() - fill.green(), title.blue() - fill.blue()};
+    int axis = 0;
+    for (int channel : {1, 2})
+        if (qAbs(deltas[channel]) > qAbs(deltas[axis]))
+            axis = channel;
+    const auto channelOf = [axis](const QColor &colour) {
+        return axis == 0 ? colour.red() : axis == 1 ? colour.green() : colour.blue();
+    };
+    // Stay clear of the one-pixel inset and the rounded corners (radius 7).
+    const auto inCorner = [&image](int x, int y) {
+        return (x < 8 || x >= image.width() - 8) && (y < 8 || y >= image.height() - 8);
+    };
+
+    Face face;
+    for (int y = 2; y < image.height() - 2; ++y) {
+        for (int x = 2; x < image.width() - 2; ++x) {
+            if (inCorner(x, y))
+                continue;
+            const QColor pixel = image.pixelColor(x, y);
+            const qreal t = qreal(channelOf(pixel) - channelOf(fill)) / deltas[axis];
+            const QColor mix(qBound(0, qRound(fill.red() + t * deltas[0]), 255),
+                             qBound(0, qRound(fill.green() + t * deltas[1]), 255),
+                             qBound(0, qRound(fill.blue() + t * deltas[2]), 255));
+            if (t < -0.05 || t > 1.05 || !near(pixel, mix, 4)) {
+                if (face.foreignPixels++ == 0)
+                    face.firstForeign = pixel;
+                continue;
+            }
+            if (t >= 0.5)
+                face.ink |= QRect(x, y, 1, 1);
+            if (near(pixel, title, 3))
+                ++face.fullTintPixels;
+        }
+    }
+    return face;
+}
+
+qreal middleX(const QRect &rect)
+{
+    return (rect.left() + rect.right()) / 2.0;
+}
+
+qreal middleY(const QRect &rect)
+{
+    return (rect.top() + rect.bottom()) / 2.0;
+}
+
+constexpr qreal fillAlpha = 0.13;
+const QColor danger(0xDA, 0x44, 0x53);
+const QColor success(0x27, 0xAE, 0x60);
+
+} // namespace
+
+class AppShellTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+
+    // Start-up.
+    void startsWithTitledWindowOfContentSize960x620();
+    void menusOfferQuitAndTheEditCommands();
+    void viewTreeShowsEveryTextAndControl();
+    void serviceRowShowsCheckingUntilTheFirstStatus();
+    void statusSaysConfigurationLoadedForAValidFile();
+    void statusSaysNoRadiosWithoutAFile();
+    void tenThousandRadiosCreateNoRowWidgets();
+
+    // Controller and gate.
+    void whileSavingOnlyReloadAndShowFilesAct();
+    void closingTheWindowQuits();
+
+    // Window and menus.
+    void shrinkingStopsAtTheMinimumContentSize();
+    void longStatusIsElidedOnOneLine();
+    void ctrlQQuits();
+    void editShortcutsActOnTheFocusedTextField();
+
+    // Radio table and details.
+    void noRadiosShowAnEmptyDisabledPanel();
+    void radiosWithoutSelectionAskToSelectOne();
+    void removingTheSelectedLastOfThreeSelectsTheSecond();
+    void enabledAsTextCountsAsDisabled();
+    void unnamedRadioShowsRadio();
+    void numericFirmwareShowsADash();
+
+    // Service button.
+    void inactiveButtonIsPaleRedWithRedTitleCentred();
+    void activeButtonTurnsGreenAtTheNextRedraw();
+    void disabledButtonKeepsItsColours();
+    void wideTitleIsNeitherCutNorScaledButCentred();
+
+    // Dialogs.
+    void alertIsOneLabelHighWithOkCentred();
+    void emptyDialogShowsOnlyIconAndButton();
+    void longDetailWrapsAndGrowsThePanel();
+    void returnInTheInputFieldConfirms();
+    void cancelEscapeAndOtherEndingsReturnFalse();
+    void panelPlacesIconTextsFieldAndButtons();
+};
+
+void AppShellTest::init()
+{
+    // Each test starts with the application's defaults, whatever the previous one left.
+    QGuiApplication::setQuitOnLastWindowClosed(true);
+    QGuiApplication::clipboard()->clear();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Start-up
+
+void AppShellTest::startsWithTitledWindowOfContentSize960x620()
+{
+    TestWorld world;
+    RunningApp app(world);
+    QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+
+    QVERIFY(app.window()->isVisible());
+    QCOMPARE(app.window()->windowTitle(), u"Veldspar"_s);
+    // The menu bar sits on top of the content area; the sizes are the content's.
+    QCOMPARE(app.window()->centralWidget()->size(), QSize(960, 620));
+    QCOMPARE(app.window()->centralWidget()->minimumSize(), QSize(880, 580));
+}
+
+void AppShellTest::menusOfferQuitAndTheEditCommands()
+{
+    TestWorld world;
+    RunningApp app(world);
+
+    QStringList menus;
+    for (QAction *action : app.window()->menuBar()->actions())
+        menus << action->text();
+    QCOMPARE(menus, (QStringList{u"Veldspar"_s, u"Edit"_s}));
+
+    QMenu *application = menuTitled(app.window(), u"Veldspar"_s);
+    QVERIFY(application);
+    QVERIFY(!application->actions().isEmpty());
+    QAction *quit = application->actions().first();
+    QCOMPARE(quit->text(), u"Quit Veldspar"_s);
+    QCOMPARE(quit->shortcut(), QKeySequence(Qt::CTRL | Qt::Key_Q));
+
+    QMenu *edit = menuTitled(app.window(), u"Edit"_s);
+    QVERIFY(edit);
+    QStringList titles;
+    QList<QKeySequence> keys;
+    for (QAction *action : edit->actions()) {
+        titles << action->text();
+        keys << action->shortcut();
+    }
+    QCOMPARE(titles, (QStringList{u"Undo"_s, u"Cut"_s, u"Copy"_s, u"Paste"_s, u"Select All"_s}));
+    QCOMPARE(keys, (QList<QKeySequence>{QKeySequence(Qt::CTRL | Qt::Key_Z), QKeySequence(Qt::CTRL | Qt::Key_X),
+                                         QKeySequence(Qt::CTRL | Qt::Key_C), QKeySequence(Qt::CTRL | Qt::Key_V),
+                                         QKeySequence(Qt::CTRL | Qt::Key_A)}));
+}
+
+void AppShellTest::viewTreeShowsEveryTextAndControl()
+{
+    TestWorld world;
+    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s)}));
+    RunningApp app(world);
+    QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+    QWidget *content = app.window()->centralWidget();
+
+    QLabel *heading = labelWithText(content, u"Radios"_s);
+    QLabel *subtitle = labelWithText(content, u"Make remote FlexRadios discoverable on your local network."_s);
+    QVERIFY(heading && heading->isVisible());
+    QVERIFY(subtitle && subtitle->isVisible());
+    QVERIFY(heading->y() < subtitle->y());
+
+    // The toolbar, left to right, below the subtitle.
+    const QStringList toolbar = {u"Add Radio\u2026"_s, u"Import\u2026"_s, u"Delete Config"_s, u"Reload"_s};
+    int previousRight = -1;
+    for (const QString &title : toolbar) {
+        QAbstractButton *button = app.button(title);
+        QVERIFY2(button && button->isVisible(), qPrintable(title));
+        const QRect frame(button->mapTo(content, QPoint()), button->size());
+        QVERIFY2(frame.left() > previousRight, qPrintable(title));
+        QVERIFY(frame.top() > subtitle->geometry().bottom());
+        previousRight = frame.right();
+    }
+
+    // Captions above their values, in the details panel's order.
+    const QStringList captions = {u"MODEL"_s, u"IP ADDRESS"_s, u"SERIAL NUMBER"_s, u"CALLSIGN"_s, u"FIRMWARE"_s};
+    int previousBottom = app.detailTitle()->mapTo(content, QPoint(0, app.detailTitle()->height())).y();
+    for (qsizetype i = 0; i < captions.size(); ++i) {
+        QLabel *caption = labelWithText(content, captions.at(i));
+        QLabel *value = app.value(detailKeys.at(i));
+        QVERIFY2(caption && caption->isVisible(), qPrintable(captions.at(i)));
+        QVERIFY2(value && value->isVisible(), qPrintable(detailKeys.at(i)));
+        const int captionTop = caption->mapTo(content, QPoint()).y();
+        const int valueTop = value->mapTo(content, QPoint()).y();
+        QVERIFY2(captionTop >= previousBottom, qPrintable(captions.at(i)));
+        QVERIFY2(valueTop > captionTop, qPrintable(captions.at(i)));
+        QCOMPARE(caption->mapTo(content, QPoint()).x(), value->mapTo(content, QPoint()).x());
+        previousBottom = valueTop + value->height();
+    }
+    QCOMPARE(app.value(u"model"_s)->text(), u"FLEX-6600"_s);
+    QCOMPARE(app.value(u"ipAddress"_s)->text(), u"10.0.0.1"_s);
+    QCOMPARE(app.value(u"serialNumber"_s)->text(), u"1234-5678-9012-3456"_s);
+    QCOMPARE(app.value(u"callsign"_s)->text(), u"KE5ABC"_s);
+    QCOMPARE(app.value(u"version"_s)->text(), u"3.3.32.8203"_s);
+
+    QCOMPARE(app.includeBox()->text(), u"Include in discovery"_s);
+    QVERIFY(app.includeBox()->isVisible());
+    QCOMPARE(app.removeButton()->text(), u"Remove Radio"_s);
+    QVERIFY(app.removeButton()->isVisible());
+    QVERIFY(app.includeBox()->mapTo(content, QPoint()).y() > previousBottom);
+    QVERIFY(app.removeButton()->mapTo(content, QPoint()).y() > app.includeBox()->mapTo(content, QPoint()).y());
+
+    // The list on the left, the details on the right.
+    QVERIFY(app.table()->isVisible());
+    QVERIFY(app.table()->mapTo(content, QPoint()).x() + app.table()->width()
+            <= app.detailTitle()->mapTo(content, QPoint()).x());
+
+    // The service row and the status line at the bottom.
+    for (const QString &title : {u"Uninstall"_s, u"Show Files"_s}) {
+        QAbstractButton *button = app.button(title);
+        QVERIFY2(button && button->isVisible(), qPrintable(title));
+        QVERIFY(button->mapTo(content, QPoint()).y() > app.table()->mapTo(content, QPoint(0, app.table()->height())).y());
+    }
+    QVERIFY(app.status()->isVisible());
+    QVERIFY(app.status()->mapTo(content, QPoint()).y()
+            > app.button(u"Show Files"_s)->mapTo(content, QPoint(0, app.button(u"Show Files"_s)->height())).y());
+}
+
+void AppShellTest::serviceRowShowsCheckingUntilTheFirstStatus()
+{
+    TestWorld world;
+    RunningApp app(world);
+    QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+
+    auto *state = app.window()->findChild<QLabel *>(u"serviceState"_s);
+    auto *startup = app.window()->findChild<QLabel *>(u"serviceStartup"_s);
+    QVERIFY(state && startup);
+    QCOMPARE(state->text(), u"Checking service\u2026"_s);
+    QCOMPARE(startup->text(), u"Checking login startup"_s);
+    QVERIFY(state->isVisible());
+    QVERIFY(startup->isVisible());
+    QVERIFY(state->y() < startup->y());
+
+    ServiceButton *button = app.serviceButton();
+    QVERIFY(button && button->isVisible());
+    QCOMPARE(button->text(), u"Checking\u2026"_s);
+    QVERIFY(!button->isEnabled());
+    QVERIFY(!button->active());
+    QCOMPARE(button->size(), QSize(100, 30));
+    // Nothing to enable yet, so the button says why.
+    QCOMPARE(button->toolTip(), u"Add or import a radio before enabling the service."_s);
+}
+
+void AppShellTest::statusSaysConfigurationLoadedForAValidFile()
+{
+    TestWorld world;
+    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s),
+                                  fullRadio(u"10.0.0.2"_s, u"2234-5678-9012-3456"_s, u"Bravo"_s)}));
+    RunningApp app(world);
+
+    QCOMPARE(app.statusText(), u"Configuration loaded"_s);
+    QCOMPARE(app.rowCount(), 2);
+    QCOMPARE(app.rowTexts(0), (QStringList{u"Alpha"_s, u"10.0.0.1  \u00B7  Enabled"_s}));
+    QCOMPARE(app.rowTexts(1), (QStringList{u"Bravo"_s, u"10.0.0.2  \u00B7  Enabled"_s}));
+    QCOMPARE(app.selectedRow(), 0);
+    QCOMPARE(app.detailTitle()->text(), u"Alpha"_s);
+    // Loading never writes the file back.
+    QCOMPARE(world.calls().size(), 0);
+}
+
+void AppShellTest::statusSaysNoRadiosWithoutAFile()
+{
+    TestWorld world;
+    RunningApp app(world);
+
+    QCOMPARE(app.statusText(), u"No radios configured"_s);
+    QCOMPARE(app.rowCount(), 0);
+    // The empty document lives only in the app until something is saved.
+    QVERIFY(!world.configExists());
+}
+
+void AppShellTest::tenThousandRadiosCreateNoRowWidgets()
+{
+    TestWorld world;
+    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s)}));
+    RunningApp app(world);
+    QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+    app.table()->grab(); // paint the visible rows
+    const qsizetype widgetsBefore = app.table()->viewport()->findChildren<QWidget *>().size();
+
+    QList<QJsonObject> radios;
+    for (int i = 0; i < 10000; ++i)
+        radios << radio(u"10.%1.%2.%3"_s.arg(i / 65536).arg((i / 256) % 256).arg(i % 256),
+                        u"%1-0000-0000-0001"_s.arg(i + 1, 4, 10, QLatin1Char('0')), u"Radio %1"_s.arg(i + 1));
+    world.writeConfig(configWith(radios));
+    app.click(app.button(u"Reload"_s));
+
+    QCOMPARE(app.statusText(), u"Configuration loaded"_s);
+    QCOMPARE(app.rowCount(), 10000);
+    app.table()->grab();
+    app.table()->scrollToBottom();
+    app.table()->grab();
+    QCOMPARE(app.table()->viewport()->findChildren<QWidget *>().size(), widgetsBefore);
+    QCOMPARE(app.rowTexts(9999), (QStringList{u"Radio 10000"_s, u"10.0.39.15  \u00B7  Enabled"_s}));
+
+    app.selectRow(9999);
+    QCOMPARE(app.detailTitle()->text(), u"Radio 10000"_s);
+    QCOMPARE(app.table()->viewport()->findChildren<QWidget *>().size(), widgetsBefore);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Controller and gate
+
+void AppShellTest::whileSavingOnlyReloadAndShowFilesAct()
+{
+    TestWorld world;
+    // Bravo's firmware is not known yet, so a save asks it who it is; that answer is held.
+    QJsonObject bravo = fullRadio(u"10.0.0.2"_s, u"2234-5678-9012-3456"_s, u"Bravo"_s);
+    bravo.remove(u"version"_s);
+    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s), bravo}));
+    QJsonObject answer = fullRadio(u"10.0.0.2"_s, u"2234-5678-9012-3456"_s, u"Bravo"_s);
+    answer.remove(u"enabled"_s);
+    answer.remove(u"ipAddress"_s);
+    world.answerDiscover(u"10.0.0.2"_s, QJsonDocument(answer).toJson(QJsonDocument::Compact) + '\n', 0, true);
+
+    DialogAnswerer answerer;
+    OpenedUrls opened;
+    RunningApp app(world);
+    const ReleaseOnExit releaseOnExit{world};
+    QVERIFY(windowReady(app));
+    QCOMPARE(app.selectedRow(), 0);
+    QVERIFY(app.includeBox()->isChecked());
+
+    // Excluding Alpha saves at once; the save waits for Bravo's answer.
+    app.click(app.includeBox());
+    QVERIFY(app.app().isBusy());
+    QCOMPARE(app.statusText(), u"Checking radio identities before saving\u2026"_s);
+    QTRY_COMPARE(world.discoveredAddresses(), QStringList{u"10.0.0.2"_s});
+    QCOMPARE(app.rowTexts(0).at(1), u"10.0.0.1  \u00B7  Disabled"_s);
+    const QString draft = app.app().draftText();
+
+    // Add Radio… and Delete Config ask nothing, and nothing changes.
+    app.click(app.button(u"Add Radio…"_s));
+    settle();
+    QVERIFY(answerer.shown().isEmpty());
+    app.click(app.button(u"Delete Config"_s));
+    settle();
+    QVERIFY(answerer.shown().isEmpty());
+    QCOMPARE(app.rowCount(), 2);
+
+    // The check box stays as the radio is.
+    app.click(app.includeBox());
+    settle();
+    QVERIFY(!app.includeBox()->isChecked());
+    QCOMPARE(app.rowTexts(0).at(1), u"10.0.0.1  \u00B7  Disabled"_s);
+
+    // Remove Radio removes nothing, whichever radio is selected.
+    app.click(app.removeButton());
+    app.selectRow(1);
+    QCOMPARE(app.detailTitle()->text(), u"Bravo"_s);
+    app.click(app.removeButton());
+    settle();
+    QCOMPARE(app.rowCount(), 2);
+    QCOMPARE(app.rowTexts(1).at(0), u"Bravo"_s);
+
+    QCOMPARE(app.app().draftText(), draft);
+    QCOMPARE(app.statusText(), u"Checking radio identities before saving\u2026"_s);
+    QVERIFY(app.app().isBusy());
+
+    // Show Files still opens the support folder.
+    app.click(app.button(u"Show Files"_s));
+    QCOMPARE(opened.urls, QList<QUrl>{QUrl::fromLocalFile(world.home() + u"/.local/share/Veldspar"_s)});
+
+    // Reload still reads the file, which someone changed meanwhile.
+    const QByteArray changed = configWith({fullRadio(u"10.0.0.3"_s, u"3234-5678-9012-3456"_s, u"Charlie"_s)});
+    world.writeConfig(changed);
+    app.click(app.button(u"Reload"_s));
+    QCOMPARE(app.rowCount(), 1);
+    QCOMPARE(app.rowTexts(0).at(0), u"Charlie"_s);
+    QCOMPARE(app.detailTitle()->text(), u"Charlie"_s);
+    // The rebuilt list keeps the service button shut while the save runs.
+    QVERIFY(!app.serviceButton()->isEnabled());
+
+    // The held save ends without writing over the reloaded file.
+    world.release();
+    QVERIFY(app.waitUntilIdle());
+    QTRY_COMPARE(answerer.titles(), QStringList{u"The draft changed. Please Save again."_s});
+    QCOMPARE(world.readConfig(), changed);
+    QCOMPARE(world.discoveredAddresses(), QStringList{u"10.0.0.2"_s});
+    QCOMPARE(world.importedFiles().size(), 0);
+    QCOMPARE(app.rowTexts(0).at(0), u"Charlie"_s);
+}
+
+void AppShellTest::closingTheWindowQuits()
+{
+    TestWorld world;
+    QGuiApplication::setQuitOnLastWindowClosed(false);
+    RunningApp app(world);
+    QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+    QVERIFY(QGuiApplication::quitOnLastWindowClosed());
+
+    QSignalSpy lastClosed(qApp, &QGuiApplication::lastWindowClosed);
+    QSignalSpy quitting(qApp, &QCoreApplication::aboutToQuit);
+    const int code = runEventLoop([&app] { app.window()->close(); });
+
+    QCOMPARE(code, 0);
+    QCOMPARE(lastClosed.size(), 1);
+    QCOMPARE(quitting.size(), 1);
+    QVERIFY(!app.window()->isVisible());
+}
+
+// ---------------------------------------------------------------------------------------------
+// Window and menus
+
+void AppShellTest::shrinkingStopsAtTheMinimumContentSize()
+{
+    TestWorld world;
+    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s)}));
+    RunningApp app(world);
+    QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+    QWidget *content = app.window()->centralWidget();
+    QWidget *details = app.detailTitle()->parentWidget();
+
+    app.window()->resize(300, 200);
+    QTRY_COMPARE(content->size(), QSize(880, 580));
+    QCOMPARE(app.table()->width(), 390);
+    QVERIFY2(details->width() >= 300, qPrintable(QString::number(details->width())));
+
+    // At the smallest size everything still fits: nothing leaves the content area and the
+    // list keeps its minimum height.
+    QVERIFY(app.table()->height() >= 320);
+    const int statusBottom = app.status()->mapTo(content, QPoint(0, app.status()->height())).y();
+    QVERIFY2(statusBottom <= content->height(), qPrintable(QString::number(statusBottom)));
+    const int removeBottom = app.removeButton()->mapTo(content, QPoint(0, app.removeButton()->height())).y();
+    QVERIFY(removeBottom <= app.table()->mapTo(content, QPoint(0, app.table()->height())).y());
+
+    // Growing widens the details, never the list.
+    app.window()->resize(1400, 900);
+    QTRY_COMPARE(content->width(), 1400);
+    QCOMPARE(app.table()->width(), 390);
+    QCOMPARE(details->width(), 1400 - 24 - 24 - 390 - 20);
+}
+
+void AppShellTest::longStatusIsElidedOnOneLine()
+{
+    TestWorld world;
+    RunningApp app(world);
+    QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+    StatusLabel *status = app.status();
+    const int lineHeight = status->height();
+    const QSize contentSize = app.window()->centralWidget()->size();
+
+    QString text = u"Reading radio details from "_s;
+    for (int i = 0; i < 40; ++i)
+        text += u"very-long-host-name-%1.example.net "_s.arg(i);
+    text += ellipsis;
+    status->setText(text);
+    QApplication::processEvents();
+    status->grab();
+
+    const QString shown = status->displayedText();
+    QVERIFY2(shown.endsWith(ellipsis), qPrintable(shown));
+    QVERIFY(shown.size() < text.size());
+    QVERIFY(text.startsWith(shown.chopped(1)));
+    QVERIFY(shown.startsWith(u"Reading radio details from very-long-host-name-0"_s));
+    QVERIFY(status->fontMetrics().horizontalAdvance(shown) <= status->contentsRect().width());
+    // Still one line, and the window did not grow to make room.
+    QCOMPARE(status->height(), lineHeight);
+    QCOMPARE(status->width(), contentSize.width() - 48);
+    QCOMPARE(app.window()->centralWidget()->size(), contentSize);
+    QVERIFY(!status->wordWrap());
+
+    // A short text is shown whole.
+    status->setText(u"Configuration loaded"_s);
+    QCOMPARE(status->displayedText(), u"Configuration loaded"_s);
+}
+
+void AppShellTest::ctrlQQuits()
+{
+    TestWorld world;
+    RunningApp app(world);
+    QVERIFY(windowReady(app));
+
+    QSignalSpy quitting(qApp, &QCoreApplication::aboutToQuit);
+    const int code = runEventLoop([&app] { QTest::keyClick(app.window(), Qt::Key_Q, Qt::ControlModifier); });
+    QCOMPARE(code, 0);
+    QCOMPARE(quitting.size(), 1);
+}
+
+void AppShellTest::editShortcutsActOnTheFocusedTextField()
+{
+    TestWorld world;
+    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s)}));
+    RunningApp app(world);
+    QVERIFY(windowReady(app));
+    QClipboard *clipboard = QGuiApplication::clipboard();
+
+    // A value of the details panel: select it all, then copy it.
+    QLabel *serial = app.value(u"serialNumber"_s);
+    QTest::mouseClick(serial, Qt::LeftButton);
+    QTRY_VERIFY(serial->hasFocus());
+    QTest::keyClick(serial, Qt::Key_A, Qt::ControlModifier);
+    QCOMPARE(serial->selectedText(), u"1234-5678-9012-3456"_s);
+    QTest::keyClick(serial, Qt::Key_C, Qt::ControlModifier);
+    QCOMPARE(clipboard->text(), u"1234-5678-9012-3456"_s);
+    // The value itself is not editable.
+    QTest::keyClick(serial, Qt::Key_X, Qt::ControlModifier);
+    QTest::keyClick(serial, Qt::Key_V, Qt::ControlModifier);
+    QCOMPARE(serial->text(), u"1234-5678-9012-3456"_s);
+
+    // The same through the Edit menu's items.
+    clipboard->clear();
+    QLabel *model = app.value(u"model"_s);
+    model->setFocus();
+    QTRY_VERIFY(model->hasFocus());
+    menuItem(app.window(), u"Edit"_s, u"Select All"_s)->trigger();
+    QCOMPARE(model->selectedText(), u"FLEX-6600"_s);
+    menuItem(app.window(), u"Edit"_s, u"Copy"_s)->trigger();
+    QCOMPARE(clipboard->text(), u"FLEX-6600"_s);
+
+    // A text field of the window: the Edit items go to it while it has focus.
+    auto *field = new QLineEdit(app.window()->centralWidget());
+    field->show();
+    field->setFocus();
+    QTRY_VERIFY(field->hasFocus());
+    QTest::keyClicks(field, u"10.0.0.7"_s);
+    menuItem(app.window(), u"Edit"_s, u"Select All"_s)->trigger();
+    QCOMPARE(field->selectedText(), u"10.0.0.7"_s);
+    menuItem(app.window(), u"Edit"_s, u"Cut"_s)->trigger();
+    QCOMPARE(field->text(), QString());
+    QCOMPARE(clipboard->text(), u"10.0.0.7"_s);
+    menuItem(app.window(), u"Edit"_s, u"Paste"_s)->trigger();
+    menuItem(app.window(), u"Edit"_s, u"Paste"_s)->trigger();
+    QCOMPARE(field->text(), u"10.0.0.710.0.0.7"_s);
+    menuItem(app.window(), u"Edit"_s, u"Undo"_s)->trigger();
+    QCOMPARE(field->text(), u"10.0.0.7"_s);
+    clipboard->clear();
+    menuItem(app.window(), u"Edit"_s, u"Select All"_s)->trigger();
+    menuItem(app.window(), u"Edit"_s, u"Copy"_s)->trigger();
+    QCOMPARE(clipboard->text(), u"10.0.0.7"_s);
+    delete field;
+
+    // The input field of a dialog, with the keyboard alone.
+    QStringList seen;
+    QTimer typist;
+    typist.setInterval(10);
+    QObject::connect(&typist, &QTimer::timeout, [&] {
+        QWidget *modal = QApplication::activeModalWidget();
+        auto *input = modal ? modal->findChild<QLineEdit *>() : nullptr;
+        if (!input || !input->isVisible() || !input->hasFocus())
+            return;
+        typist.stop();
+        QTest::keyClicks(input, u"192.168.1.50"_s);
+        QTest::keyClick(input, Qt::Key_A, Qt::ControlModifier);
+        seen << input->selectedText();
+        QTest::keyClick(input, Qt::Key_X, Qt::ControlModifier);
+        seen << input->text() << clipboard->text();
+        QTest::keyClick(input, Qt::Key_V, Qt::ControlModifier);
+        QTest::keyClick(input, Qt::Key_V, Qt::ControlModifier);
+        seen << input->text();
+        QTest::keyClick(input, Qt::Key_Z, Qt::ControlModifier);
+        seen << input->text();
+        clipboard->clear();
+        QTest::keyClick(input, Qt::Key_A, Qt::ControlModifier);
+        QTest::keyClick(input, Qt::Key_C, Qt::ControlModifier);
+        seen << clipboard->text();
+        QTest::keyClick(input, Qt::Key_Return);
+    });
+    typist.start();
+    const ModalWatchdog watchdog;
+    QLineEdit address;
+    const bool confirmed = app.app().dialog(u"Add a radio"_s, QString(), u"Address?"_s, true, &address);
+    QVERIFY(confirmed);
+    QCOMPARE(seen, (QStringList{u"192.168.1.50"_s, QString(), u"192.168.1.50"_s, u"192.168.1.50192.168.1.50"_s,
+                                u"192.168.1.50"_s, u"192.168.1.50"_s}));
+    QCOMPARE(address.text(), u"192.168.1.50"_s);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Radio table and details
+
+void AppShellTest::noRadiosShowAnEmptyDisabledPanel()
+{
+    TestWorld world;
+    RunningApp app(world);
+
+    QCOMPARE(app.rowCount(), 0);
+    QCOMPARE(app.selectedRow(), -1);
+    QCOMPARE(app.detailTitle()->text(), u"Add your first radio"_s);
+    for (const QString &key : detailKeys)
+        QCOMPARE(app.value(key)->text(), emDash);
+    QVERIFY(!app.includeBox()->isChecked());
+    QVERIFY(!app.includeBox()->isEnabled());
+    QVERIFY(!app.removeButton()->isEnabled());
+}
+
+void AppShellTest::radiosWithoutSelectionAskToSelectOne()
+{
+    TestWorld world;
+    QJsonObject unnamed = fullRadio(u"10.0.0.2"_s, u"2234-5678-9012-3456"_s, QString());
+    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s), unnamed}));
+    RunningApp app(world);
+    QVERIFY(windowReady(app));
+    QCOMPARE(app.selectedRow(), 0);
+
+    // Control-click on the selected row takes the selection away.
+    const QRect first = app.table()->visualRect(app.table()->model()->index(0, 0));
+    QTest::mouseClick(app.table()->viewport(), Qt::LeftButton, Qt::ControlModifier, first.center());
+    QCOMPARE(app.selectedRow(), -1);
+    QCOMPARE(app.detailTitle()->text(), u"Select a radio"_s);
+    for (const QString &key : detailKeys)
+        QCOMPARE(app.value(key)->text(), emDash);
+    QVERIFY(!app.includeBox()->isEnabled());
+    QVERIFY(!app.includeBox()->isChecked());
+    QVERIFY(!app.removeButton()->isEnabled());
+
+    // A selected radio without a name asks the same.
+    app.selectRow(1);
+    QCOMPARE(app.selectedRow(), 1);
+    QCOMPARE(app.detailTitle()->text(), u"Select a radio"_s);
+    QCOMPARE(app.value(u"ipAddress"_s)->text(), u"10.0.0.2"_s);
+    QVERIFY(app.includeBox()->isEnabled());
+    QVERIFY(app.removeButton()->isEnabled());
+}
+
+void AppShellTest::removingTheSelectedLastOfThreeSelectsTheSecond()
+{
+    TestWorld world;
+    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s),
+                                  fullRadio(u"10.0.0.2"_s, u"2234-5678-9012-3456"_s, u"Bravo"_s),
+                                  fullRadio(u"10.0.0.3"_s, u"3234-5678-9012-3456"_s, u"Charlie"_s)}));
+    DialogAnswerer answerer;
+    RunningApp app(world);
+    QVERIFY(windowReady(app));
+    app.selectRow(2);
+    QCOMPARE(app.detailTitle()->text(), u"Charlie"_s);
+
+    app.click(app.removeButton());
+    QCOMPARE(app.selectedRow(), 1);
+    QVERIFY(app.waitUntilIdle());
+
+    QCOMPARE(answerer.shown().size(), 0);
+    QCOMPARE(app.rowCount(), 2);
+    QCOMPARE(app.selectedRow(), 1);
+    QCOMPARE(app.detailTitle()->text(), u"Bravo"_s);
+    QCOMPARE(app.value(u"ipAddress"_s)->text(), u"10.0.0.2"_s);
+    QVERIFY(app.removeButton()->isEnabled());
+    QCOMPARE(app.statusText(), u"Saved. Previous configuration backed up; running service reloads automatically."_s);
+    const QJsonArray saved = parseObject(world.readConfig()).value(u"radios"_s).toArray();
+    QCOMPARE(saved.size(), 2);
+    QCOMPARE(saved.at(0).toObject().value(u"name"_s).toString(), u"Alpha"_s);
+    QCOMPARE(saved.at(1).toObject().value(u"name"_s).toString(), u"Bravo"_s);
+}
+
+void AppShellTest::enabledAsTextCountsAsDisabled()
+{
+    TestWorld world;
+    QJsonObject textual = fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s);
+    textual.insert(u"enabled"_s, u"true"_s);
+    world.writeConfig(configWith({textual}));
+    RunningApp app(world);
+
+    QCOMPARE(app.rowTexts(0), (QStringList{u"Alpha"_s, u"10.0.0.1  \u00B7  Disabled"_s}));
+    QCOMPARE(app.selectedRow(), 0);
+    QVERIFY(app.includeBox()->isEnabled());
+    QVERIFY(!app.includeBox()->isChecked());
+}
+
+void AppShellTest::unnamedRadioShowsRadio()
+{
+    TestWorld world;
+    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, QString())}));
+    RunningApp app(world);
+
+    QCOMPARE(app.rowTexts(0), (QStringList{u"Radio"_s, u"10.0.0.1  \u00B7  Enabled"_s}));
+}
+
+void AppShellTest::numericFirmwareShowsADash()
+{
+    TestWorld world;
+    QJsonObject numeric = fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s);
+    numeric.insert(u"version"_s, 3.3);
+    world.writeConfig(configWith({numeric}));
+    RunningApp app(world);
+    QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+
+    QCOMPARE(app.selectedRow(), 0);
+    QCOMPARE(app.value(u"version"_s)->text(), emDash);
+    QCOMPARE(app.value(u"model"_s)->text(), u"FLEX-6600"_s);
+    auto *firmware = labelWithText(app.window()->centralWidget(), u"FIRMWARE"_s);
+    QVERIFY(firmware && firmware->isVisible());
+}
+
+// ---------------------------------------------------------------------------------------------
+// Service button
+
+void AppShellTest::inactiveButtonIsPaleRedWithRedTitleCentred()
+{
+    TestWorld world;
+    RunningApp app(world);
+    ServiceButton *button = app.serviceButton();
+    QCOMPARE(button->text(), u"Checking\u2026"_s);
+    QVERIFY(!button->active());
+
+    for (const QColor &background : {QColor(Qt::white), QColor(0x31, 0x36, 0x3B)}) {
+        const QImage image = rendered(button, background);
+        const QColor fill = blended(danger, fillAlpha, background);
+        // Above and below the title, the face is the pale fill.
+        QVERIFY2(near(image.pixelColor(50, 2), fill, 2), qPrintable(image.pixelColor(50, 2).name()));
+        QVERIFY(near(image.pixelColor(50, 27), fill, 2));
+        QVERIFY(near(image.pixelColor(9, 2), fill, 2));
+        QVERIFY(near(image.pixelColor(90, 27), fill, 2));
+        // Inset by one and rounded: the outer ring and the corners show the background.
+        for (int x = 0; x < 100; ++x) {
+            QCOMPARE(image.pixelColor(x, 0), background);
+            QCOMPARE(image.pixelColor(x, 29), background);
+        }
+        for (int y : {0, 1, 2, 3, 26, 27, 28, 29}) {
+            QCOMPARE(image.pixelColor(0, y), background);
+            QCOMPARE(image.pixelColor(99, y), background);
+        }
+        for (const QPoint &corner : {QPoint(1, 1), QPoint(98, 1), QPoint(1, 28), QPoint(98, 28)})
+            QCOMPARE(image.pixelColor(corner), background);
+
+        // The title is the tint itself, anti-aliased into the fill, centred both ways.
+        const Face face = faceOf(image, fill, danger);
+        QVERIFY2(face.foreignPixels == 0, qPrintable(face.firstForeign.name()));
+        QVERIFY(face.fullTintPixels > 10);
+        QVERIFY(face.ink.width() > 40);
+        QVERIFY2(qAbs(middleX(face.ink) - 49.5) <= 2, qPrintable(QString::number(middleX(face.ink))));
+        QVERIFY2(qAbs(middleY(face.ink) - 14.5) <= 3, qPrintable(QString::number(middleY(face.ink))));
+    }
+}
+
+void AppShellTest::activeButtonTurnsGreenAtTheNextRedraw()
+{
+    TestWorld world;
+    RunningApp app(world);
+    QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+    ServiceButton *button = app.serviceButton();
+    QApplication::processEvents();
+
+    // Each assignment repaints, even of the value it already has.
+    struct Counter : QObject
+    {
+        int paints = 0;
+        bool eventFilter(QObject *, QEvent *event) override
+        {
+            if (event->type() == QEvent::Paint)
+                ++paints;
+            return false;
+        }
+    } counter;
+    button->installEventFilter(&counter);
+    button->setActive(true);
+    QTRY_VERIFY(counter.paints > 0);
+    counter.paints = 0;
+    button->setActive(true);
+    QTRY_VERIFY(counter.paints > 0);
+    button->removeEventFilter(&counter);
+
+    const QColor background(Qt::white);
+    const QImage image = rendered(button, background);
+    const QColor fill = blended(success, fillAlpha, background);
+    QVERIFY2(near(image.pixelColor(50, 2), fill, 2), qPrintable(image.pixelColor(50, 2).name()));
+    const Face face = faceOf(image, fill, success);
+    QVERIFY2(face.foreignPixels == 0, qPrintable(face.firstForeign.name()));
+    QVERIFY(face.fullTintPixels > 10);
+    QVERIFY(qAbs(middleX(face.ink) - 49.5) <= 2);
+
+    // And back to red.
+    button->setActive(false);
+    const QImage red = rendered(button, background);
+    QVERIFY(near(red.pixelColor(50, 2), blended(danger, fillAlpha, background), 2));
+    QCOMPARE(faceOf(red, blended(danger, fillAlpha, background), danger).foreignPixels, 0);
+}
+
+void AppShellTest::disabledButtonKeepsItsColours()
+{
+    TestWorld world;
+    RunningApp app(world);
+    ServiceButton *button = app.serviceButton();
+    QVERIFY(!button->isEnabled());
+
+    for (bool active : {false, true}) {
+        button->setActive(active);
+        button->setEnabled(false);
+        const QImage disabled = rendered(button, Qt::white);
+        button->setEnabled(true);
+        const QImage enabled = rendered(button, Qt::white);
+        QCOMPARE(disabled, enabled);
+        const QColor tint = active ? success : danger;
+        const Face face = faceOf(disabled, blended(tint, fillAlpha, Qt::white), tint);
+        QCOMPARE(face.foreignPixels, 0);
+        QVERIFY(face.fullTintPixels > 10);
+    }
+}
+
+void AppShellTest::wideTitleIsNeitherCutNorScaledButCentred()
+{
+    // The arithmetic: the text box is centred, so a wider text starts left of the button.
+    QCOMPARE(ServiceButton::titleOrigin(QSizeF(100, 30), QSizeF(160, 18)), QPointF(-30, 6));
+    QCOMPARE(ServiceButton::titleOrigin(QSizeF(100, 30), QSizeF(60, 18)), QPointF(20, 6));
+
+    TestWorld world;
+    RunningApp app(world);
+    ServiceButton *button = app.serviceButton();
+    const QString title = u"Service unavailable right now"_s;
+    button->setText(title);
+    const qreal textWidth = QFontMetricsF(button->titleFont()).horizontalAdvance(title);
+    QVERIFY(textWidth > 100);
+    const QImage narrow = rendered(button, Qt::white);
+
+    // The same title on a button wide enough for it: the narrow button shows exactly the middle
+    // of it, unscaled and without an ellipsis.
+    ServiceButton wide(title);
+    wide.setFixedSize(400, 30);
+    const QImage whole = rendered(&wide, Qt::white);
+    const QColor fill = blended(danger, fillAlpha, Qt::white);
+    const Face wholeFace = faceOf(whole, fill, danger);
+    QCOMPARE(wholeFace.foreignPixels, 0);
+    QVERIFY(qAbs(middleX(wholeFace.ink) - 199.5) <= 2);
+    QVERIFY(wholeFace.ink.width() > 100);
+    for (int y = 3; y < 27; ++y)
+        for (int x = 3; x < 97; ++x)
+            QVERIFY2(narrow.pixelColor(x, y) == whole.pixelColor(x + 150, y),
+                     qPrintable(u"%1,%2"_s.arg(x).arg(y)));
+    // The ink runs off both sides of the narrow button.
+    const Face narrowFace = faceOf(narrow, fill, danger);
+    QCOMPARE(narrowFace.foreignPixels, 0);
+    bool inkAtLeft = false;
+    bool inkAtRight = false;
+    for (int y = 8; y < 22; ++y) {
+        for (int x = 2; x < 8; ++x) {
+            inkAtLeft = inkAtLeft || near(narrow.pixelColor(x, y), danger, 40);
+            inkAtRight = inkAtRight || near(narrow.pixelColor(99 - x, y), danger, 40);
+        }
+    }
+    QVERIFY(inkAtLeft);
+    QVERIFY(inkAtRight);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Dialogs
+
+void AppShellTest::alertIsOneLabelHighWithOkCentred()
+{
+    TestWorld world;
+    RunningApp app(world);
+    DialogAnswerer answerer;
+
+    app.app().alert(u"Save failed."_s);
+
+    QCOMPARE(answerer.shown().size(), 1);
+    const ShownDialog &shown = answerer.shown().first();
+    QCOMPARE(shown.texts, QStringList{u"Save failed."_s});
+    QVERIFY(!shown.hasCancel);
+    QVERIFY(!shown.hasInput);
+    QCOMPARE(shown.textFrames.size(), 1);
+    const QRect label = shown.textFrames.first();
+    QCOMPARE(shown.size, QSize(460, 156 + label.height() + 12));
+    // One line: the label needs no more than it has, and less than two lines would take.
+    QVERIFY(shown.textHeightsNeeded.first() <= label.height());
+    QFont titleFont = QApplication::font();
+    titleFont.setPointSizeF(15);
+    titleFont.setWeight(QFont::DemiBold);
+    QVERIFY(label.height() < 2 * QFontMetrics(titleFont).lineSpacing() + 10);
+    QCOMPARE(label, QRect(32, 104, 396, label.height()));
+    QCOMPARE(shown.okButton, QRect(186, shown.size.height() - 20 - 32, 88, 32));
+    QCOMPARE(shown.okButton.x() * 2 + shown.okButton.width(), shown.size.width());
+    QVERIFY(shown.cancelButton.isNull());
+}
+
+void AppShellTest::emptyDialogShowsOnlyIconAndButton()
+{
+    TestWorld world;
+    RunningApp app(world);
+    DialogAnswerer answerer;
+
+    QVERIFY(app.app().dialog(QString(), QString(), QString(), false, nullptr));
+
+    QCOMPARE(answerer.shown().size(), 1);
+    const ShownDialog &shown = answerer.shown().first();
+    QCOMPARE(shown.size, QSize(460, 156));
+    QVERIFY(shown.texts.isEmpty());
+    QVERIFY(shown.textFrames.isEmpty());
+    QVERIFY(!shown.hasInput);
+    QVERIFY(!shown.hasCancel);
+    QCOMPARE(shown.icon, QRect(198, 24, 64, 64));
+    QCOMPARE(shown.okButton, QRect(186, 104, 88, 32));
+}
+
+void AppShellTest::longDetailWrapsAndGrowsThePanel()
+{
+    TestWorld world;
+    RunningApp app(world);
+    DialogAnswerer answerer;
+
+    QString detail;
+    for (int i = 0; i < 60; ++i)
+        detail += u"The service executable printed line %1 of its output before it stopped. "_s.arg(i + 1);
+    app.app().alert(u"Save failed."_s);
+    app.app().dialog(u"Save failed."_s, detail, QString(), false, nullptr);
+
+    QCOMPARE(answerer.shown().size(), 2);
+    const ShownDialog &shortOne = answerer.shown().at(0);
+    const ShownDialog &shown = answerer.shown().at(1);
+    QCOMPARE(shown.texts, (QStringList{u"Save failed."_s, detail}));
+    QCOMPARE(shown.textFrames.size(), 2);
+    const QRect title = shown.textFrames.at(0);
+    const QRect wrapped = shown.textFrames.at(1);
+    QCOMPARE(wrapped.x(), 32);
+    QCOMPARE(wrapped.width(), 396);
+    QCOMPARE(wrapped.top(), title.bottom() + 1 + 12);
+    // The whole text fits in its label: nothing is cut, nothing scrolls.
+    QVERIFY2(shown.textHeightsNeeded.at(1) <= wrapped.height(),
+             qPrintable(u"%1 > %2"_s.arg(shown.textHeightsNeeded.at(1)).arg(wrapped.height())));
+    QVERIFY(wrapped.height() > 20 * title.height());
+    QCOMPARE(shown.size, QSize(460, 156 + title.height() + 12 + wrapped.height() + 12));
+    QVERIFY(shown.size.height() > 1000);
+    QVERIFY(shown.size.height() > shortOne.size.height() + wrapped.height());
+    QCOMPARE(shown.okButton.top(), wrapped.bottom() + 1 + 12);
+}
+
+void AppShellTest::returnInTheInputFieldConfirms()
+{
+    TestWorld world;
+    RunningApp app(world);
+    DialogAnswerer answerer;
+    answerer.willPress(u"Return"_s, u"192.168.1.50"_s);
+    const ModalWatchdog watchdog;
+
+    QPointer<QLineEdit> field = new QLineEdit;
+    field->setPlaceholderText(u"192.168.1.100"_s);
+    const bool confirmed = app.app().dialog(u"Add Radio"_s, u"Enter the address of the radio."_s, QString(), true,
+                                            field);
+
+    QVERIFY(confirmed);
+    QCOMPARE(answerer.shown().size(), 1);
+    QVERIFY(answerer.shown().first().inputFocused);
+    QVERIFY(answerer.shown().first().hasCancel);
+    // The field is still the caller's, holding what was typed.
+    QVERIFY(field);
+    QCOMPARE(field->text(), u"192.168.1.50"_s);
+    delete field;
+}
+
+void AppShellTest::cancelEscapeAndOtherEndingsReturnFalse()
+{
+    TestWorld world;
+    RunningApp app(world);
+
+    {
+        const ModalWatchdog watchdog;
+        DialogAnswerer answerer;
+        answerer.willPress(u"Cancel"_s);
+        answerer.willPress(u"Escape"_s);
+        answerer.willPress(u"Escape"_s);
+        answerer.willPress(u"OK"_s);
+        QVERIFY(!app.app().dialog(u"Delete configuration?"_s, QString(), u"Are you sure?"_s, true, nullptr));
+        QVERIFY(!app.app().dialog(u"Delete configuration?"_s, QString(), u"Are you sure?"_s, true, nullptr));
+        QLineEdit field;
+        QVERIFY(!app.app().dialog(u"Add Radio"_s, QString(), QString(), true, &field));
+        QVERIFY(app.app().dialog(u"Delete configuration?"_s, QString(), u"Are you sure?"_s, true, nullptr));
+        QCOMPARE(answerer.shown().size(), 4);
+    }
+
+    // A run ended with any code but OK's.
+    QTimer ender;
+    ender.setInterval(10);
+    QObject::connect(&ender, &QTimer::timeout, [&ender] {
+        if (auto *panel = qobject_cast<QDialog *>(QApplication::activeModalWidget()); panel && panel->isVisible()) {
+            ender.stop();
+            panel->done(2);
+        }
+    });
+    ender.start();
+    QVERIFY(!app.app().dialog(u"Delete configuration?"_s, QString(), u"Are you sure?"_s, true, nullptr));
+
+    // Without a Cancel button, Escape leaves the panel up; only OK ends it.
+    bool stayedUp = false;
+    QTimer presser;
+    presser.setInterval(10);
+    QObject::connect(&presser, &QTimer::timeout, [&] {
+        auto *panel = qobject_cast<QDialog *>(QApplication::activeModalWidget());
+        if (!panel || !panel->isVisible())
+            return;
+        presser.stop();
+        QTest::keyClick(panel, Qt::Key_Escape);
+        QApplication::processEvents();
+        stayedUp = panel->isVisible();
+        for (QPushButton *button : panel->findChildren<QPushButton *>())
+            if (button->text() == u"OK"_s)
+                QTest::mouseClick(button, Qt::LeftButton);
+    });
+    presser.start();
+    const ModalWatchdog watchdog;
+    app.app().alert(u"Saved."_s);
+    QVERIFY(stayedUp);
+}
+
+void AppShellTest::panelPlacesIconTextsFieldAndButtons()
+{
+    // The arithmetic, from the heights of the stacked views.
+    const DialogGeometry three = dialogGeometry({30, 20, 26}, true, true);
+    QCOMPARE(three.height, 156 + 42 + 32 + 38);
+    QCOMPARE(three.icon, QRect(198, 24, 64, 64));
+    QCOMPARE(three.views, (QList<QRect>{QRect(32, 104, 396, 30), QRect(32, 146, 396, 20), QRect(48, 178, 364, 26)}));
+    QCOMPARE(three.okButton, QRect(138, three.height - 20 - 32, 88, 32));
+    QCOMPARE(three.cancelButton, QRect(234, three.height - 20 - 32, 88, 32));
+    // The last view ends 12 above the buttons.
+    QCOMPARE(three.views.last().bottom() + 1 + 12, three.okButton.top());
+    const DialogGeometry none = dialogGeometry({}, false, false);
+    QCOMPARE(none.height, 156);
+    QCOMPARE(none.okButton, QRect(186, 104, 88, 32));
+    QVERIFY(none.cancelButton.isNull());
+    QVERIFY(none.views.isEmpty());
+    QCOMPARE(dialogLabelHeight(17.0), 27);
+    QCOMPARE(dialogLabelHeight(17.2), 28);
+
+    // The panel as shown.
+    TestWorld world;
+    RunningApp app(world);
+    QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+    DialogAnswerer answerer;
+    answerer.willPress(u"Cancel"_s);
+    QLineEdit field;
+    QVERIFY(!app.app().dialog(u"Delete configuration?"_s, u"This will remove all configured radios immediately."_s,
+                              u"Are you sure?"_s, true, &field));
+
+    QCOMPARE(answerer.shown().size(), 1);
+    const ShownDialog &shown = answerer.shown().first();
+    QCOMPARE(shown.texts, (QStringList{u"Delete configuration?"_s, u"This will remove all configured radios immediately."_s,
+                                       u"Are you sure?"_s}));
+    const int height = shown.size.height();
+    QCOMPARE(shown.size.width(), 460);
+    QCOMPARE(shown.icon, QRect(198, 24, 64, 64));
+    int cursor = 104;
+    int sum = 0;
+    for (const QRect &frame : shown.textFrames) {
+        QCOMPARE(frame, QRect(32, cursor, 396, frame.height()));
+        cursor += frame.height() + 12;
+        sum += frame.height() + 12;
+    }
+    QCOMPARE(shown.inputField, QRect(48, cursor, 364, 26));
+    QCOMPARE(height, 156 + sum + 26 + 12);
+    QCOMPARE(shown.okButton, QRect(138, height - 20 - 32, 88, 32));
+    QCOMPARE(shown.cancelButton, QRect(234, height - 20 - 32, 88, 32));
+    QCOMPARE(shown.inputField.bottom() + 1 + 12, shown.okButton.top());
+    for (int i = 0; i < shown.textFrames.size(); ++i)
+        QVERIFY(shown.textHeightsNeeded.at(i) <= shown.textFrames.at(i).height());
+    // Centred on the main window's content.
+    const QPoint middle = app.window()->geometry().center();
+    QCOMPARE(shown.frame, QRect(middle.x() - 230, middle.y() - height / 2, 460, height));
+    QVERIFY(qAbs(shown.frame.center().x() - middle.x()) <= 1);
+    QVERIFY(qAbs(shown.frame.center().y() - middle.y()) <= 1);
+}
+
+QTEST_MAIN(AppShellTest)
 #include "tst_app.moc"
