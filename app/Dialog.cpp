@@ -39,6 +39,7 @@ struct TextStyle
 QLabel *dialogText(QWidget *panel, const QString &text, TextStyle style, int &height)
 {
     auto *label = new QLabel(text, panel);
+    label->setTextFormat(Qt::PlainText); // the service's output is shown as printed, never as markup
     QFont font = label->font();
     font.setPointSizeF(style.size);
     font.setWeight(style.weight);

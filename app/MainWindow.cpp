@@ -34,6 +34,7 @@ QPalette secondaryPalette(QPalette palette)
 QLabel *AppDelegate::label(const QString &text, qreal size, QFont::Weight weight, bool secondary)
 {
     auto *made = new QLabel(text);
+    made->setTextFormat(Qt::PlainText); // names and addresses come from radios and files, never markup
     QFont font = made->font();
     font.setPointSizeF(size);
     font.setWeight(weight);
