@@ -2,6 +2,7 @@
 
 #include "config/ConfigDocument.h"
 #include "config/Draft.h"
+#include "platform/Outcome.h"
 
 #include <QFont>
 #include <QJsonObject>
@@ -51,12 +52,17 @@ public:
     void removeRadio();
     void showFolder();
 
+    // Import of an earlier product's file (config/Import.cpp).
+    void importConfig();
+
     // Saving (config/Save.cpp, config/WriteConfig.cpp).
     void save();
     void writeConfig();
 
     // Discovery (discovery/Discover.cpp). Blocks; background threads only.
     QJsonObject discover(const QString &address) const;
+    // Adding a radio by its address (discovery/AddRadio.cpp).
+    void addRadio();
 
     // Radio table and details panel (app/Details.cpp).
     void tableViewSelectionDidChange();
@@ -90,9 +96,9 @@ private:
     QLayout *buildServiceRow();
     void sendEditCommand(int command);
 
-    // Save completion on the main thread (config/Save.cpp).
-    struct Verification;
-    void finishSave(const Verification &result, const QString &snapshot);
+    // Completions on the main thread (config/Save.cpp, discovery/AddRadio.cpp).
+    void finishSave(const Outcome<QByteArray> &result, const QString &snapshot);
+    void finishAddRadio(const QString &address, const QString &snapshot, const Outcome<QJsonObject> &outcome);
 
     // The selected row of the table, or -1 (app/Details.cpp).
     int selectedRow() const;

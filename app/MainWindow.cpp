@@ -140,8 +140,8 @@ void AppDelegate::buildViewTree()
                     0, Qt::AlignHCenter);
 
     QHBoxLayout *toolbar = row();
-    toolbar->addWidget(button(QStringLiteral("Add Radio\u2026"), nullptr));
-    toolbar->addWidget(button(QStringLiteral("Import\u2026"), nullptr));
+    toolbar->addWidget(button(QStringLiteral("Add Radio\u2026"), &AppDelegate::addRadio));
+    toolbar->addWidget(button(QStringLiteral("Import\u2026"), &AppDelegate::importConfig));
     toolbar->addWidget(button(QStringLiteral("Delete Config"), &AppDelegate::newConfig));
     toolbar->addWidget(button(QStringLiteral("Reload"), &AppDelegate::reload));
     root->addLayout(toolbar);

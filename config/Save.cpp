@@ -2,15 +2,7 @@
 
 #include "config/Verification.h"
 #include "platform/Background.h"
-#include "platform/Error.h"
-
-#include <optional>
-
-struct AppDelegate::Verification
-{
-    std::optional<QByteArray> document; // the verified document, in the written form
-    std::optional<Error> error;
-};
+#include "platform/Outcome.h"
 
 void AppDelegate::save()
 {
@@ -23,18 +15,14 @@ void AppDelegate::save()
     runInBackground(
         this,
         [this, snapshot] {
-            Verification result;
-            try {
-                result.document = verifiedDocument(snapshot, [this](const QString &address) { return discover(address); });
-            } catch (const Error &error) {
-                result.error = error;
-            }
-            return result;
+            return attempt([&] {
+                return verifiedDocument(snapshot, [this](const QString &address) { return discover(address); });
+            });
         },
-        [this, snapshot](const Verification &result) { finishSave(result, snapshot); });
+        [this, snapshot](const Outcome<QByteArray> &result) { finishSave(result, snapshot); });
 }
 
-void AppDelegate::finishSave(const Verification &result, const QString &snapshot)
+void AppDelegate::finishSave(const Outcome<QByteArray> &result, const QString &snapshot)
 {
     busy = false;
     // A draft replaced while the radios were probed is never overwritten, and an outdated
@@ -43,8 +31,8 @@ void AppDelegate::finishSave(const Verification &result, const QString &snapshot
         alert(QStringLiteral("The draft changed. Please Save again."));
         return;
     }
-    if (result.document) {
-        draft().setText(QString::fromUtf8(*result.document));
+    if (result.value) {
+        draft().setText(QString::fromUtf8(*result.value));
         refreshRadios();
         writeConfig();
         return;

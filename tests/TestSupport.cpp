@@ -12,6 +12,8 @@
 #include <QCheckBox>
 #include <QDir>
 #include <QFile>
+#include <QDialogButtonBox>
+#include <QFileDialog>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QLabel>
@@ -160,6 +162,11 @@ DialogAnswerer::DialogAnswerer()
     m_timer.start();
 }
 
+void DialogAnswerer::willChoose(const QString &path)
+{
+    m_plans.append({QStringLiteral("Choose"), path});
+}
+
 void DialogAnswerer::willPress(const QString &button, const QString &typed)
 {
     m_plans.append({button, typed});
@@ -179,6 +186,11 @@ void DialogAnswerer::poll()
     if (!modal || !modal->isVisible() || modal->property("answered").toBool())
         return;
     modal->setProperty("answered", true);
+
+    if (auto *chooser = qobject_cast<QFileDialog *>(modal)) {
+        answerFileChooser(chooser);
+        return;
+    }
 
     ShownDialog shown;
     QList<QLabel *> labels = modal->findChildren<QLabel *>(Qt::FindDirectChildrenOnly);
@@ -234,6 +246,42 @@ void DialogAnswerer::poll()
         return;
     }
     QTest::mouseClick(press, Qt::LeftButton);
+}
+
+void DialogAnswerer::answerFileChooser(QFileDialog *chooser)
+{
+    ShownDialog shown;
+    shown.fileChooser = true;
+    shown.texts << chooser->windowTitle();
+    shown.choosesExistingFileOnly = chooser->fileMode() == QFileDialog::ExistingFile;
+    shown.nameFilters = chooser->nameFilters();
+    shown.size = chooser->size();
+    const Plan plan = m_plans.isEmpty() ? Plan{QStringLiteral("Cancel"), QString()} : m_plans.takeFirst();
+    shown.answer = plan.button;
+    auto *buttons = chooser->findChild<QDialogButtonBox *>();
+    QPushButton *open = buttons ? buttons->button(QDialogButtonBox::Open) : nullptr;
+    QPushButton *cancel = buttons ? buttons->button(QDialogButtonBox::Cancel) : nullptr;
+    if (!open || !cancel) {
+        qWarning("The file chooser has no Open and Cancel buttons");
+        return;
+    }
+    if (plan.button == QStringLiteral("Choose")) {
+        // Typed into the file name field, as a user does; the chooser's own checks then apply.
+        auto *name = chooser->findChild<QLineEdit *>(QStringLiteral("fileNameEdit"));
+        if (!name) {
+            qWarning("The file chooser has no file name field");
+            return;
+        }
+        name->setFocus();
+        name->selectAll();
+        QTest::keyClicks(name, plan.typed);
+    }
+    QTest::mouseClick(plan.button == QStringLiteral("Choose") ? open : cancel, Qt::LeftButton);
+    // A chooser that refuses the pick (a folder, say) stays open for the next planned answer.
+    shown.stayedOpen = chooser->isVisible();
+    if (shown.stayedOpen)
+        chooser->setProperty("answered", false);
+    m_shown.append(shown);
 }
 
 RunningApp::RunningApp(const TestWorld &) : m_app(std::make_unique<AppDelegate>())

@@ -16,6 +16,7 @@
 class AppDelegate;
 class QAbstractButton;
 class QCheckBox;
+class QFileDialog;
 class QLabel;
 class QListView;
 class QMainWindow;
@@ -80,6 +81,12 @@ struct ShownDialog
     QRect cancelButton;           // empty when there is none
     QRect inputField;             // empty when there is none
     bool inputFocused = false;    // the field had the keyboard focus when the panel appeared
+
+    // A file chooser: its title is the only text; what it lets the user pick.
+    bool fileChooser = false;
+    bool choosesExistingFileOnly = false; // one existing file, no folders
+    QStringList nameFilters;
+    bool stayedOpen = false;              // it refused the choice and is still asking
 };
 
 // Answers the app's modal dialogs as a user would: waits for the active modal widget, records
@@ -95,12 +102,15 @@ public:
     // "OK" or "Cancel" (clicked), or the key "Return" or "Escape" (typed into the focused
     // widget, the input field when there is one).
     void willPress(const QString &button, const QString &typed = QString());
+    // For a file chooser: pick this path and press its Open button.
+    void willChoose(const QString &path);
 
     const QList<ShownDialog> &shown() const { return m_shown; }
     QStringList titles() const;
 
 private:
     void poll();
+    void answerFileChooser(QFileDialog *chooser);
     struct Plan
     {
         QString button;

@@ -1,7 +1,9 @@
 #include "TestSupport.h"
+#include "Privileges.h"
 
 #include "app/AppDelegate.h"
 #include "app/ServiceButton.h"
+#include "config/ConfigFile.h"
 #include "config/Verification.h"
 #include "platform/Error.h"
 
@@ -1021,6 +1023,256 @@ private Q_SLOTS:
         COMPARE_ONE_INFORMATION(answerer, QStringLiteral("Caf\uFFFD config rejected: \uFFFD\uFFFD\n"));
         QCOMPARE(world.readConfig(), original);
         QCOMPARE(app.app().draftText(), QString::fromUtf8(original));
+    }
+
+    // Import of an earlier product's config.json through "Import…".
+
+    void importAsksForOneExistingFileWithoutFilter()
+    {
+        TestWorld world;
+        const QByteArray config = configWith({radio(QStringLiteral("10.0.0.1"), QStringLiteral("A-1"))});
+        world.writeConfig(config);
+        RunningApp app(world);
+        const QString draft = app.app().draftText();
+        DialogAnswerer answers;
+        answers.willPress(QStringLiteral("Cancel"));
+        app.click(app.button(QStringLiteral("Import\u2026")));
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(answers.shown().size(), 1);
+        const ShownDialog &chooser = answers.shown().first();
+        QVERIFY(chooser.fileChooser);
+        QCOMPARE(chooser.texts, QStringList({QStringLiteral("Import Tarnwick config.json")}));
+        QVERIFY(chooser.choosesExistingFileOnly);
+        QVERIFY(chooser.nameFilters.isEmpty() || chooser.nameFilters == QStringList({QStringLiteral("All Files (*)")}));
+        // Cancelled: nothing happened.
+        QCOMPARE(app.app().draftText(), draft);
+        QCOMPARE(world.readConfig(), config);
+        QCOMPARE(app.statusText(), loaded);
+        QVERIFY(world.calls().isEmpty());
+    }
+
+    void importWithoutVersionsProbesEachRadioInOrder()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({}));
+        RunningApp app(world);
+        const QString file = world.root() + QStringLiteral("/tarnwick/config.json");
+        QDir().mkpath(QFileInfo(file).path());
+        QFile out(file);
+        QVERIFY(out.open(QIODevice::WriteOnly));
+        out.write(R"({"radios": [)"
+                  R"({"ipAddress": "10.0.0.1", "serialNumber": "0000-0000-0000-0000", "enabled": true},)"
+                  R"({"ipAddress": "10.0.0.2", "serialNumber": "B-2", "enabled": false, "note": "attic"}]})");
+        out.close();
+        const QJsonObject first{{QStringLiteral("serialNumber"), QStringLiteral("A-1")},
+                                {QStringLiteral("name"), QStringLiteral("Shack")},
+                                {QStringLiteral("model"), QStringLiteral("FLEX-6600")},
+                                {QStringLiteral("callsign"), QStringLiteral("W1AW")},
+                                {QStringLiteral("version"), QStringLiteral("3.3.32.8203")}};
+        const QJsonObject second{{QStringLiteral("serialNumber"), QStringLiteral("B-2")},
+                                 {QStringLiteral("name"), QStringLiteral("Attic")},
+                                 {QStringLiteral("model"), QStringLiteral("FLEX-8400")},
+                                 {QStringLiteral("version"), QStringLiteral("3.8.19.0")}};
+        world.answerRadio(QStringLiteral("10.0.0.1"), first);
+        world.answerRadio(QStringLiteral("10.0.0.2"), second);
+
+        DialogAnswerer answers;
+        answers.willChoose(file);
+        app.click(app.button(QStringLiteral("Import\u2026")));
+        QVERIFY(app.waitUntilIdle());
+
+        QCOMPARE(answers.shown().size(), 1); // the chooser, and no message
+        QCOMPARE(world.discoveredAddresses(), QStringList({QStringLiteral("10.0.0.1"), QStringLiteral("10.0.0.2")}));
+        QJsonObject shack = first;
+        shack.insert(QStringLiteral("ipAddress"), QStringLiteral("10.0.0.1"));
+        shack.insert(QStringLiteral("enabled"), true);
+        QJsonObject attic = second;
+        attic.insert(QStringLiteral("ipAddress"), QStringLiteral("10.0.0.2"));
+        attic.insert(QStringLiteral("enabled"), false);
+        attic.insert(QStringLiteral("note"), QStringLiteral("attic"));
+        const QByteArray expected =
+            QJsonDocument(QJsonObject{{QStringLiteral("radios"), QJsonArray({shack, attic})}}).toJson(QJsonDocument::Indented);
+        QCOMPARE(world.readConfig(), expected);
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(expected));
+        QCOMPARE(app.statusText(), saved);
+        QCOMPARE(app.rowTexts(1), QStringList({QStringLiteral("Attic"), QStringLiteral("10.0.0.2  \u00B7  Disabled")}));
+    }
+
+    void importKeepsExtraKeysAndItsOwnInterval_data()
+    {
+        QTest::addColumn<QByteArray>("imported");
+        QTest::newRow("own interval and an extra key")
+            << QByteArray(R"({"broadcastIntervalMs": 1000, "site": "north", "radios": [{"ipAddress": "10.0.0.1", "serialNumber": "A-1", "version": "3.3"}]})");
+        QTest::newRow("no interval")
+            << QByteArray(R"({"site": "north", "radios": [{"ipAddress": "10.0.0.1", "serialNumber": "A-1", "version": "3.3"}]})");
+    }
+
+    void importKeepsExtraKeysAndItsOwnInterval()
+    {
+        QFETCH(QByteArray, imported);
+        TestWorld world;
+        world.writeConfig(R"({"broadcastIntervalMs": 5000, "radios": []})");
+        RunningApp app(world);
+        const QString file = world.root() + QStringLiteral("/old.json");
+        QFile out(file);
+        QVERIFY(out.open(QIODevice::WriteOnly));
+        out.write(imported);
+        out.close();
+        DialogAnswerer answers;
+        answers.willChoose(file);
+        app.click(app.button(QStringLiteral("Import\u2026")));
+        QVERIFY(app.waitUntilIdle());
+        const QByteArray expected = QJsonDocument(parseObject(imported)).toJson(QJsonDocument::Indented);
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(expected));
+        QCOMPARE(world.readConfig(), expected);
+        QVERIFY(world.discoveredAddresses().isEmpty());
+        QCOMPARE(app.statusText(), saved);
+    }
+
+    void importOfAnEmptyRadioListSavesNoRadios()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({radio(QStringLiteral("10.0.0.1"), QStringLiteral("A-1"))}));
+        RunningApp app(world);
+        const QString file = world.root() + QStringLiteral("/empty.json");
+        QFile out(file);
+        QVERIFY(out.open(QIODevice::WriteOnly));
+        out.write(R"({"radios": []})");
+        out.close();
+        DialogAnswerer answers;
+        answers.willChoose(file);
+        app.click(app.button(QStringLiteral("Import\u2026")));
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(world.readConfig(), QByteArray("{\n    \"radios\": [\n    ]\n}\n"));
+        QCOMPARE(app.rowCount(), 0);
+        QCOMPARE(app.detailTitle()->text(), QStringLiteral("Add your first radio"));
+        QCOMPARE(app.statusText(), saved);
+    }
+
+    void importThatCannotBeReadChangesNothing_data()
+    {
+        QTest::addColumn<QByteArray>("content");
+        QTest::addColumn<QString>("expectedMessage"); // a pattern for the whole dialog text
+        QTest::newRow("radios is a string")
+            << QByteArray(R"({"radios": "10.0.0.1"})")
+            << QRegularExpression::escape(QStringLiteral("Cannot read file: Error Domain=Invalid configuration Code=1 \"")
+                                          + messageText(QStringLiteral("Invalid configuration")) + u'"')
+                   + u'$';
+        QTest::newRow("not JSON")
+            << QByteArray("radios = 10.0.0.1\n")
+            << QStringLiteral("^Cannot read file: Error Domain=QJsonParseError Code=\\d+ \"JSON text is not valid: .+\" "
+                              "UserInfo=\\{NSLocalizedDescription=JSON text is not valid: .+\\}$");
+        QTest::newRow("invalid UTF-8")
+            << QByteArray("{\"radios\": [{\"ipAddress\": \"10.0.0.1\", \"name\": \"\xff\xfe\"}]}")
+            << QStringLiteral("^Cannot read file: Error Domain=QJsonParseError Code=\\d+ \"JSON text is not valid: invalid "
+                              "UTF8 string at offset \\d+\\.\" UserInfo=.+$");
+        // Valid JSON, but far larger than any radio list.
+        QTest::newRow("5 MB") << (QByteArray("{\"radios\": [], \"padding\": \"") + QByteArray(5 * 1000 * 1000, 'x')
+                                  + QByteArray("\"}"))
+                              << QStringLiteral("^Cannot read file: Error Domain=QFile Code=\\d+ \".+/chosen\\.json: The "
+                                                "file is larger than 4 MB, too large for a radio configuration\" "
+                                                "UserInfo=.+$");
+    }
+
+    void importThatCannotBeReadChangesNothing()
+    {
+        QFETCH(QByteArray, content);
+        QFETCH(QString, expectedMessage);
+        TestWorld world;
+        const QByteArray config = configWith({radio(QStringLiteral("10.0.0.1"), QStringLiteral("A-1"), QStringLiteral("Kept"))});
+        world.writeConfig(config);
+        RunningApp app(world);
+        const QString draft = app.app().draftText();
+        const QString file = world.root() + QStringLiteral("/chosen.json");
+        QFile out(file);
+        QVERIFY(out.open(QIODevice::WriteOnly));
+        out.write(content);
+        out.close();
+        DialogAnswerer answers;
+        answers.willChoose(file);
+        app.click(app.button(QStringLiteral("Import\u2026")));
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(answers.shown().size(), 2);
+        const QString message = answers.shown().at(1).texts.value(0);
+        QVERIFY2(QRegularExpression(expectedMessage).match(message).hasMatch(), qPrintable(message));
+        QCOMPARE(app.app().draftText(), draft);
+        QCOMPARE(world.readConfig(), config);
+        QCOMPARE(app.statusText(), loaded);
+        QVERIFY(world.calls().isEmpty());
+    }
+
+    void importOfAnUnreadableFileSaysWhy()
+    {
+        TestWorld world;
+        const QByteArray config = configWith({radio(QStringLiteral("10.0.0.1"), QStringLiteral("A-1"))});
+        world.writeConfig(config);
+        RunningApp app(world);
+        const QString file = world.root() + QStringLiteral("/locked.json");
+        QFile out(file);
+        QVERIFY(out.open(QIODevice::WriteOnly));
+        out.write(R"({"radios": []})");
+        out.close();
+        QVERIFY(QFile::setPermissions(file, QFileDevice::WriteOwner));
+        DialogAnswerer answers;
+        answers.willChoose(file);
+        {
+            WithoutFilePermissionOverride ordinaryUser;
+            app.click(app.button(QStringLiteral("Import\u2026")));
+            QVERIFY(app.waitUntilIdle());
+        }
+        QCOMPARE(answers.shown().size(), 2);
+        QCOMPARE(answers.shown().at(1).texts.value(0),
+                 QStringLiteral("Cannot read file: Error Domain=QFile Code=5 \"%1: Permission denied\" "
+                                "UserInfo={NSLocalizedDescription=%1: Permission denied}")
+                     .arg(file));
+        QCOMPARE(world.readConfig(), config);
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(config));
+    }
+
+    void importCannotChooseAFolder()
+    {
+        TestWorld world;
+        const QByteArray config = configWith({});
+        world.writeConfig(config);
+        RunningApp app(world);
+        const QString folder = world.root() + QStringLiteral("/folder.json");
+        QVERIFY(QDir().mkpath(folder));
+        DialogAnswerer answers;
+        answers.willChoose(folder);
+        answers.willPress(QStringLiteral("Cancel"));
+        app.click(app.button(QStringLiteral("Import\u2026")));
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(answers.shown().size(), 2);
+        QVERIFY(answers.shown().at(0).stayedOpen); // picking the folder only opened it
+        QVERIFY(!answers.shown().at(1).stayedOpen);
+        QCOMPARE(world.readConfig(), config);
+        QVERIFY(world.calls().isEmpty());
+        // Should a folder's path reach the reader anyway, it says so in the same words.
+        try {
+            readConfigurationFile(folder);
+            QFAIL("a folder was read");
+        } catch (const Error &error) {
+            QCOMPARE(error.description(),
+                     QStringLiteral("Error Domain=QFile Code=5 \"%1: Is a folder, not a file\" "
+                                    "UserInfo={NSLocalizedDescription=%1: Is a folder, not a file}")
+                         .arg(folder));
+        }
+    }
+
+    void importWhileSavingIsIgnored()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({radio(QStringLiteral("10.0.0.1"), QString(), QStringLiteral("One"), QString())}));
+        RunningApp app(world);
+        world.answerDiscover(QStringLiteral("10.0.0.1"), "{\"serialNumber\":\"A-1\",\"version\":\"3.3\"}\n", 0, true);
+        DialogAnswerer answers;
+        app.click(app.removeButton()); // a save with a probe that waits
+        QVERIFY(app.app().isBusy());
+        app.click(app.button(QStringLiteral("Import\u2026")));
+        QTest::qWait(100);
+        QVERIFY(answers.shown().isEmpty());
+        world.release();
+        QVERIFY(app.waitUntilIdle());
     }
 };
 

@@ -1,9 +1,16 @@
 #include "TestSupport.h"
 
 #include "app/AppDelegate.h"
+#include "app/StatusLabel.h"
 #include "discovery/ProbeOutput.h"
+#include "discovery/RadioAddition.h"
 #include "platform/Error.h"
 
+#include <QApplication>
+#include <QClipboard>
+#include <QJsonArray>
+#include <QLineEdit>
+#include <QPushButton>
 #include <QtTest>
 
 namespace {
@@ -150,6 +157,323 @@ private Q_SLOTS:
             QCOMPARE(error.domain(), QStringLiteral("QProcess"));
             QVERIFY(error.localizedDescription().startsWith(world.resources() + QStringLiteral("/Veldspar: ")));
         }
+    }
+
+    // Adding a radio by its address, through "Add Radio…" and its dialog.
+
+    void addRadioAsksForTheAddress()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({}));
+        RunningApp app(world);
+        DialogAnswerer answers;
+        answers.willPress(QStringLiteral("Cancel"), QStringLiteral("10.0.0.5"));
+        app.click(app.button(QStringLiteral("Add Radio\u2026")));
+        QCOMPARE(answers.shown().size(), 1);
+        const ShownDialog &asked = answers.shown().first();
+        QCOMPARE(asked.texts, QStringList({QStringLiteral("Add Radio"),
+                                           QStringLiteral("Connect your VPN and enter the radio\u2019s IP address. Its "
+                                                          "details will be read automatically.")}));
+        QVERIFY(asked.hasCancel);
+        QVERIFY(asked.hasInput);
+        QCOMPARE(asked.placeholder, QStringLiteral("Radio IPv4 address"));
+    }
+
+    void cancellingTheQuestionChangesNothing()
+    {
+        TestWorld world;
+        const QByteArray config = configWith({radio(QStringLiteral("10.0.0.1"), QStringLiteral("A-1"), QStringLiteral("One"))});
+        world.writeConfig(config);
+        RunningApp app(world);
+        const QString draft = app.app().draftText();
+        const QString status = app.statusText();
+        DialogAnswerer answers;
+        answers.willPress(QStringLiteral("Cancel"), QStringLiteral("10.0.0.5"));
+        app.click(app.button(QStringLiteral("Add Radio\u2026")));
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(answers.shown().size(), 1);
+        QCOMPARE(app.statusText(), status);
+        QCOMPARE(app.app().draftText(), draft);
+        QCOMPARE(world.readConfig(), config);
+        QVERIFY(world.calls().isEmpty());
+    }
+
+    void addedRadioAppearsSavedWithItsName()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({}));
+        RunningApp app(world);
+        const QJsonObject answer{{QStringLiteral("ipAddress"), QStringLiteral("10.8.0.20")},
+                                 {QStringLiteral("serialNumber"), QStringLiteral("1121-1104-6700-2912")},
+                                 {QStringLiteral("name"), QStringLiteral("RemoteShack")},
+                                 {QStringLiteral("model"), QStringLiteral("FLEX-6600")},
+                                 {QStringLiteral("callsign"), QStringLiteral("W1AW")},
+                                 {QStringLiteral("version"), QStringLiteral("3.3.32.8203")},
+                                 {QStringLiteral("enabled"), true}};
+        world.answerRadio(QStringLiteral("10.8.0.20"), answer);
+        DialogAnswerer answers;
+        answers.willPress(QStringLiteral("OK"), QStringLiteral("10.8.0.20"));
+        app.click(app.button(QStringLiteral("Add Radio\u2026")));
+        QVERIFY(app.waitUntilIdle());
+
+        QCOMPARE(answers.shown().size(), 1); // only the question: no error
+        QCOMPARE(app.statusText(),
+                 QStringLiteral("Saved. Previous configuration backed up; running service reloads automatically."));
+        QCOMPARE(app.rowCount(), 1);
+        QCOMPARE(app.rowTexts(0), QStringList({QStringLiteral("RemoteShack"), QStringLiteral("10.8.0.20  \u00B7  Enabled")}));
+        QCOMPARE(app.detailTitle()->text(), QStringLiteral("RemoteShack"));
+        // The entry is the answer exactly; the file on disk holds it in the written form.
+        const QJsonObject written = parseObject(world.readConfig());
+        QCOMPARE(written.value(QStringLiteral("radios")).toArray(), QJsonArray({answer}));
+        QCOMPARE(written.value(QStringLiteral("broadcastIntervalMs")).toInt(), 3000);
+        QCOMPARE(world.readConfig(), QJsonDocument(written).toJson(QJsonDocument::Indented));
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(world.readConfig()));
+        // One probe for the address; the save found nothing left to identify.
+        QCOMPARE(world.discoveredAddresses(), QStringList({QStringLiteral("10.8.0.20")}));
+    }
+
+    void addressIsTrimmedBeforeTheProbe()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({}));
+        RunningApp app(world);
+        world.answerRadio(QStringLiteral("10.0.0.5"), radio(QStringLiteral("10.0.0.5"), QStringLiteral("S-5"), QStringLiteral("Five")));
+        // Pasted with leading spaces and a trailing line break, as copied from a note.
+        QGuiApplication::clipboard()->setText(QStringLiteral("   10.0.0.5\n"));
+        bool pasted = false;
+        QTimer poll;
+        poll.setInterval(10);
+        connect(&poll, &QTimer::timeout, [&] {
+            QWidget *modal = QApplication::activeModalWidget();
+            if (!modal || pasted)
+                return;
+            auto *field = modal->findChild<QLineEdit *>();
+            if (!field)
+                return;
+            pasted = true;
+            field->setFocus();
+            QTest::keyClick(field, Qt::Key_V, Qt::ControlModifier);
+            field->insert(QStringLiteral("\n")); // a line edit folds a pasted break; keep one in the text
+            QVERIFY(field->text().endsWith(u'\n'));
+            QTest::mouseClick(modal->findChild<QPushButton *>(), Qt::LeftButton);
+        });
+        poll.start();
+        app.click(app.button(QStringLiteral("Add Radio\u2026")));
+        QVERIFY(app.waitUntilIdle());
+        QVERIFY(pasted);
+        QCOMPARE(world.discoveredAddresses().value(0), QStringLiteral("10.0.0.5"));
+        QCOMPARE(app.rowCount(), 1);
+    }
+
+    void addressThatIsNoAddressStillReachesTheProbe_data()
+    {
+        QTest::addColumn<QString>("typed");
+        QTest::newRow("a word") << QStringLiteral("shack");
+        QTest::newRow("empty") << QString(u""_qs);
+    }
+
+    void addressThatIsNoAddressStillReachesTheProbe()
+    {
+        QFETCH(QString, typed);
+        TestWorld world;
+        const QByteArray config = configWith({});
+        world.writeConfig(config);
+        RunningApp app(world);
+        const QByteArray failure = "Veldspar cannot find a radio at \"" + typed.toUtf8() + "\": no such host.\n";
+        world.answerDiscover(typed, failure, 1);
+        DialogAnswerer answers;
+        answers.willPress(QStringLiteral("OK"), typed);
+        app.click(app.button(QStringLiteral("Add Radio\u2026")));
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(world.discoveredAddresses(), QStringList({typed}));
+        QCOMPARE(answers.titles(), QStringList({QStringLiteral("Add Radio"), QString::fromUtf8(failure)}));
+        QCOMPARE(app.statusText(), QStringLiteral("Discovery failed; no entry was added."));
+        QCOMPARE(world.readConfig(), config);
+        QCOMPARE(app.rowCount(), 0);
+    }
+
+    void readingStatusShowsWhileTheProbeRuns()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({}));
+        RunningApp app(world);
+        world.answerDiscover(QStringLiteral("10.0.0.9"), "{\"serialNumber\":\"S-9\",\"version\":\"3.3\"}\n", 0, true);
+        DialogAnswerer answers;
+        answers.willPress(QStringLiteral("OK"), QStringLiteral("10.0.0.9"));
+        app.click(app.button(QStringLiteral("Add Radio\u2026")));
+        QCOMPARE(app.statusText(), QStringLiteral("Reading radio details from 10.0.0.9\u2026"));
+        QVERIFY(app.app().isBusy());
+        // A second request while the first one runs asks nothing at all.
+        app.click(app.button(QStringLiteral("Add Radio\u2026")));
+        QTest::qWait(100);
+        QCOMPARE(answers.shown().size(), 1);
+        world.release();
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(app.rowCount(), 1);
+    }
+
+    void emptyRadioListTakesTheAnswerAsItsOnlyEntry()
+    {
+        TestWorld world;
+        world.writeConfig(R"({"broadcastIntervalMs": 1500, "radios": [], "zone": "home"})");
+        RunningApp app(world);
+        const QJsonObject answer = radio(QStringLiteral("10.0.0.2"), QStringLiteral("S-2"), QStringLiteral("Two"));
+        world.answerRadio(QStringLiteral("10.0.0.2"), answer);
+        DialogAnswerer answers;
+        answers.willPress(QStringLiteral("OK"), QStringLiteral("10.0.0.2"));
+        app.click(app.button(QStringLiteral("Add Radio\u2026")));
+        QVERIFY(app.waitUntilIdle());
+        const QJsonObject written = parseObject(world.readConfig());
+        QCOMPARE(written, QJsonObject({{QStringLiteral("broadcastIntervalMs"), 1500},
+                                       {QStringLiteral("radios"), QJsonArray({answer})},
+                                       {QStringLiteral("zone"), QStringLiteral("home")}}));
+    }
+
+    void draftWithoutRadiosShowsTheInvalidConfigurationError()
+    {
+        TestWorld world;
+        world.writeConfig("{}");
+        RunningApp app(world);
+        world.answerRadio(QStringLiteral("10.0.0.2"), radio(QStringLiteral("10.0.0.2"), QStringLiteral("S-2")));
+        DialogAnswerer answers;
+        answers.willPress(QStringLiteral("OK"), QStringLiteral("10.0.0.2"));
+        app.click(app.button(QStringLiteral("Add Radio\u2026")));
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(answers.titles().value(1),
+                 QStringLiteral("The operation couldn\u2019t be completed. (Invalid configuration error 1.)"));
+        QCOMPARE(app.statusText(), QStringLiteral("Discovery failed; no entry was added."));
+        QCOMPARE(app.app().draftText(), QStringLiteral("{}"));
+        QCOMPARE(world.readConfig(), QByteArray("{}"));
+    }
+
+    void draftThatIsNotJsonShowsTheParserError()
+    {
+        TestWorld world;
+        world.writeConfig("{\"radios\": [");
+        RunningApp app(world);
+        world.answerRadio(QStringLiteral("10.0.0.2"), radio(QStringLiteral("10.0.0.2"), QStringLiteral("S-2")));
+        DialogAnswerer answers;
+        answers.willPress(QStringLiteral("OK"), QStringLiteral("10.0.0.2"));
+        app.click(app.button(QStringLiteral("Add Radio\u2026")));
+        QVERIFY(app.waitUntilIdle());
+        QVERIFY(answers.titles().value(1).startsWith(QStringLiteral("JSON text is not valid: ")));
+        QCOMPARE(app.statusText(), QStringLiteral("Discovery failed; no entry was added."));
+    }
+
+    void duplicateIsRefused_data()
+    {
+        QTest::addColumn<QJsonObject>("existing");
+        QTest::addColumn<QJsonObject>("answer");
+        QTest::newRow("same address, other serial")
+            << radio(QStringLiteral("10.0.0.7"), QStringLiteral("OLD-1")) << radio(QStringLiteral("10.0.0.7"), QStringLiteral("NEW-2"));
+        QTest::newRow("other address, same serial")
+            << radio(QStringLiteral("10.0.0.8"), QStringLiteral("SAME-1")) << radio(QStringLiteral("10.0.0.7"), QStringLiteral("SAME-1"));
+        QTest::newRow("no serial on either side")
+            << radio(QStringLiteral("10.0.0.8"), QString()) << radio(QStringLiteral("10.0.0.7"), QString());
+    }
+
+    void duplicateIsRefused()
+    {
+        QFETCH(QJsonObject, existing);
+        QFETCH(QJsonObject, answer);
+        TestWorld world;
+        const QByteArray config = configWith({existing});
+        world.writeConfig(config);
+        RunningApp app(world);
+        world.answerRadio(QStringLiteral("10.0.0.7"), answer);
+        DialogAnswerer answers;
+        answers.willPress(QStringLiteral("OK"), QStringLiteral("10.0.0.7"));
+        app.click(app.button(QStringLiteral("Add Radio\u2026")));
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(answers.titles().value(1), QStringLiteral("This radio is already in the configuration."));
+        // The status line still says what was being done; nothing changed.
+        QCOMPARE(app.statusText(), QStringLiteral("Reading radio details from 10.0.0.7\u2026"));
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(config));
+        QCOMPARE(world.readConfig(), config);
+        QCOMPARE(app.rowCount(), 1);
+    }
+
+    void duplicateTestComparesTheTypedAddressOnly()
+    {
+        // The answer's own address is not what counts: the typed one is.
+        const RadioEntries listed{radio(QStringLiteral("10.0.0.1"), QStringLiteral("A"))};
+        QVERIFY(!isAlreadyListed(listed, QStringLiteral("10.0.0.2"), radio(QStringLiteral("10.0.0.1"), QStringLiteral("B"))));
+        QVERIFY(isAlreadyListed(listed, QStringLiteral("10.0.0.1"), radio(QStringLiteral("10.9.9.9"), QStringLiteral("B"))));
+        // A serial that is a number is missing, and so equals an answer without one.
+        RadioEntry numbered = radio(QStringLiteral("10.0.0.3"), QString());
+        numbered.insert(QStringLiteral("serialNumber"), 42);
+        QVERIFY(isAlreadyListed({numbered}, QStringLiteral("10.0.0.4"), QJsonObject()));
+        QVERIFY(!isAlreadyListed({numbered}, QStringLiteral("10.0.0.4"), radio(QStringLiteral("x"), QStringLiteral("42"))));
+    }
+
+    void reloadDuringTheProbeDropsTheAnswer()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({}));
+        RunningApp app(world);
+        world.answerDiscover(QStringLiteral("10.0.0.9"), "{\"serialNumber\":\"S-9\",\"version\":\"3.3\"}\n", 0, true);
+        DialogAnswerer answers;
+        answers.willPress(QStringLiteral("OK"), QStringLiteral("10.0.0.9"));
+        app.click(app.button(QStringLiteral("Add Radio\u2026")));
+        QCOMPARE(app.statusText(), QStringLiteral("Reading radio details from 10.0.0.9\u2026"));
+
+        const QByteArray changed = configWith({radio(QStringLiteral("10.0.0.1"), QStringLiteral("A-1"), QStringLiteral("Other"))});
+        world.writeConfig(changed);
+        app.click(app.button(QStringLiteral("Reload")));
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(changed));
+        world.release();
+        QVERIFY(app.waitUntilIdle());
+
+        QCOMPARE(answers.titles().value(1), QStringLiteral("The draft changed. Please discover again."));
+        QCOMPARE(app.statusText(), QStringLiteral("Reading radio details from 10.0.0.9\u2026"));
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(changed));
+        QCOMPARE(world.readConfig(), changed);
+        QCOMPARE(app.rowTexts(0).value(0), QStringLiteral("Other"));
+    }
+
+    void reloadDuringAFailingProbeReportsOnlyTheChange()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({}));
+        RunningApp app(world);
+        world.answerDiscover(QStringLiteral("10.0.0.9"), "No answer from 10.0.0.9.\n", 1, true);
+        DialogAnswerer answers;
+        answers.willPress(QStringLiteral("OK"), QStringLiteral("10.0.0.9"));
+        app.click(app.button(QStringLiteral("Add Radio\u2026")));
+        world.writeConfig(configWith({radio(QStringLiteral("10.0.0.1"), QStringLiteral("A-1"))}));
+        app.click(app.button(QStringLiteral("Reload")));
+        world.release();
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(answers.titles().mid(1), QStringList({QStringLiteral("The draft changed. Please discover again.")}));
+    }
+
+    void successfulAdditionRewritesTheWholeDraftSortedThenSaves()
+    {
+        TestWorld world;
+        // Stored compactly and unsorted, with keys the app does not know.
+        const QByteArray stored = R"({"radios":[{"serialNumber":"A-1","ipAddress":"10.0.0.1","version":"3.3","zz":1,"enabled":false}],"extra":{"b":2,"a":1},"broadcastIntervalMs":2000})";
+        world.writeConfig(stored);
+        RunningApp app(world);
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(stored));
+        const QJsonObject answer = radio(QStringLiteral("10.0.0.2"), QStringLiteral("B-2"), QStringLiteral("Second"));
+        world.answerRadio(QStringLiteral("10.0.0.2"), answer);
+        DialogAnswerer answers;
+        answers.willPress(QStringLiteral("OK"), QStringLiteral("10.0.0.2"));
+        app.click(app.button(QStringLiteral("Add Radio\u2026")));
+        QVERIFY(app.waitUntilIdle());
+
+        QJsonObject expected = parseObject(stored);
+        QJsonArray radios = expected.value(QStringLiteral("radios")).toArray();
+        radios.append(answer);
+        expected.insert(QStringLiteral("radios"), radios);
+        const QByteArray rewritten = QJsonDocument(expected).toJson(QJsonDocument::Indented);
+        // What the import received is the draft at the time of the save.
+        QCOMPARE(world.importedFiles(), QList<QByteArray>({rewritten}));
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(rewritten));
+        QCOMPARE(world.readConfig(), rewritten);
+        QCOMPARE(app.rowCount(), 2);
+        QCOMPARE(app.statusText(),
+                 QStringLiteral("Saved. Previous configuration backed up; running service reloads automatically."));
     }
 };
 

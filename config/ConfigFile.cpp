@@ -1,0 +1,31 @@
+#include "config/ConfigFile.h"
+
+#include "config/ConfigDocument.h"
+#include "platform/Error.h"
+
+#include <QFile>
+#include <QFileInfo>
+
+namespace {
+Error fileError(QFileDevice::FileError code, const QString &path, const QString &reason)
+{
+    return Error(QStringLiteral("QFile"), int(code), {{Error::descriptionKey, QStringLiteral("%1: %2").arg(path, reason)}});
+}
+} // namespace
+
+QJsonObject readConfigurationFile(const QString &path)
+{
+    if (QFileInfo(path).isDir())
+        throw fileError(QFileDevice::OpenError, path, QStringLiteral("Is a folder, not a file"));
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        throw Error::fromFile(file, path);
+    const QByteArray bytes = file.read(configurationFileLimit + 1);
+    if (file.error() != QFileDevice::NoError)
+        throw Error::fromFile(file, path);
+    if (bytes.size() > configurationFileLimit)
+        throw fileError(QFileDevice::ReadError, path,
+                        QStringLiteral("The file is larger than %1 MB, too large for a radio configuration")
+                            .arg(configurationFileLimit / (1024 * 1024)));
+    return parseConfiguration(bytes);
+}
