@@ -10,6 +10,7 @@
 #include <QAbstractButton>
 #include <QApplication>
 #include <QCheckBox>
+#include <QClipboard>
 #include <QDir>
 #include <QFile>
 #include <QDialogButtonBox>
@@ -266,7 +267,8 @@ void DialogAnswerer::answerFileChooser(QFileDialog *chooser)
         return;
     }
     if (plan.button == QStringLiteral("Choose")) {
-        // Typed into the file name field, as a user does; the chooser's own checks then apply.
+        // Pasted into the file name field as a whole: typed key by key, the chooser would
+        // wander into each folder as soon as a "/" is typed.
         auto *name = chooser->findChild<QLineEdit *>(QStringLiteral("fileNameEdit"));
         if (!name) {
             qWarning("The file chooser has no file name field");
@@ -274,7 +276,11 @@ void DialogAnswerer::answerFileChooser(QFileDialog *chooser)
         }
         name->setFocus();
         name->selectAll();
-        QTest::keyClicks(name, plan.typed);
+        QGuiApplication::clipboard()->setText(plan.typed);
+        QTest::keyClick(name, Qt::Key_V, Qt::ControlModifier);
+        // The name completion list may open; it would swallow the click on Open.
+        while (QWidget *popup = QApplication::activePopupWidget())
+            popup->close();
     }
     QTest::mouseClick(plan.button == QStringLiteral("Choose") ? open : cancel, Qt::LeftButton);
     // A chooser that refuses the pick (a folder, say) stays open for the next planned answer.
