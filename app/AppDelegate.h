@@ -76,7 +76,7 @@ public:
     void cancelDialog(QAbstractButton *sender);
 
     // Control factories (app/MainWindow.cpp).
-    QLabel *label(const QString &text, qreal size, QFont::Weight weight = QFont::Normal, bool secondary = false);
+    QLabel *label(const QString &text, int size, QFont::Weight weight = QFont::Normal, bool secondary = false);
     QHBoxLayout *row();
     QPushButton *button(const QString &title, void (AppDelegate::*action)());
 

@@ -2,6 +2,7 @@
 
 #include "app/AppIcon.h"
 #include "app/DialogGeometry.h"
+#include "app/Fonts.h"
 
 #include <QDialog>
 #include <QLabel>
@@ -32,7 +33,7 @@ private:
 
 struct TextStyle
 {
-    qreal size;
+    int size;
     QFont::Weight weight;
 };
 
@@ -40,9 +41,7 @@ QLabel *dialogText(QWidget *panel, const QString &text, TextStyle style, int &he
 {
     auto *label = new QLabel(text, panel);
     label->setTextFormat(Qt::PlainText); // the service's output is shown as printed, never as markup
-    QFont font = label->font();
-    font.setPointSizeF(style.size);
-    font.setWeight(style.weight);
+    const QFont font = systemFont(style.size, style.weight);
     label->setFont(font);
     // Only the 12-point text is secondary.
     if (style.size == 12) {

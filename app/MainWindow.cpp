@@ -1,6 +1,7 @@
 #include "app/AppDelegate.h"
 
 #include "app/AppIcon.h"
+#include "app/Fonts.h"
 #include "app/RadioPresentation.h"
 #include "app/RadioTable.h"
 #include "app/ServiceButton.h"
@@ -31,14 +32,11 @@ QPalette secondaryPalette(QPalette palette)
 }
 } // namespace
 
-QLabel *AppDelegate::label(const QString &text, qreal size, QFont::Weight weight, bool secondary)
+QLabel *AppDelegate::label(const QString &text, int size, QFont::Weight weight, bool secondary)
 {
     auto *made = new QLabel(text);
     made->setTextFormat(Qt::PlainText); // names and addresses come from radios and files, never markup
-    QFont font = made->font();
-    font.setPointSizeF(size);
-    font.setWeight(weight);
-    made->setFont(font);
+    made->setFont(systemFont(size, weight));
     if (secondary)
         made->setPalette(secondaryPalette(made->palette()));
     return made;
@@ -164,9 +162,7 @@ void AppDelegate::buildViewTree()
 
     status = new StatusLabel(QStringLiteral("Ready"));
     status->setObjectName(QStringLiteral("status"));
-    QFont statusFont = status->font();
-    statusFont.setPointSizeF(11);
-    status->setFont(statusFont);
+    status->setFont(systemFont(11));
     status->setPalette(secondaryPalette(status->palette()));
     status->setAlignment(Qt::AlignHCenter | Qt::AlignVCenter);
     root->addWidget(status);

@@ -1,5 +1,6 @@
 #include "app/RadioTable.h"
 
+#include "app/Fonts.h"
 #include "app/RadioPresentation.h"
 
 #include <QApplication>
@@ -31,16 +32,6 @@ void RadioListModel::reload()
     endResetModel();
 }
 
-namespace {
-QFont cellFont(const QFont &base, qreal size, QFont::Weight weight)
-{
-    QFont font = base;
-    font.setPointSizeF(size);
-    font.setWeight(weight);
-    return font;
-}
-} // namespace
-
 void RadioCellDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option, const QModelIndex &index) const
 {
     QStyleOptionViewItem background = option;
@@ -55,8 +46,8 @@ void RadioCellDelegate::paint(QPainter *painter, const QStyleOptionViewItem &opt
     const QColor primary = palette.color(selected ? QPalette::HighlightedText : QPalette::Text);
     const QColor secondary = selected ? primary : palette.color(QPalette::PlaceholderText);
 
-    const QFont titleFont = cellFont(option.font, 14, QFont::DemiBold);
-    const QFont subtitleFont = cellFont(option.font, 12, QFont::Normal);
+    const QFont titleFont = systemFont(14, QFont::DemiBold);
+    const QFont subtitleFont = systemFont(12);
     const QRect content = option.rect.adjusted(8, 10, -8, -10);
     const int titleHeight = QFontMetrics(titleFont).height();
 

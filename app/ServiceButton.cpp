@@ -1,5 +1,7 @@
 #include "app/ServiceButton.h"
 
+#include "app/Fonts.h"
+
 #include <QPainter>
 #include <QPainterPath>
 
@@ -30,10 +32,7 @@ QColor ServiceButton::tint() const
 
 QFont ServiceButton::titleFont() const
 {
-    QFont font = QWidget::font();
-    font.setPointSizeF(13);
-    font.setWeight(QFont::DemiBold);
-    return font;
+    return systemFont(13, QFont::DemiBold);
 }
 
 QPointF ServiceButton::titleOrigin(const QSizeF &bounds, const QSizeF &textSize)

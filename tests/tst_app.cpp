@@ -5,6 +5,7 @@
 
 #include "app/AppDelegate.h"
 #include "app/DialogGeometry.h"
+#include "app/Fonts.h"
 #include "app/ServiceButton.h"
 #include "app/StatusLabel.h"
 
@@ -1017,10 +1018,20 @@ void AppShellTest::wideTitleIsNeitherCutNorScaledButCentred()
     QCOMPARE(wholeFace.foreignPixels, 0);
     QVERIFY(qAbs(middleX(wholeFace.ink) - 199.5) <= 2);
     QVERIFY(wholeFace.ink.width() > 100);
-    for (int y = 3; y < 27; ++y)
-        for (int x = 3; x < 97; ++x)
-            QVERIFY2(narrow.pixelColor(x, y) == whole.pixelColor(x + 150, y),
-                     qPrintable(u"%1,%2"_s.arg(x).arg(y)));
+    // Glyphs are placed at sub-pixel positions rounded from absolute coordinates, so the same
+    // text 150 pixels further right may shade its edges a little differently. A scaled or cut
+    // title would move whole glyph edges by a pixel or more, which shows as a full-contrast
+    // difference; coverage noise stays far below that.
+    int worst = 0;
+    for (int y = 3; y < 27; ++y) {
+        for (int x = 3; x < 97; ++x) {
+            const QColor shown = narrow.pixelColor(x, y);
+            const QColor middle = whole.pixelColor(x + 150, y);
+            worst = qMax(worst, qMax(qAbs(shown.red() - middle.red()),
+                                     qMax(qAbs(shown.green() - middle.green()), qAbs(shown.blue() - middle.blue()))));
+        }
+    }
+    QVERIFY2(worst <= 64, qPrintable(u"largest difference %1 of 255"_s.arg(worst)));
     // The ink runs off both sides of the narrow button.
     const Face narrowFace = faceOf(narrow, fill, danger);
     QCOMPARE(narrowFace.foreignPixels, 0);
@@ -1057,9 +1068,7 @@ void AppShellTest::alertIsOneLabelHighWithOkCentred()
     QCOMPARE(shown.size, QSize(460, 156 + label.height() + 12));
     // One line: the label needs no more than it has, and less than two lines would take.
     QVERIFY(shown.textHeightsNeeded.first() <= label.height());
-    QFont titleFont = QApplication::font();
-    titleFont.setPointSizeF(15);
-    titleFont.setWeight(QFont::DemiBold);
+    const QFont titleFont = systemFont(15, QFont::DemiBold);
     QVERIFY(label.height() < 2 * QFontMetrics(titleFont).lineSpacing() + 10);
     QCOMPARE(label, QRect(32, 104, 396, label.height()));
     QCOMPARE(shown.okButton, QRect(186, shown.size.height() - 20 - 32, 88, 32));
