@@ -1,49 +1,143 @@
 // Opens the real application, waits until its window is on screen, saves the window's pixels
 // as a PNG and quits. Used under Xvfb by "make screenshot".
 //
-//   screenshot BUNDLE OUTPUT.png [--wait MS]
+//   screenshot BUNDLE OUTPUT.png [--wait MS] [--add-radio ADDRESS]
+//
+// With --add-radio it goes the user's way through "Add Radio…": it saves the question as
+// OUTPUT-dialog.png, types the address, presses OK, saves any message that follows as
+// OUTPUT-message.png, and saves the window once the app is idle again.
 
 #include "app/AppDelegate.h"
 #include "platform/Bundle.h"
 
+#include <QAbstractButton>
 #include <QApplication>
+#include <QLineEdit>
 #include <QMainWindow>
+#include <QPushButton>
 #include <QScreen>
 #include <QTimer>
 
 #include <cstdio>
+
+namespace {
+bool saveShot(QWidget *window, const QString &path)
+{
+    const QRect frame = window->frameGeometry();
+    const QPixmap shot = window->screen()->grabWindow(0, frame.x(), frame.y(), frame.width(), frame.height());
+    if (!shot.save(path)) {
+        std::fprintf(stderr, "Cannot save %s\n", qPrintable(path));
+        return false;
+    }
+    std::printf("Saved %s (%dx%d)\n", qPrintable(path), shot.width(), shot.height());
+    return true;
+}
+
+QString withSuffix(const QString &output, const QString &suffix)
+{
+    QString stem = output;
+    if (stem.endsWith(QStringLiteral(".png")))
+        stem.chop(4);
+    return stem + suffix + QStringLiteral(".png");
+}
+
+QAbstractButton *buttonTitled(QWidget *window, const QString &title)
+{
+    for (QAbstractButton *button : window->findChildren<QAbstractButton *>())
+        if (button->text() == title)
+            return button;
+    return nullptr;
+}
+
+// Answers each modal panel as it appears: the first with the address, later ones with OK.
+class PanelAnswerer : public QObject
+{
+public:
+    PanelAnswerer(QString address, QString output) : m_address(std::move(address)), m_output(std::move(output))
+    {
+        m_timer.setInterval(50);
+        connect(&m_timer, &QTimer::timeout, this, &PanelAnswerer::poll);
+        m_timer.start();
+    }
+
+private:
+    void poll()
+    {
+        QWidget *panel = QApplication::activeModalWidget();
+        if (!panel || !panel->isVisible() || panel == m_answered)
+            return;
+        if (++m_seenFor < 6) // let it be drawn before it is photographed
+            return;
+        m_seenFor = 0;
+        m_answered = panel;
+        if (auto *field = panel->findChild<QLineEdit *>()) {
+            field->setFocus();
+            field->insert(m_address);
+            QCoreApplication::processEvents();
+            saveShot(panel, withSuffix(m_output, QStringLiteral("-dialog")));
+        } else {
+            saveShot(panel, withSuffix(m_output, QStringLiteral("-message")));
+        }
+        if (QAbstractButton *ok = buttonTitled(panel, QStringLiteral("OK")))
+            ok->click();
+    }
+
+    QString m_address;
+    QString m_output;
+    QTimer m_timer;
+    QWidget *m_answered = nullptr;
+    int m_seenFor = 0;
+};
+} // namespace
 
 int main(int argc, char *argv[])
 {
     QApplication application(argc, argv);
     QStringList arguments = QCoreApplication::arguments().mid(1);
     if (arguments.size() < 2) {
-        std::fprintf(stderr, "usage: screenshot BUNDLE OUTPUT.png [--wait MS]\n");
+        std::fprintf(stderr, "usage: screenshot BUNDLE OUTPUT.png [--wait MS] [--add-radio ADDRESS]\n");
         return 2;
     }
     // The tool lives outside the bundle, so it points the app at the bundle's resources.
     setBundleLocationForTesting(arguments.takeFirst());
     const QString output = arguments.takeFirst();
     int waitMs = 1500;
-    if (arguments.size() == 2 && arguments.first() == QStringLiteral("--wait"))
-        waitMs = arguments.last().toInt();
+    QString address;
+    while (arguments.size() >= 2) {
+        const QString option = arguments.takeFirst();
+        const QString value = arguments.takeFirst();
+        if (option == QStringLiteral("--wait"))
+            waitMs = value.toInt();
+        else if (option == QStringLiteral("--add-radio"))
+            address = value;
+    }
 
     AppDelegate delegate;
     delegate.applicationDidFinishLaunching();
+    QMainWindow *window = delegate.mainWindow();
+
+    std::unique_ptr<PanelAnswerer> answerer;
+    if (!address.isNull()) {
+        answerer = std::make_unique<PanelAnswerer>(address, output);
+        QTimer::singleShot(waitMs, window, [window] {
+            if (QAbstractButton *add = buttonTitled(window, QStringLiteral("Add Radio\u2026")))
+                add->click();
+        });
+    }
 
     int status = 1;
-    QTimer::singleShot(waitMs, &application, [&] {
-        QMainWindow *window = delegate.mainWindow();
-        const QRect frame = window->frameGeometry();
-        const QPixmap shot = window->screen()->grabWindow(0, frame.x(), frame.y(), frame.width(), frame.height());
-        if (shot.save(output)) {
-            status = 0;
-            std::printf("Saved %s (%dx%d)\n", qPrintable(output), shot.width(), shot.height());
-        } else {
-            std::fprintf(stderr, "Cannot save %s\n", qPrintable(output));
-        }
-        QCoreApplication::quit();
+    QTimer finish;
+    QObject::connect(&finish, &QTimer::timeout, &application, [&] {
+        if (delegate.isBusy() || QApplication::activeModalWidget())
+            return;
+        finish.stop();
+        // Give the window a moment to draw what the last step changed.
+        QTimer::singleShot(400, &application, [&] {
+            status = saveShot(window, output) ? 0 : 1;
+            QCoreApplication::quit();
+        });
     });
+    QTimer::singleShot(waitMs + (address.isNull() ? 0 : 1500), &application, [&] { finish.start(100); });
     QApplication::exec();
     return status;
 }
