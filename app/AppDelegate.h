@@ -25,6 +25,8 @@ class QMainWindow;
 class QPushButton;
 class QTimer;
 class ServiceButton;
+struct ServiceActionResult;
+struct ServiceStatus;
 
 // The one controller: it owns every piece of state of the application, and every user
 // action, background result and timer tick ends in one of its member functions. The member
@@ -64,6 +66,19 @@ public:
     // Adding a radio by its address (discovery/AddRadio.cpp).
     void addRadio();
 
+    // Background service (service/StatusMonitor.cpp, service/ServiceActions.cpp).
+    void refreshService();
+    void enableService();
+    void stopService();
+    void removeService();
+    void manageService(const QString &action);
+    void offerServiceRefresh();
+
+    // Uninstall (service/Uninstall.cpp).
+    void finishUninstall();
+    void removeInstalledAppWithAuthorization(const QString &appLocation);
+    void finishDataRemoval();
+
     // Radio table and details panel (app/Details.cpp).
     void tableViewSelectionDidChange();
     void updateDetails();
@@ -99,6 +114,8 @@ private:
     // Completions on the main thread (config/Save.cpp, discovery/AddRadio.cpp).
     void finishSave(const Outcome<QByteArray> &result, const QString &snapshot);
     void finishAddRadio(const QString &address, const QString &snapshot, const Outcome<QJsonObject> &outcome);
+    void applyServiceStatus(const ServiceStatus &result);
+    void finishServiceAction(const ServiceActionResult &result);
 
     // The selected row of the table, or -1 (app/Details.cpp).
     int selectedRow() const;

@@ -1,6 +1,7 @@
 #include "app/AppIcon.h"
 
 #include "platform/Bundle.h"
+#include "platform/Files.h"
 
 #include <QGuiApplication>
 #include <QPainter>
@@ -8,12 +9,16 @@
 
 QPixmap appIcon(int size)
 {
+    // Read once, when the window is built: by the time the uninstall reports leftovers the
+    // bundle, icon and all, is already in the Trash.
+    static const QByteArray svg = readWholeFile(resourcePath(QStringLiteral("Veldspar.svg"))).value_or(QByteArray());
+
     const qreal ratio = qApp ? qApp->devicePixelRatio() : 1.0;
     QPixmap pixmap(QSize(size, size) * ratio);
     pixmap.setDevicePixelRatio(ratio);
     pixmap.fill(Qt::transparent);
 
-    QSvgRenderer renderer(resourcePath(QStringLiteral("Veldspar.svg")));
+    QSvgRenderer renderer(svg);
     renderer.setAspectRatioMode(Qt::KeepAspectRatio);
     QPainter painter(&pixmap);
     renderer.render(&painter, QRectF(0, 0, size, size));

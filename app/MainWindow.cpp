@@ -54,8 +54,7 @@ QPushButton *AppDelegate::button(const QString &title, void (AppDelegate::*actio
 {
     auto *made = new QPushButton(title);
     made->setAutoDefault(false);
-    if (action)
-        connect(made, &QPushButton::clicked, this, action);
+    connect(made, &QPushButton::clicked, this, action);
     return made;
 }
 
@@ -246,10 +245,11 @@ QLayout *AppDelegate::buildServiceRow()
     enableButton->setObjectName(QStringLiteral("enableButton"));
     enableButton->setFixedSize(100, 30);
     enableButton->setEnabled(false);
+    connect(enableButton, &QPushButton::clicked, this, &AppDelegate::enableService);
     inner->addWidget(enableButton);
     serviceRow->addLayout(inner);
 
-    serviceRow->addWidget(button(QStringLiteral("Uninstall"), nullptr));
+    serviceRow->addWidget(button(QStringLiteral("Uninstall"), &AppDelegate::removeService));
     serviceRow->addWidget(button(QStringLiteral("Show Files"), &AppDelegate::showFolder));
     return serviceRow;
 }

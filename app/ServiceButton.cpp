@@ -1,5 +1,6 @@
 #include "app/ServiceButton.h"
 
+#include "app/Colors.h"
 #include "app/Fonts.h"
 
 #include <QPainter>
@@ -13,16 +14,6 @@ void ServiceButton::setActive(bool active)
 {
     m_active = active;
     update();
-}
-
-QColor ServiceButton::successColor()
-{
-    return QColor(0x27, 0xAE, 0x60);
-}
-
-QColor ServiceButton::dangerColor()
-{
-    return QColor(0xDA, 0x44, 0x53);
 }
 
 QColor ServiceButton::tint() const

@@ -17,8 +17,6 @@ public:
     // Every assignment, even of the same value, redraws the button.
     void setActive(bool active);
 
-    static QColor successColor();
-    static QColor dangerColor();
     QColor tint() const;
     QFont titleFont() const;
     // Where the title's text box starts: centred both ways, negative when wider than the button.

@@ -4,6 +4,7 @@
 #include <QMainWindow>
 #include <QMenuBar>
 #include <QScreen>
+#include <QTimer>
 
 void AppDelegate::applicationDidFinishLaunching()
 {
@@ -13,6 +14,15 @@ void AppDelegate::applicationDidFinishLaunching()
     makeWindow(menu);
     editor = std::make_unique<Draft>();
     buildViewTree();
+
+    refreshService();
+    serviceTimer = new QTimer(this);
+    serviceTimer->setInterval(3000);
+    // Parented to the controller, the tick goes with it; refreshService drops a tick while a
+    // check is still running.
+    connect(serviceTimer, &QTimer::timeout, this, &AppDelegate::refreshService);
+    serviceTimer->start();
+
     reload();
 
     if (QScreen *screen = window->screen()) {
@@ -23,4 +33,7 @@ void AppDelegate::applicationDidFinishLaunching()
     window->show();
     window->raise();
     window->activateWindow();
+
+    // Asked only once the window is on screen, from the next turn of the event loop.
+    QTimer::singleShot(0, this, &AppDelegate::offerServiceRefresh);
 }

@@ -11,3 +11,18 @@ QString configFilePath()
 {
     return supportFolder() + QStringLiteral("/config.json");
 }
+
+QString installedServicePath()
+{
+    return supportFolder() + QStringLiteral("/Veldspar");
+}
+
+QString userUnitFilePath(const QString &label)
+{
+    return QDir::homePath() + QStringLiteral("/.config/systemd/user/") + label + QStringLiteral(".service");
+}
+
+QString settingsFilePath(const QString &identifier)
+{
+    return QDir::homePath() + QStringLiteral("/.config/") + identifier + QStringLiteral(".conf");
+}

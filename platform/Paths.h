@@ -6,3 +6,9 @@
 QString supportFolder();
 // The service's configuration file in the support folder.
 QString configFilePath();
+// The service executable as installed in the support folder.
+QString installedServicePath();
+// The systemd user unit file of a service label: ~/.config/systemd/user/<label>.service.
+QString userUnitFilePath(const QString &label);
+// The app's settings store: ~/.config/<identifier>.conf.
+QString settingsFilePath(const QString &identifier);

@@ -6,6 +6,7 @@
 #include "app/StatusLabel.h"
 #include "platform/Background.h"
 #include "platform/Bundle.h"
+#include "platform/SystemTools.h"
 
 #include <QAbstractButton>
 #include <QApplication>
@@ -21,6 +22,7 @@
 #include <QLineEdit>
 #include <QListView>
 #include <QMainWindow>
+#include <QProcess>
 #include <QPushButton>
 #include <QTest>
 
@@ -50,16 +52,25 @@ TestWorld::TestWorld() : m_oldHome(qgetenv("HOME")), m_oldTmp(qgetenv("TMPDIR"))
 {
     QDir().mkpath(home());
     QDir().mkpath(tempDir());
-    QDir().mkpath(resources());
     qputenv("HOME", QFile::encodeName(home()));
     qputenv("TMPDIR", QFile::encodeName(tempDir()));
 
+    m_bundle = root() + QStringLiteral("/Veldspar.app");
+    QDir().mkpath(resources());
     const QString fake = resources() + QStringLiteral("/Veldspar");
     QFile::copy(QStringLiteral(VELDSPAR_FAKES_DIR "/Veldspar"), fake);
     QFile::setPermissions(fake, QFile::permissions(fake) | QFile::ExeOwner);
     QFile::copy(QStringLiteral(VELDSPAR_SOURCE_RESOURCES_DIR "/Veldspar.svg"),
                 resources() + QStringLiteral("/Veldspar.svg"));
     setBundleLocationForTesting(bundle());
+
+    QDir().mkpath(binFolder());
+    for (const QString &tool : {QStringLiteral("systemctl"), QStringLiteral("pkexec")})
+        QFile::copy(QStringLiteral(VELDSPAR_FAKES_DIR "/") + tool, binFolder() + u'/' + tool);
+    QFile::copy(QStringLiteral(VELDSPAR_FAKES_DIR "/ManageService.command"),
+                resources() + QStringLiteral("/ManageService.command"));
+    setSystemctlProgramForTesting(binFolder() + QStringLiteral("/systemctl"));
+    setPkexecProgramForTesting(binFolder() + QStringLiteral("/pkexec"));
 }
 
 TestWorld::~TestWorld()
@@ -68,13 +79,16 @@ TestWorld::~TestWorld()
     backgroundPool().waitForDone();
     QCoreApplication::sendPostedEvents();
     setBundleLocationForTesting(QString());
+    setSystemctlProgramForTesting(QString());
+    setPkexecProgramForTesting(QString());
     qputenv("HOME", m_oldHome);
     qputenv("TMPDIR", m_oldTmp);
 }
 
 QString TestWorld::home() const { return root() + QStringLiteral("/home"); }
 QString TestWorld::tempDir() const { return root() + QStringLiteral("/tmp"); }
-QString TestWorld::bundle() const { return root() + QStringLiteral("/Veldspar.app"); }
+QString TestWorld::bundle() const { return m_bundle; }
+QString TestWorld::binFolder() const { return root() + QStringLiteral("/bin"); }
 QString TestWorld::resources() const { return bundle() + QStringLiteral("/Resources"); }
 QString TestWorld::configPath() const { return home() + QStringLiteral("/.local/share/Veldspar/config.json"); }
 QString TestWorld::fakeControl() const { return resources() + QStringLiteral("/fake"); }
@@ -108,8 +122,10 @@ void TestWorld::setImportResult(const QByteArray &output, int status, bool hold)
 
 void TestWorld::release() const
 {
-    if (QDir(fakeControl()).exists())
-        put(fakeControl() + QStringLiteral("/release"), {});
+    for (const QString &control : {fakeControl(), binFolder() + QStringLiteral("/systemctl.d"),
+                                   resources() + QStringLiteral("/service.d")})
+        if (QDir(control).exists())
+            put(control + QStringLiteral("/release"), {});
 }
 
 void TestWorld::removeServiceExecutable() const
@@ -117,10 +133,12 @@ void TestWorld::removeServiceExecutable() const
     QFile::remove(resources() + QStringLiteral("/Veldspar"));
 }
 
-QList<QStringList> TestWorld::calls() const
+namespace {
+// The argument lists a stand-in recorded, one NUL-separated file a call, in name order.
+QList<QStringList> recordedCalls(const QString &folder)
 {
     QList<QStringList> result;
-    const QDir dir(fakeControl() + QStringLiteral("/calls"));
+    const QDir dir(folder);
     for (const QString &name : dir.entryList(QDir::Files, QDir::Name)) {
         QByteArray bytes = get(dir.filePath(name));
         if (bytes.endsWith('\0'))
@@ -131,6 +149,112 @@ QList<QStringList> TestWorld::calls() const
         result << arguments;
     }
     return result;
+}
+} // namespace
+
+QList<QStringList> TestWorld::calls() const
+{
+    return recordedCalls(fakeControl() + QStringLiteral("/calls"));
+}
+
+void TestWorld::answerUnit(const QString &unit, const QByteArray &answer, int status) const
+{
+    const QString base = binFolder() + QStringLiteral("/systemctl.d/units/") + unit;
+    put(base, answer);
+    put(base + QStringLiteral(".status"), QByteArray::number(status));
+}
+
+void TestWorld::makeSystemdUnavailable() const
+{
+    put(binFolder() + QStringLiteral("/systemctl.d/unavailable"), {});
+}
+
+void TestWorld::holdSystemctl() const
+{
+    put(binFolder() + QStringLiteral("/systemctl.d/hold"), {});
+}
+
+void TestWorld::failSystemctl(const QString &verb) const
+{
+    put(binFolder() + QStringLiteral("/systemctl.d/fail-") + verb, {});
+}
+
+QList<QStringList> TestWorld::systemctlCalls() const
+{
+    return recordedCalls(binFolder() + QStringLiteral("/systemctl.d/calls"));
+}
+
+void TestWorld::setServiceAction(const QString &action, const QByteArray &output, int status, bool hold) const
+{
+    const QString control = resources() + QStringLiteral("/service.d/");
+    put(control + action + QStringLiteral(".out"), output);
+    put(control + action + QStringLiteral(".status"), QByteArray::number(status));
+    if (hold)
+        put(control + QStringLiteral("hold"), {});
+}
+
+QStringList TestWorld::serviceActions() const
+{
+    const QString text = QString::fromUtf8(get(resources() + QStringLiteral("/service.d/actions")));
+    return text.split(u'\n', Qt::SkipEmptyParts);
+}
+
+void TestWorld::setPkexecAnswer(const QString &answer) const
+{
+    put(binFolder() + QStringLiteral("/pkexec.d/answer"), answer.toUtf8());
+}
+
+QList<QStringList> TestWorld::pkexecCalls() const
+{
+    return recordedCalls(binFolder() + QStringLiteral("/pkexec.d/calls"));
+}
+
+void TestWorld::useRealServiceScript() const
+{
+    const QString script = resources() + QStringLiteral("/ManageService.command");
+    QFile::remove(script);
+    QVERIFY(QFile::copy(QStringLiteral(VELDSPAR_SOURCE_RESOURCES_DIR "/ManageService.command"), script));
+}
+
+TestWorld::ScriptRun TestWorld::runServiceScript(const QString &action) const
+{
+    QProcess script;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("HOME"), home());
+    environment.insert(QStringLiteral("PATH"), binFolder() + QStringLiteral(":/usr/bin:/bin"));
+    script.setProcessEnvironment(environment);
+    script.setProcessChannelMode(QProcess::MergedChannels);
+    script.start(QStringLiteral("/bin/bash"), {resources() + QStringLiteral("/ManageService.command"), action});
+    ScriptRun run;
+    if (!script.waitForFinished(30000))
+        return run;
+    run.status = script.exitStatus() == QProcess::NormalExit ? script.exitCode() : -1;
+    run.output = QString::fromUtf8(script.readAll());
+    return run;
+}
+
+QString TestWorld::unitFilePath(const QString &label) const
+{
+    return home() + QStringLiteral("/.config/systemd/user/") + label + QStringLiteral(".service");
+}
+
+void TestWorld::writeUnitFile(const QString &label) const
+{
+    put(unitFilePath(label), "[Service]\nExecStart=/bin/true\n");
+}
+
+QString TestWorld::serviceLog() const
+{
+    return QString::fromUtf8(get(home() + QStringLiteral("/.local/share/Veldspar/service-action.log")));
+}
+
+void TestWorld::moveBundle(const QString &relativePath)
+{
+    const QString target = root() + u'/' + relativePath;
+    QDir().mkpath(QFileInfo(target).path());
+    QVERIFY(QDir().rename(m_bundle, target));
+    m_bundle = target;
+    setBundleLocationForTesting(m_bundle);
 }
 
 QStringList TestWorld::discoveredAddresses() const
@@ -297,7 +421,13 @@ RunningApp::RunningApp(const TestWorld &) : m_app(std::make_unique<AppDelegate>(
 
 RunningApp::~RunningApp()
 {
-    waitUntilIdle();
+    // No background work may outlive the controller. (After a finished uninstall the app stays
+    // busy on purpose, so waiting for it to be idle would only wait for the time-out.)
+    QElapsedTimer timer;
+    timer.start();
+    while (backgroundPool().activeThreadCount() > 0 && timer.elapsed() < 20000)
+        QTest::qWait(10);
+    QCoreApplication::processEvents();
 }
 
 QMainWindow *RunningApp::window() const { return m_app->mainWindow(); }
@@ -374,6 +504,31 @@ bool RunningApp::waitUntilIdle(int timeoutMs) const
     }
     return false;
 }
+
+int runEventLoop(const std::function<void()> &action)
+{
+    struct QuitCatcher : QObject
+    {
+        bool eventFilter(QObject *watched, QEvent *event) override
+        {
+            if (watched != qApp || event->type() != QEvent::Quit)
+                return false;
+            QCoreApplication::exit(0);
+            return true;
+        }
+    } catcher;
+    qApp->installEventFilter(&catcher);
+    QTimer guard;
+    guard.setSingleShot(true);
+    QObject::connect(&guard, &QTimer::timeout, [] { QCoreApplication::exit(99); });
+    guard.start(10000);
+    QTimer::singleShot(0, action);
+    const int code = QApplication::exec();
+    guard.stop();
+    qApp->removeEventFilter(&catcher);
+    return code;
+}
+
 
 QJsonObject radio(const QString &address, const QString &serial, const QString &name, const QString &version)
 {

@@ -11,6 +11,7 @@
 #include <QTemporaryDir>
 #include <QTimer>
 
+#include <functional>
 #include <memory>
 
 class AppDelegate;
@@ -32,6 +33,7 @@ public:
     ~TestWorld();
 
     QString root() const { return m_dir.path(); }
+    QString binFolder() const; // the stand-ins for systemctl and pkexec
     QString home() const;
     QString tempDir() const;
     QString bundle() const;
@@ -56,9 +58,36 @@ public:
     QList<QByteArray> importedFiles() const;
     QStringList leftoverTemporaryFiles() const;
 
+    // The background service's stand-ins: systemctl (run by the app at a fixed path and by the
+    // real service script through PATH), pkexec, and the service script itself.
+    void answerUnit(const QString &unit, const QByteArray &answer, int status = 0) const;
+    void makeSystemdUnavailable() const;
+    void holdSystemctl() const;
+    void failSystemctl(const QString &verb) const;
+    QList<QStringList> systemctlCalls() const;
+    void setServiceAction(const QString &action, const QByteArray &output, int status, bool hold = false) const;
+    QStringList serviceActions() const;
+    void setPkexecAnswer(const QString &answer) const;
+    QList<QStringList> pkexecCalls() const;
+    // Puts the shipped service script in the bundle in place of its stand-in.
+    void useRealServiceScript() const;
+    // Runs the bundle's service script with PATH leading to the systemctl stand-in.
+    struct ScriptRun
+    {
+        int status = -1;
+        QString output;
+    };
+    ScriptRun runServiceScript(const QString &action) const;
+    QString unitFilePath(const QString &label) const;
+    void writeUnitFile(const QString &label) const;
+    QString serviceLog() const;
+    // Moves the bundle to another place under root (a name with quotes, a copy's name …).
+    void moveBundle(const QString &relativePath);
+
 private:
     QString fakeControl() const;
     QTemporaryDir m_dir;
+    QString m_bundle;
     QByteArray m_oldHome;
     QByteArray m_oldTmp;
 };
@@ -151,6 +180,12 @@ public:
 private:
     std::unique_ptr<AppDelegate> m_app;
 };
+
+// Runs the application's event loop after action() and returns its exit code: 0 when the app
+// asked to quit, 99 when nothing ended it within ten seconds. The quit request itself is caught
+// and turned into a plain exit, so that the application object stays usable for the tests that
+// follow (a delivered request leaves it closing down, and every later modal panel ends at once).
+int runEventLoop(const std::function<void()> &action);
 
 QJsonObject radio(const QString &address, const QString &serial, const QString &name = QString(),
                   const QString &version = QStringLiteral("3.3.32.8203"));

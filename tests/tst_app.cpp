@@ -88,34 +88,6 @@ void settle(int ms = 150)
     QTest::qWait(ms);
 }
 
-// Runs the application's event loop after action() and returns its exit code: 0 when the app
-// asked to quit, 99 when nothing ended it. The quit request itself is caught and turned into
-// a plain exit, so that the application object stays usable for the tests that follow (a
-// delivered request leaves it closing down, and every later modal panel ends at once).
-int runEventLoop(const std::function<void()> &action)
-{
-    struct QuitCatcher : QObject
-    {
-        bool eventFilter(QObject *watched, QEvent *event) override
-        {
-            if (watched != qApp || event->type() != QEvent::Quit)
-                return false;
-            QCoreApplication::exit(0);
-            return true;
-        }
-    } catcher;
-    qApp->installEventFilter(&catcher);
-    QTimer guard;
-    guard.setSingleShot(true);
-    QObject::connect(&guard, &QTimer::timeout, [] { QCoreApplication::exit(99); });
-    guard.start(10000);
-    QTimer::singleShot(0, action);
-    const int code = QApplication::exec();
-    guard.stop();
-    qApp->removeEventFilter(&catcher);
-    return code;
-}
-
 // Ends any modal panel still up after a few seconds with a code that is not OK's, so that a
 // key that fails to close a panel fails the test instead of hanging it.
 class ModalWatchdog

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+#include <optional>
+
+// Replaces a file's content all at once (a temporary file renamed over it); throws Error.
+void writeFileAtomically(const QString &path, const QByteArray &bytes);
+// The whole file, or nothing when it cannot be read.
+std::optional<QByteArray> readWholeFile(const QString &path);
+// Whether anything is at the path, a dangling link included.
+bool pathExists(const QString &path);
+// Removes a file, a link or a whole folder tree; false when something stayed.
+bool removePath(const QString &path);

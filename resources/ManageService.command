@@ -1,0 +1,172 @@
+#!/usr/bin/env bash
+# Sets Veldspar's background service up as a systemd user unit, or takes it down again.
+#
+#   ManageService.command enable|disable|stop|remove
+#
+#   enable   install (or refresh) the service from this bundle, write its unit, start it at
+#            login and (re)start it now; units of the earlier labels are taken down first
+#   disable  stop the service and remove its unit, so it no longer starts at login
+#   stop     stop the running service; it still starts at the next login
+#   remove   take the service down under every label and delete the installed executable;
+#            succeeds when nothing is left to remove
+#
+# The unit file exists exactly while the service is set up to start at login: the app reads
+# that as "Configured to start at login". Every failure prints one line saying what failed and
+# exits non-zero. config.json is never touched.
+set -euo pipefail
+
+label=org.kestrum.Veldspar
+legacy_labels=(org.kestrum.veldspar org.kestrum.palisade)
+all_labels=("$label" "${legacy_labels[@]}")
+
+resources=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+bundled="$resources/Veldspar"
+support="$HOME/.local/share/Veldspar"
+installed="$support/Veldspar"
+units="$HOME/.config/systemd/user"
+
+fail() {
+  printf 'Veldspar service: %s\n' "$*"
+  exit 1
+}
+
+unit_file() {
+  printf '%s/%s.service' "$units" "$1"
+}
+
+# Runs "systemctl --user …"; a failure becomes one line naming the command and what it said.
+user_systemctl() {
+  local said
+  if ! said=$(systemctl --user "$@" 2>&1); then
+    said=${said//$'\n'/ }
+    fail "systemctl --user $* failed: ${said:-no reason given}"
+  fi
+}
+
+# Whether systemd knows the label now. Without a unit file and without an answer from systemd
+# there is nothing of ours to take down.
+unit_loaded() {
+  local state
+  if ! state=$(systemctl --user show --property=LoadState --value "$1.service" 2>&1); then
+    if [ -e "$(unit_file "$1")" ]; then
+      fail "cannot ask systemd about $1.service: ${state//$'\n'/ }"
+    fi
+    return 1
+  fi
+  [ "$state" != "not-found" ]
+}
+
+# Stops and disables a label's unit and deletes its file; true when something was taken down.
+take_down() {
+  local name=$1 file changed=1
+  file=$(unit_file "$name")
+  if unit_loaded "$name"; then
+    user_systemctl stop "$name.service"
+    changed=0
+  fi
+  if [ -e "$file" ]; then
+    user_systemctl disable "$name.service"
+    rm -f -- "$file" || fail "cannot delete $file"
+    changed=0
+  fi
+  return "$changed"
+}
+
+# A path inside a unit's command line: quoted, with systemd's own specials escaped.
+unit_quote() {
+  local text=$1
+  text=${text//\\/\\\\}
+  text=${text//\"/\\\"}
+  text=${text//%/%%}
+  text=${text//\$/\$\$}
+  printf '"%s"' "$text"
+}
+
+# Writes a file all at once, so a crash never leaves half of it.
+write_atomically() {
+  local target=$1 temporary
+  temporary=$(mktemp "$target.XXXXXX") || fail "cannot write in $(dirname "$target")"
+  if ! cat > "$temporary" || ! mv -f -- "$temporary" "$target"; then
+    rm -f -- "$temporary"
+    fail "cannot write $target"
+  fi
+}
+
+install_service() {
+  if [ ! -f "$bundled" ] || [ ! -x "$bundled" ]; then
+    fail "the app's service executable is missing: $bundled"
+  fi
+  mkdir -p -- "$support" || fail "cannot create $support"
+  local temporary
+  temporary=$(mktemp "$installed.XXXXXX") || fail "cannot write in $support"
+  # A running service keeps its old file; the rename only swaps the name.
+  if ! cp -- "$bundled" "$temporary" || ! chmod 755 -- "$temporary" || ! mv -f -- "$temporary" "$installed"; then
+    rm -f -- "$temporary"
+    fail "cannot install the service as $installed"
+  fi
+}
+
+write_unit() {
+  mkdir -p -- "$units" || fail "cannot create $units"
+  write_atomically "$(unit_file "$label")" <<UNIT
+[Unit]
+Description=Veldspar: makes remote FlexRadios discoverable on the local network
+After=network-online.target
+
+[Service]
+ExecStart=$(unit_quote "$installed") --config $(unit_quote "$support/config.json")
+Restart=on-failure
+RestartSec=3
+
+[Install]
+WantedBy=default.target
+UNIT
+}
+
+enable() {
+  local old
+  for old in "${legacy_labels[@]}"; do
+    take_down "$old" || true
+  done
+  install_service
+  write_unit
+  user_systemctl daemon-reload
+  user_systemctl enable "$label.service"
+  user_systemctl restart "$label.service"
+}
+
+disable() {
+  take_down "$label" || true
+  user_systemctl daemon-reload
+}
+
+stop() {
+  if unit_loaded "$label"; then
+    user_systemctl stop "$label.service"
+  fi
+}
+
+remove() {
+  local name changed=1
+  for name in "${all_labels[@]}"; do
+    if take_down "$name"; then
+      changed=0
+    fi
+  done
+  if [ -e "$installed" ]; then
+    rm -f -- "$installed" || fail "cannot delete $installed"
+  fi
+  if [ "$changed" -eq 0 ]; then
+    user_systemctl daemon-reload
+  fi
+}
+
+command -v systemctl > /dev/null 2>&1 || fail "systemctl was not found; the service needs systemd"
+
+case "${1:-}" in
+  enable) enable ;;
+  disable) disable ;;
+  stop) stop ;;
+  remove) remove ;;
+  *) fail "unknown action '${1:-}'; use enable, disable, stop or remove" ;;
+esac

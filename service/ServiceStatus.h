@@ -1,0 +1,38 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+struct ProcessResult;
+
+// The service's labels, asked about in this order on every check: the service, the same
+// label in lower case, and the legacy discovery service.
+const QStringList &serviceLabels();
+
+// What systemd says of one label.
+enum class UnitState { Unavailable, NotLoaded, Loaded, Running };
+
+// Reads the answer of "systemctl --user show --property=LoadState,ActiveState,SubState".
+UnitState unitStateFromAnswer(const ProcessResult &answer);
+
+// One check of all three labels, folded into what the service row shows.
+struct ServiceStatus
+{
+    bool running = false;
+    bool loaded = false;
+    bool unavailable = false;
+    bool unitFileFound = false;
+    QString stateText;
+    QString startupText;
+};
+
+// Folds the labels' states (in label order) and whether a unit file was found.
+ServiceStatus foldServiceStatus(const QList<UnitState> &states, bool unitFileFound);
+
+// Asks systemd about every label and looks for their unit files. Blocks: background only.
+ServiceStatus checkServiceStatus();
+
+// The state line's colour: green running, orange loaded or unavailable, else the secondary
+// text colour.
+enum class StateTone { Success, Warning, Secondary };
+StateTone stateTone(const ServiceStatus &status);

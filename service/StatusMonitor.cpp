@@ -1,0 +1,38 @@
+#include "app/AppDelegate.h"
+
+#include "app/Colors.h"
+#include "app/ServiceButton.h"
+#include "platform/Background.h"
+#include "service/ServiceStatus.h"
+
+#include <QLabel>
+
+void AppDelegate::refreshService()
+{
+    // A check still under way is never joined by another: the tick is dropped, not queued.
+    if (checkingService)
+        return;
+    checkingService = true;
+    runInBackground(this, [] { return checkServiceStatus(); },
+                    [this](const ServiceStatus &result) { applyServiceStatus(result); });
+}
+
+void AppDelegate::applyServiceStatus(const ServiceStatus &result)
+{
+    enableButton->setActive(result.running);
+    enableButton->setText(result.running ? QStringLiteral("Enabled") : QStringLiteral("Enable"));
+    enableButton->setEnabled(!busy && (result.running || !entries.isEmpty()));
+    checkingService = false;
+    serviceState->setText(result.stateText);
+    serviceStartup->setText(result.startupText);
+
+    QPalette palette = serviceState->palette();
+    switch (stateTone(result)) {
+    case StateTone::Success: palette.setColor(QPalette::WindowText, successColor()); break;
+    case StateTone::Warning: palette.setColor(QPalette::WindowText, warningColor()); break;
+    case StateTone::Secondary:
+        palette.setColor(QPalette::WindowText, palette.color(QPalette::PlaceholderText));
+        break;
+    }
+    serviceState->setPalette(palette);
+}

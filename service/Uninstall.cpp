@@ -1,0 +1,103 @@
+#include "app/AppDelegate.h"
+
+#include "app/StatusLabel.h"
+#include "platform/Background.h"
+#include "platform/Bundle.h"
+#include "platform/Error.h"
+#include "platform/Files.h"
+#include "platform/Paths.h"
+#include "platform/Process.h"
+#include "platform/SystemTools.h"
+#include "platform/Trash.h"
+#include "service/UninstallRules.h"
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QSettings>
+#include <QTimer>
+
+namespace {
+const QString retryText =
+    QStringLiteral("Service removed. App removal was cancelled or denied; click Uninstall to retry.");
+}
+
+void AppDelegate::finishUninstall()
+{
+    const QString app = bundleLocation();
+    if (!isInstalledAppLocation(app)) {
+        setStatus(QStringLiteral("Service removed. Cannot identify the installed app."));
+        return;
+    }
+    busy = true; // held until the app quits, or a failure below opens it again
+    if (serviceTimer)
+        serviceTimer->stop();
+    setStatus(QStringLiteral("Removing Veldspar\u2026"));
+
+    runInBackground(this, [app] { return moveToTrash(app); },
+                    [this, app](bool moved) {
+                        if (moved)
+                            finishDataRemoval();
+                        else
+                            removeInstalledAppWithAuthorization(app);
+                    });
+}
+
+// The app's folder is not the user's to move (installed system-wide, say): pkexec asks for an
+// administrator and moves it into the user's Trash, never overwriting anything there.
+void AppDelegate::removeInstalledAppWithAuthorization(const QString &appLocation)
+{
+    const QString filesFolder = trashFilesFolder();
+    if (!QDir().mkpath(filesFolder) || !QDir().mkpath(trashInfoFolder())) {
+        busy = false;
+        setStatus(QStringLiteral("Service removed. Could not move the app to Trash."));
+        status->setToolTip(QStringLiteral("Cannot create the Trash folder %1").arg(trashFolder()));
+        return;
+    }
+    const QString name = trashedAppName();
+    const QString destination = filesFolder + u'/' + name;
+
+    try {
+        const ProcessResult move = runProcess(pkexecProgram(), privilegedMoveArguments(appLocation, destination));
+        if (!move.succeeded()) {
+            busy = false;
+            setStatus(retryText);
+            const QString said = move.text().trimmed();
+            status->setToolTip(said.isEmpty() ? QStringLiteral("pkexec ended with status %1").arg(move.exitCode) : said);
+            return;
+        }
+    } catch (const Error &) {
+        // pkexec could not be started; whether the app is gone decides, as below.
+    }
+
+    if (pathExists(appLocation)) {
+        busy = false;
+        setStatus(retryText);
+        status->setToolTip(QString());
+        return;
+    }
+    // The Trash lists an item by its record; without one the moved app would be a stray file.
+    try {
+        writeFileAtomically(trashInfoPath(name), trashInfo(appLocation, QDateTime::currentDateTime()));
+    } catch (const Error &) {
+    }
+    finishDataRemoval();
+}
+
+void AppDelegate::finishDataRemoval()
+{
+    for (const QString &identifier : settingsIdentifiers()) {
+        QSettings store(settingsFilePath(identifier), QSettings::IniFormat);
+        store.clear();
+        store.sync();
+    }
+    const QStringList failures = removeUninstallData(QDir::homePath());
+    if (!failures.isEmpty()) {
+        busy = false;
+        setStatus(QStringLiteral("App and service removed; some data could not be deleted. See details."));
+        dialog(QStringLiteral("Some application data could not be removed"), failures.join(u'\n'), QString(), false,
+               nullptr);
+    }
+    QCoreApplication::quit();
+}

@@ -1,0 +1,908 @@
+// The background service as the app shows and drives it: the status monitor against a
+// systemctl stand-in, the service actions against a script stand-in, the shipped service
+// script against the systemctl stand-in, and the uninstall with its privileged fallback.
+
+#include "TestSupport.h"
+#include "Privileges.h"
+
+#include "app/AppDelegate.h"
+#include "app/ServiceButton.h"
+#include "app/StatusLabel.h"
+#include "platform/Process.h"
+#include "platform/Trash.h"
+#include "service/ServiceStatus.h"
+
+#include <QCheckBox>
+#include <QDir>
+#include <QFile>
+#include <QLabel>
+#include <QMainWindow>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QUrl>
+#include <QtTest>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+const QByteArray running = "LoadState=loaded\nActiveState=active\nSubState=running\n";
+const QByteArray activating = "LoadState=loaded\nActiveState=activating\nSubState=auto-restart\n";
+const QByteArray inactive = "LoadState=loaded\nActiveState=inactive\nSubState=dead\n";
+const QString retry = u"Service removed. App removal was cancelled or denied; click Uninstall to retry."_s;
+const QString failedAction = u"Could not update service. See service-action.log in Show Files."_s;
+
+QString unit(const QString &label)
+{
+    return label + u".service"_s;
+}
+
+QColor colourOf(QLabel *label)
+{
+    return label->palette().color(QPalette::WindowText);
+}
+
+QColor secondaryColour(QLabel *label)
+{
+    return label->palette().color(QPalette::PlaceholderText);
+}
+
+// Waits until the first status check has been applied to the service row.
+bool waitForStatus(const RunningApp &app)
+{
+    return QTest::qWaitFor([&] { return app.serviceButton()->text() != u"Checking\u2026"_s; }, 10000);
+}
+
+ProcessResult answer(const QByteArray &output, int status)
+{
+    ProcessResult result;
+    result.output = output;
+    result.exitCode = status;
+    return result;
+}
+
+void writeFile(const QString &path, const QByteArray &bytes)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write(bytes);
+}
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QStringList showCalls(const TestWorld &world)
+{
+    QStringList units;
+    for (const QStringList &call : world.systemctlCalls())
+        if (call.value(1) == u"show"_s)
+            units << call.last();
+    return units;
+}
+
+// The state-changing systemctl calls, as "verb unit" lines.
+QStringList changingCalls(const TestWorld &world)
+{
+    QStringList lines;
+    for (const QStringList &call : world.systemctlCalls())
+        if (call.value(1) != u"show"_s)
+            lines << call.mid(1).join(u' ');
+    return lines;
+}
+} // namespace
+
+class ServiceTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        // Before any background thread exists, so that they all inherit it: read-only folders
+        // stop this process as they would stop a user, root or not.
+        m_ordinaryUser = std::make_unique<WithoutFilePermissionOverride>();
+    }
+
+    // The answer of systemd, label by label.
+
+    void systemctlAnswersMapToStates_data()
+    {
+        QTest::addColumn<QByteArray>("output");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<int>("state");
+        QTest::newRow("running") << running << 0 << int(UnitState::Running);
+        QTest::newRow("active but exited") << QByteArray("LoadState=loaded\nActiveState=active\nSubState=exited\n") << 0
+                                           << int(UnitState::Loaded);
+        QTest::newRow("activating") << activating << 0 << int(UnitState::Loaded);
+        QTest::newRow("deactivating") << QByteArray("LoadState=loaded\nActiveState=deactivating\nSubState=stop-sigterm\n")
+                                      << 0 << int(UnitState::Loaded);
+        QTest::newRow("reloading") << QByteArray("LoadState=loaded\nActiveState=reloading\nSubState=running\n") << 0
+                                   << int(UnitState::Loaded);
+        QTest::newRow("refreshing") << QByteArray("LoadState=loaded\nActiveState=refreshing\nSubState=running\n") << 0
+                                    << int(UnitState::Loaded);
+        QTest::newRow("inactive") << inactive << 0 << int(UnitState::NotLoaded);
+        QTest::newRow("failed") << QByteArray("LoadState=loaded\nActiveState=failed\nSubState=failed\n") << 0
+                                << int(UnitState::NotLoaded);
+        QTest::newRow("maintenance") << QByteArray("LoadState=loaded\nActiveState=maintenance\nSubState=dead\n") << 0
+                                     << int(UnitState::NotLoaded);
+        QTest::newRow("not found") << QByteArray("LoadState=not-found\nActiveState=inactive\nSubState=dead\n") << 0
+                                   << int(UnitState::NotLoaded);
+        QTest::newRow("no bus") << QByteArray("Failed to connect to bus: No medium found\n") << 1
+                                << int(UnitState::Unavailable);
+        QTest::newRow("no LoadState line") << QByteArray("ActiveState=active\nSubState=running\n") << 0
+                                           << int(UnitState::Unavailable);
+        QTest::newRow("garbage") << QByteArray("\xff\xfe whatever\n") << 0 << int(UnitState::Unavailable);
+        QTest::newRow("unknown active state") << QByteArray("LoadState=loaded\nActiveState=bogus\n") << 0
+                                              << int(UnitState::Unavailable);
+    }
+
+    void systemctlAnswersMapToStates()
+    {
+        QFETCH(QByteArray, output);
+        QFETCH(int, status);
+        QFETCH(int, state);
+        QCOMPARE(int(unitStateFromAnswer(answer(output, status))), state);
+    }
+
+    // The status monitor in the window.
+
+    void firstCheckAsksAboutTheThreeLabelsInOrder()
+    {
+        TestWorld world;
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        QCOMPARE(showCalls(world).mid(0, 3), QStringList({unit(u"org.kestrum.Veldspar"_s), unit(u"org.kestrum.veldspar"_s),
+                                                          unit(u"org.kestrum.palisade"_s)}));
+        QCOMPARE(world.systemctlCalls().first(),
+                 QStringList({u"--user"_s, u"show"_s, u"--property=LoadState,ActiveState,SubState"_s,
+                              unit(u"org.kestrum.Veldspar"_s)}));
+    }
+
+    void runningUnderTheLowerCaseLabelShowsRunning()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s)}));
+        world.answerUnit(unit(u"org.kestrum.veldspar"_s), running);
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        QLabel *state = app.window()->findChild<QLabel *>(u"serviceState"_s);
+        QCOMPARE(state->text(), u"\u25CF Running"_s);
+        QCOMPARE(colourOf(state), QColor(0x27, 0xAE, 0x60));
+        QCOMPARE(app.serviceButton()->text(), u"Enabled"_s);
+        QVERIFY(app.serviceButton()->active());
+        QVERIFY(app.serviceButton()->isEnabled());
+    }
+
+    void loadedButNotRunningShowsStarting()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s)}));
+        world.answerUnit(unit(u"org.kestrum.Veldspar"_s), activating);
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        QLabel *state = app.window()->findChild<QLabel *>(u"serviceState"_s);
+        QCOMPARE(state->text(), u"\u25CF Starting / restarting"_s);
+        QCOMPARE(colourOf(state), QColor(0xF6, 0x74, 0x00));
+        QCOMPARE(app.serviceButton()->text(), u"Enable"_s);
+        QVERIFY(!app.serviceButton()->active());
+    }
+
+    void unitFileOfTheLegacyLabelShowsStopped()
+    {
+        TestWorld world;
+        world.writeUnitFile(u"org.kestrum.palisade"_s);
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        QLabel *state = app.window()->findChild<QLabel *>(u"serviceState"_s);
+        QLabel *startup = app.window()->findChild<QLabel *>(u"serviceStartup"_s);
+        QCOMPARE(state->text(), u"\u25CF Stopped"_s);
+        QCOMPARE(colourOf(state), secondaryColour(state));
+        QCOMPARE(startup->text(), u"Configured to start at login"_s);
+    }
+
+    void nothingAnywhereShowsDisabled()
+    {
+        TestWorld world;
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        QLabel *state = app.window()->findChild<QLabel *>(u"serviceState"_s);
+        QLabel *startup = app.window()->findChild<QLabel *>(u"serviceStartup"_s);
+        QCOMPARE(state->text(), u"\u25CF Disabled"_s);
+        QCOMPARE(colourOf(state), secondaryColour(state));
+        QCOMPARE(startup->text(), u"Automatic startup is not configured"_s);
+        QCOMPARE(colourOf(startup), secondaryColour(startup));
+        // No radios and nothing running: the button cannot be used.
+        QCOMPARE(app.serviceButton()->text(), u"Enable"_s);
+        QVERIFY(!app.serviceButton()->isEnabled());
+    }
+
+    void runningWithoutUnitFileSaysStartupIsNotConfigured()
+    {
+        TestWorld world;
+        world.answerUnit(unit(u"org.kestrum.Veldspar"_s), running);
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        QCOMPARE(app.window()->findChild<QLabel *>(u"serviceState"_s)->text(), u"\u25CF Running"_s);
+        QCOMPARE(app.window()->findChild<QLabel *>(u"serviceStartup"_s)->text(),
+                 u"Automatic startup is not configured"_s);
+        // Running counts like radios: the button can turn the service off.
+        QVERIFY(app.serviceButton()->isEnabled());
+    }
+
+    void systemdWithoutUserSessionShowsStatusUnavailable()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s)}));
+        world.makeSystemdUnavailable();
+        world.writeUnitFile(u"org.kestrum.Veldspar"_s);
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        QLabel *state = app.window()->findChild<QLabel *>(u"serviceState"_s);
+        QCOMPARE(state->text(), u"\u25CF Status unavailable"_s);
+        QCOMPARE(colourOf(state), QColor(0xF6, 0x74, 0x00));
+        QCOMPARE(app.window()->findChild<QLabel *>(u"serviceStartup"_s)->text(), u"Configured to start at login"_s);
+        QCOMPARE(app.serviceButton()->text(), u"Enable"_s);
+        QVERIFY(!app.serviceButton()->active());
+    }
+
+    void missingSystemctlShowsStatusUnavailable()
+    {
+        TestWorld world;
+        QFile::remove(world.binFolder() + u"/systemctl"_s);
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        QCOMPARE(app.window()->findChild<QLabel *>(u"serviceState"_s)->text(), u"\u25CF Status unavailable"_s);
+    }
+
+    void aLaterLoadedLabelWinsOverAnUnavailableOne()
+    {
+        TestWorld world;
+        world.answerUnit(unit(u"org.kestrum.Veldspar"_s), "Access denied\n", 1);
+        world.answerUnit(unit(u"org.kestrum.palisade"_s), running);
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        QCOMPARE(app.window()->findChild<QLabel *>(u"serviceState"_s)->text(), u"\u25CF Running"_s);
+    }
+
+    void busyKeepsTheButtonDisabledEvenWhileRunning()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({radio(u"10.0.0.1"_s, QString(), u"One"_s, QString())}));
+        world.answerUnit(unit(u"org.kestrum.Veldspar"_s), running);
+        world.answerDiscover(u"10.0.0.1"_s, "{\"serialNumber\":\"A-1\",\"version\":\"3.3\"}\n", 0, true);
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        QVERIFY(app.serviceButton()->isEnabled());
+        DialogAnswerer answers;
+        app.click(app.includeBox()); // a save that waits for its probe
+        QVERIFY(app.app().isBusy());
+        // The next checks still update the row, but leave the button disabled.
+        QTRY_VERIFY_WITH_TIMEOUT(!app.serviceButton()->isEnabled(), 8000);
+        QCOMPARE(app.serviceButton()->text(), u"Enabled"_s);
+        world.release();
+        QVERIFY(app.waitUntilIdle());
+        QTRY_VERIFY_WITH_TIMEOUT(app.serviceButton()->isEnabled(), 8000);
+    }
+
+    void aTickDuringACheckStartsNothing()
+    {
+        TestWorld world;
+        world.holdSystemctl();
+        RunningApp app(world);
+        // The first check hangs in its first systemctl call; more than one tick goes by.
+        QTest::qWait(3500);
+        QCOMPARE(showCalls(world).size(), 1);
+        world.release();
+        QVERIFY(waitForStatus(app));
+        QTRY_COMPARE_WITH_TIMEOUT(showCalls(world).size() % 3, 0, 5000);
+        // Once released, checks go on at the timer's pace, never piled up.
+        const qsizetype after = showCalls(world).size();
+        QVERIFY2(after <= 6, qPrintable(QString::number(after)));
+    }
+
+    // Service actions.
+
+    void enablingRunsTheScriptAndReportsIt()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s)}));
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        world.setServiceAction(u"enable"_s, "enabled\n", 0);
+        app.click(app.serviceButton());
+        QCOMPARE(app.statusText(), u"Updating background service\u2026"_s);
+        QVERIFY(!app.serviceButton()->isEnabled());
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(world.serviceActions(), QStringList({u"enable"_s}));
+        QCOMPARE(app.statusText(), u"Service enabled"_s);
+        QVERIFY(app.status()->toolTip().isEmpty());
+        QVERIFY(!QFile::exists(world.home() + u"/.local/share/Veldspar/service-action.log"_s));
+    }
+
+    void activeServiceButtonDisables()
+    {
+        TestWorld world;
+        world.answerUnit(unit(u"org.kestrum.Veldspar"_s), running);
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        app.click(app.serviceButton());
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(world.serviceActions(), QStringList({u"disable"_s}));
+        QCOMPARE(app.statusText(), u"Service disabled"_s);
+    }
+
+    void serviceButtonDoesNothingWithoutRadiosWhileOff()
+    {
+        TestWorld world;
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        const QString before = app.statusText();
+        app.app().enableService(); // as a click would, were the button not disabled
+        QVERIFY(app.waitUntilIdle());
+        QVERIFY(world.serviceActions().isEmpty());
+        QCOMPARE(app.statusText(), before);
+    }
+
+    void serviceButtonWhileAnActionRunsDoesNothing()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s)}));
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        world.setServiceAction(u"enable"_s, {}, 0, true);
+        app.click(app.serviceButton());
+        QTRY_COMPARE(world.serviceActions(), QStringList({u"enable"_s}));
+        app.app().enableService();
+        app.app().stopService();
+        DialogAnswerer answers;
+        app.click(app.button(u"Uninstall"_s));
+        QTest::qWait(200);
+        QVERIFY(answers.shown().isEmpty());
+        QCOMPARE(app.statusText(), u"Updating background service\u2026"_s);
+        world.release();
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(world.serviceActions(), QStringList({u"enable"_s}));
+    }
+
+    void silentFailureLeavesThePrefixInTipAndLog()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s)}));
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        world.setServiceAction(u"enable"_s, {}, 1);
+        app.click(app.serviceButton());
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(app.statusText(), failedAction);
+        QCOMPARE(app.status()->toolTip(), u"Service update failed: "_s);
+        QCOMPARE(world.serviceLog(), u"Service update failed: "_s);
+        // Written in one piece: no temporary file is left beside it.
+        QCOMPARE(QDir(world.home() + u"/.local/share/Veldspar"_s).entryList(QDir::Files | QDir::Hidden),
+                 QStringList({u"config.json"_s, u"service-action.log"_s}));
+    }
+
+    void failureOutputThatIsNotUtf8IsShownAndLogged()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s)}));
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        world.setServiceAction(u"enable"_s, "systemctl said \xff\xfe no\n", 3);
+        app.click(app.serviceButton());
+        QVERIFY(app.waitUntilIdle());
+        const QString expected = u"Service update failed: systemctl said \uFFFD\uFFFD no\n"_s;
+        QCOMPARE(app.status()->toolTip(), expected);
+        QCOMPARE(world.serviceLog(), expected);
+        QCOMPARE(readFile(world.home() + u"/.local/share/Veldspar/service-action.log"_s), expected.toUtf8());
+    }
+
+    void aSuccessAfterAFailureKeepsTheLogAndClearsTheTip()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s)}));
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        world.setServiceAction(u"enable"_s, "first try failed\n", 1);
+        app.click(app.serviceButton());
+        QVERIFY(app.waitUntilIdle());
+        world.setServiceAction(u"enable"_s, {}, 0);
+        app.click(app.serviceButton());
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(app.statusText(), u"Service enabled"_s);
+        QVERIFY(app.status()->toolTip().isEmpty());
+        QCOMPARE(world.serviceLog(), u"Service update failed: first try failed\n"_s);
+    }
+
+    void successfulStopReadsServiceRemoved()
+    {
+        TestWorld world;
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        app.app().stopService();
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(world.serviceActions(), QStringList({u"stop"_s}));
+        QCOMPARE(app.statusText(), u"Service removed"_s);
+    }
+
+    void uninstallAsksFirst()
+    {
+        TestWorld world;
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        DialogAnswerer answers;
+        answers.willPress(u"Cancel"_s);
+        app.click(app.button(u"Uninstall"_s));
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(answers.shown().size(), 1);
+        QCOMPARE(answers.shown().first().texts, QStringList({u"Remove Veldspar"_s,
+                                                             u"Your system may ask for an administrator password"_s,
+                                                             u"Are you sure?"_s}));
+        QVERIFY(answers.shown().first().hasCancel);
+        QVERIFY(world.serviceActions().isEmpty());
+        QVERIFY(QFileInfo::exists(world.bundle()));
+    }
+
+    void failedRemoveIsReportedAndDoesNotUninstall()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({}));
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        world.setServiceAction(u"remove"_s, "Veldspar service: systemctl --user stop failed\n", 1);
+        DialogAnswerer answers;
+        app.click(app.button(u"Uninstall"_s));
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(app.statusText(), failedAction);
+        QCOMPARE(app.status()->toolTip(), u"Service update failed: Veldspar service: systemctl --user stop failed\n"_s);
+        QVERIFY(QFileInfo::exists(world.bundle()));
+        QVERIFY(world.configExists());
+    }
+
+    // The offer to refresh an outdated installed service.
+
+    void outdatedServiceIsOfferedAnUpdate_data()
+    {
+        QTest::addColumn<QByteArray>("installed"); // empty: not installed
+        QTest::addColumn<bool>("unitFile");
+        QTest::addColumn<bool>("asked");
+        QTest::newRow("differs, set up") << QByteArray("old service") << true << true;
+        QTest::newRow("same bytes") << QByteArray() << true << false; // filled with the bundle's copy below
+        QTest::newRow("not installed") << QByteArray("-") << true << false;
+        QTest::newRow("differs, no unit file") << QByteArray("old service") << false << false;
+    }
+
+    void outdatedServiceIsOfferedAnUpdate()
+    {
+        QFETCH(QByteArray, installed);
+        QFETCH(bool, unitFile);
+        QFETCH(bool, asked);
+        TestWorld world;
+        const QString installedPath = world.home() + u"/.local/share/Veldspar/Veldspar"_s;
+        if (installed.isEmpty())
+            writeFile(installedPath, readFile(world.resources() + u"/Veldspar"_s));
+        else if (installed != "-")
+            writeFile(installedPath, installed);
+        if (unitFile)
+            world.writeUnitFile(u"org.kestrum.Veldspar"_s);
+
+        QString question;
+        QString detail;
+        QStringList buttons;
+        QTimer answerer;
+        answerer.setInterval(10);
+        connect(&answerer, &QTimer::timeout, [&] {
+            auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
+            if (!box || !question.isEmpty())
+                return;
+            question = box->text();
+            detail = box->informativeText();
+            for (QAbstractButton *button : box->buttons())
+                buttons << button->text();
+            QVERIFY(box->defaultButton());
+            QCOMPARE(box->defaultButton()->text(), u"Update Service"_s);
+            box->defaultButton()->click();
+        });
+        answerer.start();
+        RunningApp app(world);
+        // The question waits for the window to be on screen.
+        QVERIFY(question.isEmpty());
+        QTest::qWait(300);
+        QVERIFY(app.waitUntilIdle());
+        if (!asked) {
+            QVERIFY(question.isEmpty());
+            QVERIFY(world.serviceActions().isEmpty());
+            return;
+        }
+        QCOMPARE(question, u"Update the background service?"_s);
+        QCOMPARE(detail, u"The app contains a newer service. Updating restarts discovery briefly and keeps your radio "
+                         "configuration."_s);
+        QCOMPARE(buttons, QStringList({u"Update Service"_s, u"Later"_s}));
+        QCOMPARE(world.serviceActions(), QStringList({u"enable"_s}));
+    }
+
+    void laterLeavesTheServiceAlone()
+    {
+        TestWorld world;
+        writeFile(world.home() + u"/.local/share/Veldspar/Veldspar"_s, "old service");
+        world.writeUnitFile(u"org.kestrum.Veldspar"_s);
+        bool asked = false;
+        QTimer answerer;
+        answerer.setInterval(10);
+        connect(&answerer, &QTimer::timeout, [&] {
+            auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
+            if (!box || asked)
+                return;
+            asked = true;
+            for (QAbstractButton *button : box->buttons())
+                if (button->text() == u"Later"_s)
+                    button->click();
+        });
+        answerer.start();
+        RunningApp app(world);
+        QTRY_VERIFY(asked);
+        QVERIFY(app.waitUntilIdle());
+        QVERIFY(world.serviceActions().isEmpty());
+    }
+
+    // The shipped service script, run against the systemctl stand-in.
+
+    void scriptEnableInstallsWritesTheUnitAndStarts()
+    {
+        TestWorld world;
+        world.useRealServiceScript();
+        world.writeConfig("{\"radios\": []}");
+        const TestWorld::ScriptRun run = world.runServiceScript(u"enable"_s);
+        QCOMPARE(run.status, 0);
+        QCOMPARE(run.output, QString());
+        const QString support = world.home() + u"/.local/share/Veldspar"_s;
+        QCOMPARE(readFile(support + u"/Veldspar"_s), readFile(world.resources() + u"/Veldspar"_s));
+        QVERIFY(QFileInfo(support + u"/Veldspar"_s).isExecutable());
+        QCOMPARE(readFile(world.unitFilePath(u"org.kestrum.Veldspar"_s)),
+                 u"[Unit]\n"
+                 "Description=Veldspar: makes remote FlexRadios discoverable on the local network\n"
+                 "After=network-online.target\n"
+                 "\n"
+                 "[Service]\n"
+                 "ExecStart=\"%1/Veldspar\" --config \"%1/config.json\"\n"
+                 "Restart=on-failure\n"
+                 "RestartSec=3\n"
+                 "\n"
+                 "[Install]\n"
+                 "WantedBy=default.target\n"_s.arg(support)
+                     .toUtf8());
+        QCOMPARE(changingCalls(world), QStringList({u"daemon-reload"_s, u"enable org.kestrum.Veldspar.service"_s,
+                                                    u"restart org.kestrum.Veldspar.service"_s}));
+        QCOMPARE(world.readConfig(), QByteArray("{\"radios\": []}"));
+        // Nothing but the installed service and the unit was written.
+        QCOMPARE(QDir(support).entryList(QDir::Files | QDir::Hidden, QDir::Name), QStringList({u"Veldspar"_s, u"config.json"_s}));
+    }
+
+    void scriptEnableRefreshesAnOutdatedService()
+    {
+        TestWorld world;
+        world.useRealServiceScript();
+        writeFile(world.home() + u"/.local/share/Veldspar/Veldspar"_s, "old service");
+        QCOMPARE(world.runServiceScript(u"enable"_s).status, 0);
+        QCOMPARE(readFile(world.home() + u"/.local/share/Veldspar/Veldspar"_s), readFile(world.resources() + u"/Veldspar"_s));
+    }
+
+    void scriptEnableTakesDownTheEarlierLabels()
+    {
+        TestWorld world;
+        world.useRealServiceScript();
+        world.writeUnitFile(u"org.kestrum.palisade"_s);
+        world.answerUnit(unit(u"org.kestrum.palisade"_s), running);
+        world.answerUnit(unit(u"org.kestrum.veldspar"_s), inactive);
+        QCOMPARE(world.runServiceScript(u"enable"_s).status, 0);
+        QVERIFY(!QFile::exists(world.unitFilePath(u"org.kestrum.palisade"_s)));
+        QVERIFY(QFile::exists(world.unitFilePath(u"org.kestrum.Veldspar"_s)));
+        QCOMPARE(changingCalls(world),
+                 QStringList({u"stop org.kestrum.veldspar.service"_s, u"stop org.kestrum.palisade.service"_s,
+                              u"disable org.kestrum.palisade.service"_s, u"daemon-reload"_s,
+                              u"enable org.kestrum.Veldspar.service"_s, u"restart org.kestrum.Veldspar.service"_s}));
+    }
+
+    void scriptUnitQuotesAHomeWithSpecials()
+    {
+        TestWorld world;
+        world.useRealServiceScript();
+        const QString oddHome = world.root() + u"/it's \"a\" 100% $HOME \\ place"_s;
+        QDir().mkpath(oddHome);
+        qputenv("HOME", QFile::encodeName(oddHome));
+        QProcess script;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(u"PATH"_s, world.binFolder() + u":/usr/bin:/bin"_s);
+        script.setProcessEnvironment(environment);
+        script.setProcessChannelMode(QProcess::MergedChannels);
+        script.start(u"/bin/bash"_s, {world.resources() + u"/ManageService.command"_s, u"enable"_s});
+        QVERIFY(script.waitForFinished(30000));
+        qputenv("HOME", QFile::encodeName(world.home()));
+        QCOMPARE(script.exitCode(), 0);
+        const QByteArray unitText = readFile(oddHome + u"/.config/systemd/user/org.kestrum.Veldspar.service"_s);
+        QString escaped = oddHome + u"/.local/share/Veldspar"_s;
+        escaped.replace(u'\\', u"\\\\"_s).replace(u'"', u"\\\""_s).replace(u'%', u"%%"_s).replace(u'$', u"$$"_s);
+        QVERIFY2(unitText.contains((u"ExecStart=\"%1/Veldspar\" --config \"%1/config.json\"\n"_s.arg(escaped)).toUtf8()),
+                 unitText.constData());
+        QVERIFY(QFile::exists(oddHome + u"/.local/share/Veldspar/Veldspar"_s));
+    }
+
+    void scriptDisableStopsAndDeletesTheUnit()
+    {
+        TestWorld world;
+        world.useRealServiceScript();
+        QCOMPARE(world.runServiceScript(u"enable"_s).status, 0);
+        const qsizetype before = world.systemctlCalls().size();
+        QCOMPARE(world.runServiceScript(u"disable"_s).status, 0);
+        QVERIFY(!QFile::exists(world.unitFilePath(u"org.kestrum.Veldspar"_s)));
+        QStringList after;
+        for (const QStringList &call : world.systemctlCalls().mid(before))
+            if (call.value(1) != u"show"_s)
+                after << call.mid(1).join(u' ');
+        QCOMPARE(after, QStringList({u"stop org.kestrum.Veldspar.service"_s, u"disable org.kestrum.Veldspar.service"_s,
+                                     u"daemon-reload"_s}));
+        // The installed executable stays for the next enable.
+        QVERIFY(QFile::exists(world.home() + u"/.local/share/Veldspar/Veldspar"_s));
+    }
+
+    void scriptStopOnlyStops()
+    {
+        TestWorld world;
+        world.useRealServiceScript();
+        QCOMPARE(world.runServiceScript(u"enable"_s).status, 0);
+        const qsizetype before = world.systemctlCalls().size();
+        QCOMPARE(world.runServiceScript(u"stop"_s).status, 0);
+        QVERIFY(QFile::exists(world.unitFilePath(u"org.kestrum.Veldspar"_s)));
+        QCOMPARE(world.systemctlCalls().mid(before).last(),
+                 QStringList({u"--user"_s, u"stop"_s, u"org.kestrum.Veldspar.service"_s}));
+    }
+
+    void scriptRemoveTakesEverythingDownAndIsIdempotent()
+    {
+        TestWorld world;
+        world.useRealServiceScript();
+        world.writeConfig("{\"radios\": []}");
+        QCOMPARE(world.runServiceScript(u"enable"_s).status, 0);
+        world.writeUnitFile(u"org.kestrum.veldspar"_s);
+        const TestWorld::ScriptRun first = world.runServiceScript(u"remove"_s);
+        QCOMPARE(first.status, 0);
+        for (const QString &label : {u"org.kestrum.Veldspar"_s, u"org.kestrum.veldspar"_s, u"org.kestrum.palisade"_s})
+            QVERIFY(!QFile::exists(world.unitFilePath(label)));
+        QVERIFY(!QFile::exists(world.home() + u"/.local/share/Veldspar/Veldspar"_s));
+        QCOMPARE(world.readConfig(), QByteArray("{\"radios\": []}"));
+
+        const qsizetype before = world.systemctlCalls().size();
+        const TestWorld::ScriptRun again = world.runServiceScript(u"remove"_s);
+        QCOMPARE(again.status, 0);
+        QCOMPARE(again.output, QString());
+        for (const QStringList &call : world.systemctlCalls().mid(before))
+            QCOMPARE(call.value(1), u"show"_s); // looked, changed nothing
+    }
+
+    void scriptRemoveWithoutSystemdAndNothingInstalledSucceeds()
+    {
+        TestWorld world;
+        world.useRealServiceScript();
+        world.makeSystemdUnavailable();
+        QCOMPARE(world.runServiceScript(u"remove"_s).status, 0);
+    }
+
+    void scriptFailuresSayWhatFailedInOneLine_data()
+    {
+        QTest::addColumn<QString>("action");
+        QTest::addColumn<QString>("breakWhat");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("restart refused") << u"enable"_s << u"restart"_s
+                                         << u"Veldspar service: systemctl --user restart org.kestrum.Veldspar.service "
+                                            "failed: Failed to restart org.kestrum.Veldspar.service: Access denied\n"_s;
+        QTest::newRow("no user session") << u"enable"_s << u"bus"_s
+                                         << u"Veldspar service: systemctl --user daemon-reload failed: Failed to "
+                                            "connect to bus: No medium found\n"_s;
+        QTest::newRow("service executable missing") << u"enable"_s << u"executable"_s
+                                                    << u"Veldspar service: the app's service executable is missing: "
+                                                       "%1/Veldspar\n"_s;
+        QTest::newRow("unknown word") << u"start"_s << QString()
+                                      << u"Veldspar service: unknown action 'start'; use enable, disable, stop or "
+                                         "remove\n"_s;
+        QTest::newRow("stop refused") << u"remove"_s << u"stop"_s
+                                      << u"Veldspar service: systemctl --user stop org.kestrum.Veldspar.service failed: "
+                                         "Failed to stop org.kestrum.Veldspar.service: Access denied\n"_s;
+    }
+
+    void scriptFailuresSayWhatFailedInOneLine()
+    {
+        QFETCH(QString, action);
+        QFETCH(QString, breakWhat);
+        QFETCH(QString, expected);
+        TestWorld world;
+        world.useRealServiceScript();
+        world.writeConfig("{\"radios\": []}");
+        if (breakWhat == u"bus"_s)
+            world.makeSystemdUnavailable();
+        else if (breakWhat == u"executable"_s)
+            QFile::remove(world.resources() + u"/Veldspar"_s);
+        else if (breakWhat == u"stop"_s) {
+            world.answerUnit(unit(u"org.kestrum.Veldspar"_s), running);
+            world.failSystemctl(breakWhat);
+        } else if (!breakWhat.isEmpty())
+            world.failSystemctl(breakWhat);
+        const TestWorld::ScriptRun run = world.runServiceScript(action);
+        QVERIFY(run.status != 0);
+        QCOMPARE(run.output, expected.contains(u"%1"_s) ? expected.arg(world.resources()) : expected);
+        QCOMPARE(world.readConfig(), QByteArray("{\"radios\": []}"));
+    }
+
+    // The uninstall.
+
+    void uninstallMovesTheAppToTheTrashRemovesTheDataAndQuits()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({}));
+        writeFile(world.home() + u"/.local/share/Palisade/config.json"_s, "{}");
+        writeFile(world.home() + u"/.config/org.kestrum.Veldspar.configure.conf"_s, "[General]\nSUAutomaticChecks=true\n");
+        writeFile(world.home() + u"/.local/share/applications/org.kestrum.Veldspar.configure.desktop"_s, "[Desktop Entry]\n");
+        writeFile(world.home() + u"/.cache/org.kestrum.veldspar.configure/x"_s, "x");
+        const QString app = world.bundle();
+        RunningApp running(world);
+        QVERIFY(waitForStatus(running));
+        DialogAnswerer answers;
+        const int code = runEventLoop([&] { running.click(running.button(u"Uninstall"_s)); });
+        QCOMPARE(code, 0);
+        QCOMPARE(answers.shown().size(), 1); // only the confirmation
+        QVERIFY(!QFileInfo::exists(app));
+        const QString trashed = world.home() + u"/.local/share/Trash/files/Veldspar.app"_s;
+        QVERIFY(QFileInfo(trashed + u"/Resources"_s).isDir());
+        // The script stand-in recorded its action inside the bundle, which went along.
+        QCOMPARE(readFile(trashed + u"/Resources/service.d/actions"_s), QByteArray("remove\n"));
+        QVERIFY(QFile::exists(world.home() + u"/.local/share/Trash/info/Veldspar.app.trashinfo"_s));
+        for (const QString &gone : {u".local/share/Veldspar"_s, u".local/share/Palisade"_s,
+                                    u".config/org.kestrum.Veldspar.configure.conf"_s,
+                                    u".local/share/applications/org.kestrum.Veldspar.configure.desktop"_s,
+                                    u".cache/org.kestrum.veldspar.configure"_s})
+            QVERIFY2(!QFileInfo::exists(world.home() + u'/' + gone), qPrintable(gone));
+        QVERIFY(world.pkexecCalls().isEmpty());
+    }
+
+    void uninstallFromACopyLeavesEverything()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({}));
+        world.moveBundle(u"Veldspar copy.app"_s);
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        DialogAnswerer answers;
+        app.click(app.button(u"Uninstall"_s));
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(world.serviceActions(), QStringList({u"remove"_s}));
+        QCOMPARE(app.statusText(), u"Service removed. Cannot identify the installed app."_s);
+        QVERIFY(QFileInfo(world.bundle()).isDir());
+        QVERIFY(world.configExists());
+        QVERIFY(!app.app().isBusy());
+    }
+
+    void privilegedMoveGetsTheExactPathAndTheTrashRecordsIt()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({}));
+        world.moveBundle(u"it's \"odd\" \\ place/Veldspar.app"_s);
+        const QString app = world.bundle();
+        const QString parent = QFileInfo(app).path();
+        // A folder the user may not change: the ordinary move to the Trash fails.
+        QVERIFY(QFile::setPermissions(parent, QFile::ReadOwner | QFile::ExeOwner));
+        RunningApp running(world);
+        QVERIFY(waitForStatus(running));
+        DialogAnswerer answers;
+        const int code = runEventLoop([&] { running.click(running.button(u"Uninstall"_s)); });
+        QFile::setPermissions(parent, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        QCOMPARE(code, 0);
+        QCOMPARE(world.pkexecCalls().size(), 1);
+        const QStringList move = world.pkexecCalls().first();
+        QCOMPARE(move.mid(0, 4), QStringList({u"/bin/mv"_s, u"-n"_s, u"--"_s, app}));
+        const QString destination = move.value(4);
+        const QString trashFiles = world.home() + u"/.local/share/Trash/files/"_s;
+        QVERIFY2(QRegularExpression(u"^"_s + QRegularExpression::escape(trashFiles)
+                                    + u"Veldspar-[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}\\.app$"_s)
+                     .match(destination)
+                     .hasMatch(),
+                 qPrintable(destination));
+        QVERIFY(!QFileInfo::exists(app));
+        QVERIFY(QFileInfo(destination + u"/Resources"_s).isDir());
+        const QString name = QFileInfo(destination).fileName();
+        const QByteArray info = readFile(world.home() + u"/.local/share/Trash/info/"_s + name + u".trashinfo"_s);
+        QVERIFY2(info.startsWith("[Trash Info]\nPath=" + QUrl::toPercentEncoding(app, "/") + "\nDeletionDate="),
+                 info.constData());
+        QVERIFY(info.contains("%27") && info.contains("%22") && info.contains("%5C") && info.contains("%20"));
+        QVERIFY(!world.configExists());
+    }
+
+    void cancelledPromptLeavesEverythingAndSaysRetry_data()
+    {
+        QTest::addColumn<QString>("pkexecAnswer");
+        QTest::addColumn<QString>("tip");
+        QTest::newRow("dismissed") << u"dismiss"_s << u"Error executing command as another user: Request dismissed"_s;
+        QTest::newRow("refused") << u"deny"_s << u"Error executing command as another user: Not authorized"_s;
+        QTest::newRow("nothing moved") << u"ignore"_s << QString();
+    }
+
+    void cancelledPromptLeavesEverythingAndSaysRetry()
+    {
+        QFETCH(QString, pkexecAnswer);
+        QFETCH(QString, tip);
+        TestWorld world;
+        world.writeConfig(configWith({}));
+        writeFile(world.home() + u"/.config/org.kestrum.Veldspar.configure.conf"_s, "[General]\nkept=1\n");
+        world.moveBundle(u"locked/Veldspar.app"_s);
+        const QString parent = QFileInfo(world.bundle()).path();
+        QVERIFY(QFile::setPermissions(parent, QFile::ReadOwner | QFile::ExeOwner));
+        world.setPkexecAnswer(pkexecAnswer);
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        DialogAnswerer answers;
+        const int code = runEventLoop([&] {
+            app.click(app.button(u"Uninstall"_s));
+            QTimer::singleShot(3000, [] { QCoreApplication::exit(7); });
+        });
+        QFile::setPermissions(parent, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        QCOMPARE(code, 7); // still running
+        QCOMPARE(app.statusText(), retry);
+        QCOMPARE(app.status()->toolTip(), tip);
+        QVERIFY(!app.app().isBusy());
+        QVERIFY(QFileInfo(world.bundle()).isDir());
+        QVERIFY(world.configExists());
+        QCOMPARE(readFile(world.home() + u"/.config/org.kestrum.Veldspar.configure.conf"_s), QByteArray("[General]\nkept=1\n"));
+    }
+
+    void trashThatCannotBeMadeIsReported()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({}));
+        // ~/.local/share/Trash cannot be created: a file is in the way.
+        writeFile(world.home() + u"/.local/share/Trash"_s, "not a folder");
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        DialogAnswerer answers;
+        const int code = runEventLoop([&] {
+            app.click(app.button(u"Uninstall"_s));
+            QTimer::singleShot(3000, [] { QCoreApplication::exit(7); });
+        });
+        QCOMPARE(code, 7);
+        QCOMPARE(app.statusText(), u"Service removed. Could not move the app to Trash."_s);
+        QVERIFY(!app.status()->toolTip().isEmpty());
+        QVERIFY(QFileInfo(world.bundle()).isDir());
+        QVERIFY(world.pkexecCalls().isEmpty());
+        QVERIFY(!QFileInfo::exists(QDir::currentPath() + u"/files"_s)); // nothing strayed elsewhere
+    }
+
+    void dataThatCannotBeDeletedIsListed()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({}));
+        writeFile(world.home() + u"/.cache/org.kestrum.Veldspar.configure/state"_s, "x");
+        writeFile(world.home() + u"/.cache/org.kestrum.veldspar.configure/state"_s, "x");
+        const QString cache = world.home() + u"/.cache"_s;
+        QVERIFY(QFile::setPermissions(cache, QFile::ReadOwner | QFile::ExeOwner));
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        DialogAnswerer answers;
+        const int code = runEventLoop([&] { app.click(app.button(u"Uninstall"_s)); });
+        QFile::setPermissions(cache, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        QCOMPARE(code, 0); // it still quits, after the report
+        QCOMPARE(answers.shown().size(), 2);
+        QCOMPARE(answers.shown().at(1).texts,
+                 QStringList({u"Some application data could not be removed"_s,
+                              u".cache/org.kestrum.Veldspar.configure\n.cache/org.kestrum.veldspar.configure"_s}));
+        QVERIFY(!answers.shown().at(1).hasCancel);
+        QCOMPARE(app.statusText(), u"App and service removed; some data could not be deleted. See details."_s);
+        QVERIFY(!world.configExists()); // what could go, went
+    }
+
+private:
+    std::unique_ptr<WithoutFilePermissionOverride> m_ordinaryUser;
+};
+
+QTEST_MAIN(ServiceTest)
+#include "tst_service.moc"
