@@ -133,6 +133,14 @@ void TestWorld::removeServiceExecutable() const
     QFile::remove(resources() + QStringLiteral("/Veldspar"));
 }
 
+void TestWorld::useServiceExecutable(const QString &path) const
+{
+    const QString target = resources() + QStringLiteral("/Veldspar");
+    QFile::remove(target);
+    QVERIFY2(QFile::copy(path, target), qPrintable(path));
+    QFile::setPermissions(target, QFile::permissions(path));
+}
+
 namespace {
 // The argument lists a stand-in recorded, one NUL-separated file a call, in name order.
 QList<QStringList> recordedCalls(const QString &folder)

@@ -51,6 +51,8 @@ public:
     void setImportResult(const QByteArray &output, int status, bool hold = false) const;
     void release() const; // lets held answers go
     void removeServiceExecutable() const;
+    // Puts the real service executable at path into the bundle in place of the stand-in.
+    void useServiceExecutable(const QString &path) const;
 
     // Each call of the stand-in, as its argument list, in order.
     QList<QStringList> calls() const;

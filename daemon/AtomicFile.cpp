@@ -1,0 +1,85 @@
+#include "daemon/AtomicFile.h"
+
+#include "daemon/Failure.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+QString systemError(int error) { return QString::fromLocal8Bit(std::strerror(error)); }
+
+[[noreturn]] void cannotWrite(const QString &path, int error)
+{
+    throw Failure{u"Cannot write %1: %2."_s.arg(QDir::toNativeSeparators(path), systemError(error))};
+}
+
+bool writeAll(int fd, const QByteArray &bytes)
+{
+    const char *data = bytes.constData();
+    qsizetype left = bytes.size();
+    while (left > 0) {
+        const ssize_t written = ::write(fd, data, size_t(left));
+        if (written < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        data += written;
+        left -= written;
+    }
+    return true;
+}
+
+// New files get the usual mode for the user's umask; a replaced file keeps its own.
+mode_t modeFor(const QByteArray &path)
+{
+    struct stat existing{};
+    if (::stat(path.constData(), &existing) == 0)
+        return existing.st_mode & 07777;
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    return 0666 & ~mask;
+}
+} // namespace
+
+void writeFileAtomically(const QString &path, const QByteArray &bytes)
+{
+    const QFileInfo info(path);
+    const QString folder = info.absolutePath();
+    if (!QDir().mkpath(folder))
+        throw Failure{u"Cannot create the folder %1."_s.arg(QDir::toNativeSeparators(folder))};
+
+    const QByteArray target = QFile::encodeName(info.absoluteFilePath());
+    QByteArray temporary = QFile::encodeName(folder + u"/."_s + info.fileName() + u".XXXXXX"_s);
+    const int fd = ::mkstemp(temporary.data());
+    if (fd < 0)
+        cannotWrite(path, errno);
+
+    const bool written = writeAll(fd, bytes) && ::fchmod(fd, modeFor(target)) == 0 && ::fsync(fd) == 0;
+    const int writeError = errno;
+    if (::close(fd) != 0 || !written) {
+        const int error = written ? errno : writeError;
+        ::unlink(temporary.constData());
+        cannotWrite(path, error);
+    }
+    if (::rename(temporary.constData(), target.constData()) != 0) {
+        const int error = errno;
+        ::unlink(temporary.constData());
+        cannotWrite(path, error);
+    }
+    // The rename itself must reach the disk too.
+    const int folderFd = ::open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folderFd >= 0) {
+        ::fsync(folderFd);
+        ::close(folderFd);
+    }
+}

@@ -1,0 +1,90 @@
+#include "daemon/Configuration.h"
+
+#include "daemon/Endpoint.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QJsonParseError>
+
+#include <cmath>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+// A JSON value as it would be written, for messages.
+QString shown(const QJsonValue &value)
+{
+    const QByteArray array = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
+    const QString text = QString::fromUtf8(array.mid(1, array.size() - 2));
+    return text.size() > 40 ? text.left(39) + u'\u2026' : text;
+}
+
+QString optionalText(const QJsonObject &radio, const QString &key)
+{
+    const QJsonValue value = radio.value(key);
+    return value.isString() ? value.toString() : QString();
+}
+} // namespace
+
+std::variant<Configuration, QString> readConfiguration(const QByteArray &bytes)
+{
+    if (bytes.trimmed().isEmpty())
+        return u"The configuration is empty."_s;
+    QJsonParseError error{};
+    const QJsonDocument document = QJsonDocument::fromJson(bytes, &error);
+    if (error.error != QJsonParseError::NoError)
+        return u"The configuration is not valid JSON: %1 at byte %2."_s.arg(error.errorString()).arg(error.offset);
+    if (!document.isObject())
+        return u"The configuration must be a JSON object with a \"radios\" list."_s;
+    const QJsonObject top = document.object();
+
+    Configuration configuration;
+    if (top.contains(u"broadcastIntervalMs"_s)) {
+        const QJsonValue interval = top.value(u"broadcastIntervalMs"_s);
+        const double number = interval.toDouble(-1);
+        if (!interval.isDouble() || number != std::floor(number) || number < shortestBroadcastIntervalMs
+            || number > longestBroadcastIntervalMs) {
+            return u"\"broadcastIntervalMs\" must be a whole number of milliseconds from %1 to %2; it is %3."_s.arg(
+                QString::number(shortestBroadcastIntervalMs), QString::number(longestBroadcastIntervalMs), shown(interval));
+        }
+        configuration.broadcastIntervalMs = int(number);
+    }
+
+    if (!top.contains(u"radios"_s))
+        return u"The configuration has no \"radios\" list."_s;
+    const QJsonValue radios = top.value(u"radios"_s);
+    if (!radios.isArray())
+        return u"\"radios\" must be a list of radios; it is %1."_s.arg(shown(radios));
+
+    const QJsonArray list = radios.toArray();
+    for (qsizetype i = 0; i < list.size(); ++i) {
+        const QString which = u"Radio %1"_s.arg(i + 1);
+        if (!list.at(i).isObject())
+            return which + u" is not a JSON object; it is %1."_s.arg(shown(list.at(i)));
+        const QJsonObject radio = list.at(i).toObject();
+        const QJsonValue address = radio.value(u"ipAddress"_s);
+        if (address.isUndefined() || address.isNull() || (address.isString() && address.toString().isEmpty()))
+            return which + u" has no IP address."_s;
+        if (!address.isString())
+            return which + u" has an IP address that is not text: %1."_s.arg(shown(address));
+        if (!parseEndpoint(address.toString()))
+            return which + u" has an IP address that cannot be used: \"%1\"."_s.arg(address.toString());
+        const QJsonValue serial = radio.value(u"serialNumber"_s);
+        if (serial.isUndefined() || serial.isNull())
+            return which + u" (%1) has no serial number."_s.arg(address.toString());
+        if (!serial.isString())
+            return which + u" (%1) has a serial number that is not text: %2."_s.arg(address.toString(), shown(serial));
+
+        ConfiguredRadio entry;
+        entry.ipAddress = address.toString();
+        entry.serialNumber = serial.toString();
+        entry.name = optionalText(radio, u"name"_s);
+        entry.model = optionalText(radio, u"model"_s);
+        entry.callsign = optionalText(radio, u"callsign"_s);
+        entry.version = optionalText(radio, u"version"_s);
+        entry.enabled = radio.value(u"enabled"_s).isBool() && radio.value(u"enabled"_s).toBool();
+        configuration.radios.append(entry);
+    }
+    return configuration;
+}

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QString>
+
+#include <variant>
+
+inline constexpr int defaultBroadcastIntervalMs = 3000;
+inline constexpr int shortestBroadcastIntervalMs = 250;
+inline constexpr int longestBroadcastIntervalMs = 60000;
+
+// One entry of "radios", as the service uses it.
+struct ConfiguredRadio
+{
+    QString ipAddress; // as configured: "host" or "host:port"
+    QString serialNumber;
+    QString name;
+    QString model;
+    QString callsign;
+    QString version;
+    bool enabled = false; // only a JSON true counts
+};
+
+struct Configuration
+{
+    int broadcastIntervalMs = defaultBroadcastIntervalMs;
+    QList<ConfiguredRadio> radios;
+};
+
+// Checks a configuration document: a JSON object whose "radios" is an array of objects, each
+// with a non-empty text "ipAddress" and a text "serialNumber", and whose "broadcastIntervalMs",
+// when present, is a whole number from 250 to 60000. Any other key is allowed. Returns the
+// configuration, or one sentence that says what is wrong and where.
+std::variant<Configuration, QString> readConfiguration(const QByteArray &bytes);

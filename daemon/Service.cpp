@@ -1,0 +1,115 @@
+#include "daemon/Service.h"
+
+#include "daemon/Log.h"
+#include "daemon/RadioWatch.h"
+#include "daemon/StopSignals.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+
+#include <csignal>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+QString keyOf(const ConfiguredRadio &radio) { return radio.ipAddress + u'\n' + radio.serialNumber; }
+} // namespace
+
+Service::Service(const ServiceSettings &settings, QObject *parent)
+    : QObject(parent), m_settings(settings), m_sender(settings.destinations),
+      m_watcher(settings.configPath, [this] { reload(); })
+{
+    // Interfaces come and go (a laptop joins another network); look again now and then.
+    m_refreshDestinations.setInterval(settings.checkPeriodMs);
+    connect(&m_refreshDestinations, &QTimer::timeout, this, [this] { m_sender.refresh(); });
+    m_refreshDestinations.start();
+    reload();
+}
+
+Service::~Service() { qDeleteAll(m_watches); }
+
+void Service::note(const QString &line)
+{
+    // A file that stays broken or missing is reported once, not at every look.
+    if (line == m_lastNote)
+        return;
+    m_lastNote = line;
+    logLine(line);
+}
+
+void Service::reload()
+{
+    const QString path = QDir::toNativeSeparators(m_settings.configPath);
+    QFile file(m_settings.configPath);
+    if (!file.exists()) {
+        m_seen.reset();
+        note(m_loaded ? u"The configuration %1 is gone; keeping the previous one."_s.arg(path)
+                      : u"No configuration at %1 yet; nothing is announced until it appears."_s.arg(path));
+        return;
+    }
+    if (!file.open(QIODevice::ReadOnly)) {
+        m_seen.reset();
+        note(u"Cannot read the configuration %1: %2; %3"_s.arg(
+            path, file.errorString(), m_loaded ? u"keeping the previous one."_s : u"nothing is announced."_s));
+        return;
+    }
+    const QByteArray bytes = file.readAll();
+    if (m_seen == bytes)
+        return;
+    m_seen = bytes;
+    const auto checked = readConfiguration(bytes);
+    if (const QString *problem = std::get_if<QString>(&checked)) {
+        note(m_loaded ? u"Keeping the previous configuration: %1 is not usable. %2"_s.arg(path, *problem)
+                      : u"Cannot use the configuration %1; nothing is announced until it is fixed. %2"_s.arg(path, *problem));
+        return;
+    }
+    m_lastNote.clear();
+    apply(std::get<Configuration>(checked));
+    m_loaded = true;
+}
+
+void Service::apply(const Configuration &configuration)
+{
+    QList<ConfiguredRadio> enabled;
+    QStringList keys;
+    for (const ConfiguredRadio &radio : configuration.radios) {
+        if (radio.enabled && !keys.contains(keyOf(radio))) {
+            enabled << radio;
+            keys << keyOf(radio);
+        }
+    }
+    for (auto it = m_watches.begin(); it != m_watches.end();) {
+        if (keys.contains(it.key())) {
+            ++it;
+            continue;
+        }
+        if (it.value()->announced())
+            logLine(u"%1 is no longer enabled in the configuration; no longer announced."_s.arg(it.value()->label()));
+        delete it.value();
+        it = m_watches.erase(it);
+    }
+    logLine(u"Configuration loaded: %1 of %2 radios enabled; beacons every %3 ms."_s.arg(
+        QString::number(enabled.size()), QString::number(configuration.radios.size()),
+        QString::number(configuration.broadcastIntervalMs)));
+    for (const ConfiguredRadio &radio : std::as_const(enabled)) {
+        if (RadioWatch *watch = m_watches.value(keyOf(radio))) {
+            watch->update(radio);
+            watch->setBroadcastInterval(configuration.broadcastIntervalMs);
+        } else {
+            m_watches.insert(keyOf(radio), new RadioWatch(radio, configuration.broadcastIntervalMs,
+                                                          m_settings.checkPeriodMs, m_sender));
+        }
+    }
+}
+
+int runService(const ServiceSettings &settings)
+{
+    logLine(u"Veldspar service started with the configuration %1."_s.arg(QDir::toNativeSeparators(settings.configPath)));
+    Service service(settings);
+    StopSignals stopSignals([](int signal) {
+        logLine(signal == SIGTERM ? u"Stopping (SIGTERM)."_s : u"Stopping (SIGINT)."_s);
+        QCoreApplication::quit();
+    });
+    return QCoreApplication::exec();
+}

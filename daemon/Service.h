@@ -1,0 +1,52 @@
+#pragma once
+
+#include "daemon/BeaconSender.h"
+#include "daemon/ConfigWatcher.h"
+#include "daemon/Configuration.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QMap>
+#include <QObject>
+#include <QString>
+#include <QTimer>
+
+#include <optional>
+
+class RadioWatch;
+
+inline constexpr int defaultCheckPeriodMs = 10000;
+
+struct ServiceSettings
+{
+    QString configPath;
+    QList<Destination> destinations; // empty: every broadcast-capable interface
+    int checkPeriodMs = defaultCheckPeriodMs;
+};
+
+// The service: keeps one RadioWatch per enabled radio of the configuration, and follows the
+// configuration file as it changes. A file that cannot be used keeps the last good
+// configuration.
+class Service : public QObject
+{
+public:
+    explicit Service(const ServiceSettings &settings, QObject *parent = nullptr);
+    ~Service() override;
+
+private:
+    void reload();
+    void apply(const Configuration &configuration);
+    void note(const QString &line);
+
+    ServiceSettings m_settings;
+    BeaconSender m_sender;
+    ConfigWatcher m_watcher;
+    QTimer m_refreshDestinations;
+    QMap<QString, RadioWatch *> m_watches; // by address and serial
+    std::optional<QByteArray> m_seen;      // the bytes last read, good or not
+    bool m_loaded = false;
+    QString m_lastNote;
+};
+
+// "--config PATH": runs the service until SIGTERM or SIGINT. Returns the exit status.
+int runService(const ServiceSettings &settings);

@@ -1,0 +1,1005 @@
+// The service executable "Veldspar" as its callers see it: the lines it prints, its exit
+// status, the files it writes and the beacons it sends. Every radio is a radio-sim on
+// 127.0.0.1 and every beacon goes to a socket of this test on 127.0.0.1 (--broadcast).
+#include "TestSupport.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTcpServer>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QUdpSocket>
+#include <QtEndian>
+#include <QtTest>
+
+#include <linux/securebits.h>
+#include <netinet/in.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <memory>
+#include <optional>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+const QString serviceProgram = QStringLiteral(VELDSPAR_SERVICE_EXECUTABLE);
+const QString simulatorProgram = QStringLiteral(VELDSPAR_RADIO_SIM);
+// The shipped check period is 10 s; tests check four times as often as they look.
+constexpr int checkPeriodMs = 400;
+const QString placeholderSerial = u"0000-0000-0000-0000"_s;
+
+// ---------------------------------------------------------------------------------------
+// A beacon as a listener reads it, written from the radios' protocol description alone.
+
+struct Beacon
+{
+    qsizetype datagramSize = 0;
+    quint32 packetType = 0;
+    bool classIdPresent = false;
+    bool trailerPresent = false;
+    quint32 tsi = 0;
+    quint32 tsf = 0;
+    quint32 packetCount = 0;
+    quint32 sizeWords = 0;
+    quint32 streamId = 0;
+    quint32 oui = 0;
+    quint32 informationClass = 0;
+    quint32 packetClass = 0;
+    quint32 integerTimestamp = 0;
+    quint64 fractionalTimestamp = 0;
+    QByteArray payload;         // the text, without its padding
+    QByteArray padding;         // what follows the text up to the packet's end
+    QList<std::pair<QString, QString>> fields; // keys in lower case, 0x7F read as a space
+
+    QString value(const QString &key) const
+    {
+        for (const auto &field : fields)
+            if (field.first == key)
+                return field.second;
+        return u"<missing>"_s;
+    }
+    QStringList keys() const
+    {
+        QStringList result;
+        for (const auto &field : fields)
+            result << field.first;
+        return result;
+    }
+};
+
+quint32 wordAt(const QByteArray &bytes, qsizetype index) { return qFromBigEndian<quint32>(bytes.constData() + 4 * index); }
+
+std::optional<Beacon> decodeBeacon(const QByteArray &datagram)
+{
+    if (datagram.size() < 28)
+        return std::nullopt;
+    Beacon beacon;
+    beacon.datagramSize = datagram.size();
+    const quint32 header = wordAt(datagram, 0);
+    beacon.packetType = header >> 28;
+    beacon.classIdPresent = (header >> 27) & 1;
+    beacon.trailerPresent = (header >> 26) & 1;
+    beacon.tsi = (header >> 22) & 3;
+    beacon.tsf = (header >> 20) & 3;
+    beacon.packetCount = (header >> 16) & 0xF;
+    beacon.sizeWords = header & 0xFFFF;
+    beacon.streamId = wordAt(datagram, 1);
+    beacon.oui = wordAt(datagram, 2) & 0xFFFFFF;
+    beacon.informationClass = wordAt(datagram, 3) >> 16;
+    beacon.packetClass = wordAt(datagram, 3) & 0xFFFF;
+    beacon.integerTimestamp = wordAt(datagram, 4);
+    beacon.fractionalTimestamp = quint64(wordAt(datagram, 5)) << 32 | wordAt(datagram, 6);
+    const QByteArray body = datagram.mid(28, qsizetype(beacon.sizeWords) * 4 - 28);
+    const qsizetype end = body.indexOf('\0');
+    beacon.payload = end < 0 ? body : body.left(end);
+    beacon.padding = end < 0 ? QByteArray() : body.mid(end);
+    for (const QByteArray &token : beacon.payload.split(' ')) {
+        const qsizetype equals = token.indexOf('=');
+        if (equals < 0)
+            continue; // listeners skip tokens that do not split in two
+        QByteArray value = token.mid(equals + 1);
+        value.replace('\x7f', ' ');
+        beacon.fields.append({QString::fromUtf8(token.left(equals)).toLower(), QString::fromUtf8(value)});
+    }
+    return beacon;
+}
+
+// ---------------------------------------------------------------------------------------
+// Processes and sockets of the tests.
+
+struct Run
+{
+    int status = -1;
+    bool crashed = false;
+    QString output; // standard output and error together, as the app reads them
+    qint64 elapsedMs = 0;
+
+    QStringList lines() const { return output.split(u'\n', Qt::SkipEmptyParts); }
+    QString lastLine() const { return lines().value(lines().size() - 1); }
+};
+
+Run runVeldspar(const QStringList &arguments, int timeoutMs = 30000,
+                const std::function<void()> &inChild = {})
+{
+    QProcess process;
+    process.setProgram(serviceProgram);
+    process.setArguments(arguments);
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    if (inChild)
+        process.setChildProcessModifier(inChild);
+    QElapsedTimer clock;
+    clock.start();
+    process.start();
+    Run run;
+    if (!process.waitForFinished(timeoutMs)) {
+        process.kill();
+        process.waitForFinished();
+        run.output = u"<did not finish>"_s;
+        return run;
+    }
+    run.elapsedMs = clock.elapsed();
+    run.crashed = process.exitStatus() != QProcess::NormalExit;
+    run.status = process.exitCode();
+    run.output = QString::fromUtf8(process.readAll());
+    return run;
+}
+
+// A run on a thread of its own, for the probes that must wait out a time-out while the other
+// tests go on; its time is measured where it ends, not where a test looks at it.
+class BackgroundRun
+{
+public:
+    void start(const QStringList &arguments)
+    {
+        m_thread.reset(QThread::create([this, arguments] { m_run = runVeldspar(arguments, 40000); }));
+        m_thread->start();
+    }
+    Run result()
+    {
+        if (m_thread)
+            m_thread->wait();
+        return m_run;
+    }
+    ~BackgroundRun() { result(); }
+
+private:
+    std::unique_ptr<QThread> m_thread;
+    Run m_run;
+};
+
+class RadioSim
+{
+public:
+    explicit RadioSim(const QStringList &arguments = {})
+    {
+        m_process.setProgram(simulatorProgram);
+        m_process.setArguments(arguments);
+        m_process.start();
+        QElapsedTimer clock;
+        clock.start();
+        while (!m_output.contains('\n') && clock.elapsed() < 10000 && m_process.state() != QProcess::NotRunning) {
+            m_process.waitForReadyRead(200);
+            m_output += m_process.readAllStandardOutput();
+        }
+        const QRegularExpressionMatch match =
+            QRegularExpression(u"^listening on ([0-9.]+):(\\d+)\n"_s).match(QString::fromUtf8(m_output));
+        if (match.hasMatch()) {
+            m_host = match.captured(1);
+            m_port = quint16(match.captured(2).toUInt());
+        }
+    }
+    ~RadioSim() { stop(); }
+
+    bool listening() const { return m_port != 0; }
+    quint16 port() const { return m_port; }
+    QString address() const { return m_host + u':' + QString::number(m_port); }
+    int connections()
+    {
+        while (m_process.waitForReadyRead(0))
+            m_output += m_process.readAllStandardOutput();
+        m_output += m_process.readAllStandardOutput();
+        return int(m_output.count("\nconnection "));
+    }
+    void stop()
+    {
+        if (m_process.state() != QProcess::NotRunning) {
+            m_process.kill();
+            m_process.waitForFinished();
+        }
+    }
+
+private:
+    QProcess m_process;
+    QByteArray m_output;
+    QString m_host;
+    quint16 m_port = 0;
+};
+
+// A port on 127.0.0.1 where nothing listens: taken from the system, then let go.
+quint16 closedPort()
+{
+    QTcpServer server;
+    server.listen(QHostAddress::LocalHost, 0);
+    const quint16 port = server.serverPort();
+    server.close();
+    return port;
+}
+
+// A listener whose queue of connections is full, so that further attempts get no answer at
+// all (the SYN is dropped), like an address behind a VPN that is down.
+class FullListener
+{
+public:
+    FullListener()
+    {
+        m_listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        if (::bind(m_listener, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0
+            || ::listen(m_listener, 0) != 0
+            || ::getsockname(m_listener, reinterpret_cast<sockaddr *>(&address), &length) != 0)
+            return;
+        m_port = ntohs(address.sin_port);
+        for (int &filler : m_fillers) {
+            filler = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+            [[maybe_unused]] const int started =
+                ::connect(filler, reinterpret_cast<sockaddr *>(&address), sizeof address);
+        }
+        QThread::msleep(100);
+    }
+    ~FullListener()
+    {
+        for (int filler : m_fillers)
+            ::close(filler);
+        ::close(m_listener);
+    }
+    quint16 port() const { return m_port; }
+
+private:
+    int m_listener = -1;
+    int m_fillers[3] = {-1, -1, -1};
+    quint16 m_port = 0;
+};
+
+struct Received
+{
+    Beacon beacon;
+    qint64 atMs = 0; // on the test's clock
+};
+
+class BeaconListener
+{
+public:
+    explicit BeaconListener(const QElapsedTimer &clock) : m_clock(clock)
+    {
+        m_socket.bind(QHostAddress::LocalHost, 0);
+        QObject::connect(&m_socket, &QUdpSocket::readyRead, &m_socket, [this] {
+            while (m_socket.hasPendingDatagrams()) {
+                QByteArray datagram(m_socket.pendingDatagramSize(), '\0');
+                m_socket.readDatagram(datagram.data(), datagram.size());
+                m_datagrams << datagram;
+                if (const std::optional<Beacon> beacon = decodeBeacon(datagram))
+                    m_received << Received{*beacon, m_clock.elapsed()};
+            }
+        });
+    }
+    QString destination() const { return u"127.0.0.1:"_s + QString::number(m_socket.localPort()); }
+    const QList<QByteArray> &datagrams() const { return m_datagrams; }
+    QList<Received> from(const QString &serial, qint64 sinceMs = 0) const
+    {
+        QList<Received> result;
+        for (const Received &received : m_received)
+            if (received.beacon.value(u"serial"_s) == serial && received.atMs >= sinceMs)
+                result << received;
+        return result;
+    }
+    const QList<Received> &all() const { return m_received; }
+
+private:
+    const QElapsedTimer &m_clock;
+    QUdpSocket m_socket;
+    QList<QByteArray> m_datagrams;
+    QList<Received> m_received;
+};
+
+// The service, run as systemd runs it, with its log on standard error.
+class RunningService
+{
+public:
+    RunningService(const QString &configPath, const QStringList &destinations)
+    {
+        QStringList arguments{u"--config"_s, configPath, u"--check-period-ms"_s, QString::number(checkPeriodMs)};
+        for (const QString &destination : destinations)
+            arguments << u"--broadcast"_s << destination;
+        m_process.setProgram(serviceProgram);
+        m_process.setArguments(arguments);
+        m_process.start();
+        m_process.waitForStarted();
+    }
+    ~RunningService()
+    {
+        if (m_process.state() != QProcess::NotRunning) {
+            m_process.kill();
+            m_process.waitForFinished();
+        }
+    }
+    QString log()
+    {
+        m_log += QString::fromUtf8(m_process.readAllStandardError());
+        return m_log;
+    }
+    QProcess &process() { return m_process; }
+
+private:
+    QProcess m_process;
+    QString m_log;
+};
+
+QJsonObject radioEntry(const QString &address, const QString &serial, const QJsonValue &enabled = true)
+{
+    return {{u"ipAddress"_s, address}, {u"serialNumber"_s, serial}, {u"enabled"_s, enabled}};
+}
+
+QByteArray configuration(const QList<QJsonObject> &radios, int intervalMs)
+{
+    QJsonArray list;
+    for (const QJsonObject &radio : radios)
+        list.append(radio);
+    return QJsonDocument(QJsonObject{{u"broadcastIntervalMs"_s, intervalMs}, {u"radios"_s, list}}).toJson();
+}
+
+void writeInPlace(const QString &path, const QByteArray &bytes)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    QCOMPARE(file.write(bytes), bytes.size());
+}
+
+// As the import mode and most editors do: a new file renamed over the old one.
+void replaceByRename(const QString &path, const QByteArray &bytes)
+{
+    const QString temporary = path + u".new"_s;
+    writeInPlace(temporary, bytes);
+    QCOMPARE(std::rename(QFile::encodeName(temporary).constData(), QFile::encodeName(path).constData()), 0);
+}
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+}
+
+QStringList backupsBeside(const QString &path)
+{
+    return QDir(QFileInfo(path).path() + u"/backups"_s).entryList(QDir::Files, QDir::Name);
+}
+
+// In the child before it starts: when the tests run as root, give up what root has beyond a
+// plain user, so that file permissions apply to the service as they do on a desktop.
+void withoutRootPowers() { ::prctl(PR_SET_SECUREBITS, SECBIT_NOROOT | SECBIT_NOROOT_LOCKED); }
+
+const QRegularExpression backupName(u"^config-\\d{4}-\\d{2}-\\d{2}T\\d{2}-\\d{2}-\\d{2}\\.\\d{3}Z\\.json$"_s);
+} // namespace
+
+class DaemonTest : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    // The two probes that must wait out a time-out run from the start, beside the other tests.
+    std::unique_ptr<RadioSim> m_silentRadio;
+    std::unique_ptr<FullListener> m_fullListener;
+    BackgroundRun m_silentProbe;
+    BackgroundRun m_unreachableProbe;
+
+    QString path(const QString &name) const { return m_dir.filePath(name); }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(QFileInfo(serviceProgram).isExecutable());
+        QVERIFY(QFileInfo(simulatorProgram).isExecutable());
+        m_silentRadio = std::make_unique<RadioSim>(QStringList{u"--fault"_s, u"silent"_s});
+        QVERIFY(m_silentRadio->listening());
+        m_silentProbe.start({u"--discover"_s, m_silentRadio->address()});
+        m_fullListener = std::make_unique<FullListener>();
+        QVERIFY(m_fullListener->port() != 0);
+        m_unreachableProbe.start({u"--discover"_s, u"127.0.0.1:"_s + QString::number(m_fullListener->port())});
+    }
+
+    // ---- --discover ----
+
+    void discoveryPrintsTheRadioAsTheLastLine()
+    {
+        RadioSim radio({u"--serial"_s, u"1121-1104-6700-2912"_s, u"--model"_s, u"FLEX-8600"_s, u"--name"_s,
+                        u"Remote Shack"_s, u"--callsign"_s, u"K1ABC"_s, u"--version"_s, u"4.1.3.39644"_s});
+        QVERIFY(radio.listening());
+        const Run run = runVeldspar({u"--discover"_s, radio.address()});
+        QCOMPARE(run.status, 0);
+        QVERIFY2(run.lines().size() >= 2, qPrintable(run.output)); // progress first
+        QVERIFY(run.lines().first().startsWith(u"Connecting to 127.0.0.1"_s));
+        QCOMPARE(run.lastLine(),
+                 u"{\"callsign\":\"K1ABC\",\"enabled\":true,\"ipAddress\":\"%1\",\"model\":\"FLEX-8600\","
+                 u"\"name\":\"Remote Shack\",\"serialNumber\":\"1121-1104-6700-2912\",\"version\":\"4.1.3.39644\"}"_s
+                     .arg(radio.address()));
+        QVERIFY(run.output.endsWith(u"}\n"_s));
+        // It asked exactly what it needs.
+        QCOMPARE(radio.connections(), 1);
+    }
+
+    void discoveryTakesTheVersionFromSmartSdrWhenInfoHasNone()
+    {
+        RadioSim radio({u"--no-software-ver"_s, u"--version"_s, u"3.9.1.100"_s});
+        QVERIFY(radio.listening());
+        const Run run = runVeldspar({u"--discover"_s, radio.address()});
+        QCOMPARE(run.status, 0);
+        const QJsonObject answer = QJsonDocument::fromJson(run.lastLine().toUtf8()).object();
+        QCOMPARE(answer.value(u"version"_s).toString(), u"3.9.1.100"_s);
+    }
+
+    void discoveryUsesPort4992WhenNoneIsGiven()
+    {
+        // A loopback address of its own, so that port 4992 is free there.
+        const QString host = u"127.42.%1.%2"_s.arg((getpid() >> 8) & 0xFF).arg((getpid() & 0xFF) | 1);
+        RadioSim radio({u"--listen"_s, host, u"--port"_s, u"4992"_s, u"--serial"_s, u"A-4992"_s});
+        QVERIFY2(radio.listening(), "port 4992 is taken on this loopback address");
+        const Run run = runVeldspar({u"--discover"_s, host});
+        QCOMPARE(run.status, 0);
+        const QJsonObject answer = QJsonDocument::fromJson(run.lastLine().toUtf8()).object();
+        QCOMPARE(answer.value(u"ipAddress"_s).toString(), host);
+        QCOMPARE(answer.value(u"serialNumber"_s).toString(), u"A-4992"_s);
+    }
+
+    void discoveryAcceptsAHostName()
+    {
+        RadioSim radio({u"--serial"_s, u"H-1"_s});
+        QVERIFY(radio.listening());
+        const QString address = u"localhost:"_s + QString::number(radio.port());
+        const Run run = runVeldspar({u"--discover"_s, address});
+        QCOMPARE(run.status, 0);
+        const QJsonObject answer = QJsonDocument::fromJson(run.lastLine().toUtf8()).object();
+        QCOMPARE(answer.value(u"ipAddress"_s).toString(), address); // as given
+        QCOMPARE(answer.value(u"serialNumber"_s).toString(), u"H-1"_s);
+    }
+
+    void discoveryWaitsForASlowRadioWithCrLfLines()
+    {
+        RadioSim radio({u"--fault"_s, u"slow"_s, u"--delay-ms"_s, u"150"_s, u"--crlf"_s, u"--serial"_s, u"S-1"_s});
+        QVERIFY(radio.listening());
+        const Run run = runVeldspar({u"--discover"_s, radio.address()});
+        QCOMPARE(run.status, 0);
+        QVERIFY(run.elapsedMs >= 900); // it did wait for the lines
+        QCOMPARE(QJsonDocument::fromJson(run.lastLine().toUtf8()).object().value(u"serialNumber"_s).toString(), u"S-1"_s);
+    }
+
+    void discoveryFailuresAreExplained_data()
+    {
+        QTest::addColumn<QString>("fault");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("refused") << QString() << u"refused the connection"_s;
+        QTest::newRow("closed at once") << u"close"_s << u"closed the connection before it sent the radio's details"_s;
+        QTest::newRow("error code") << u"error"_s << u"answered \"info\" with error 0x50000016 (Command not permitted in this state)"_s;
+        QTest::newRow("not a radio") << u"garbage"_s << u"but not as a FlexRadio does: this is not a radio"_s;
+        QTest::newRow("no serial") << u"no-serial"_s << u"did not report its serial number"_s;
+    }
+
+    void discoveryFailuresAreExplained()
+    {
+        QFETCH(QString, fault);
+        QFETCH(QString, expected);
+        std::optional<RadioSim> radio;
+        QString address = u"127.0.0.1:"_s + QString::number(closedPort());
+        if (!fault.isEmpty()) {
+            radio.emplace(QStringList{u"--fault"_s, fault});
+            QVERIFY(radio->listening());
+            address = radio->address();
+        }
+        const Run run = runVeldspar({u"--discover"_s, address});
+        QCOMPARE(run.status, 1);
+        QVERIFY2(run.lastLine().contains(expected), qPrintable(run.output));
+        QVERIFY2(run.lastLine().contains(address), qPrintable(run.output));
+        QVERIFY(!run.output.contains(u'{')); // no radio description at all
+        QVERIFY(run.elapsedMs < 5000);
+    }
+
+    void discoveryRefusesAMalformedAddress()
+    {
+        const Run run = runVeldspar({u"--discover"_s, u"127.0.0.1:99999"_s});
+        QCOMPARE(run.status, 2);
+        QVERIFY2(run.output.contains(u"\"127.0.0.1:99999\" is not a radio address"_s), qPrintable(run.output));
+    }
+
+    // ---- --config --import ----
+
+    void importWritesTheFileExactlyAndBacksUpThePreviousOne()
+    {
+        const QString config = path(u"import-exact/config.json"_s);
+        const QByteArray previous = configuration({radioEntry(u"10.0.0.1"_s, u"A-1"_s)}, 3000);
+        writeInPlace(config, previous);
+        // Unusual spacing, an unknown key, unknown radio keys: all kept, byte for byte.
+        const QByteArray next = "{\"radios\":[{\"ipAddress\":\"10.0.0.2:4993\",\"serialNumber\":\"\",\"colour\":\"red\"}],"
+                                "   \"broadcastIntervalMs\" : 60000, \"note\": [1, 2]}";
+        writeInPlace(path(u"import-exact.json"_s), next);
+        const QDateTime before = QDateTime::currentDateTimeUtc().addMSecs(-1);
+        const Run run = runVeldspar({u"--config"_s, config, u"--import"_s, path(u"import-exact.json"_s)});
+        QCOMPARE(run.status, 0);
+        QVERIFY(run.lines().size() <= 1);
+        QCOMPARE(readFile(config), next);
+
+        const QStringList backups = backupsBeside(config);
+        QCOMPARE(backups.size(), 1);
+        QVERIFY2(backupName.match(backups.first()).hasMatch(), qPrintable(backups.first()));
+        const QDateTime stamp = QDateTime::fromString(backups.first().mid(7, 23), u"yyyy-MM-dd'T'HH-mm-ss.zzz"_s);
+        QVERIFY(QDateTime(stamp.date(), stamp.time(), Qt::UTC) >= before);
+        QVERIFY(QDateTime(stamp.date(), stamp.time(), Qt::UTC) <= QDateTime::currentDateTimeUtc());
+        QCOMPARE(readFile(QFileInfo(config).path() + u"/backups/"_s + backups.first()), previous);
+        // No temporary file is left beside it.
+        QCOMPARE(QDir(QFileInfo(config).path()).entryList(QDir::Files | QDir::Hidden), QStringList{u"config.json"_s});
+    }
+
+    void importCreatesTheFolderAndMakesNoBackupOfNothing()
+    {
+        const QString config = path(u"import-first/deeper/config.json"_s);
+        const QByteArray bytes = configuration({}, 3000);
+        writeInPlace(path(u"import-first.json"_s), bytes);
+        const Run run = runVeldspar({u"--config"_s, config, u"--import"_s, path(u"import-first.json"_s)});
+        QCOMPARE(run.status, 0);
+        QCOMPARE(readFile(config), bytes);
+        QVERIFY(backupsBeside(config).isEmpty());
+    }
+
+    void importRefusesWhatTheServiceCannotUse_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QString>("message");
+        const QByteArray good = R"({"ipAddress": "10.0.0.1", "serialNumber": "A-1"})";
+        QTest::newRow("not JSON") << QByteArray("{\"radios\": [") << u"The configuration is not valid JSON: "_s;
+        QTest::newRow("empty") << QByteArray("\n") << u"The configuration is empty."_s;
+        QTest::newRow("a list") << QByteArray("[]") << u"The configuration must be a JSON object with a \"radios\" list."_s;
+        QTest::newRow("no radios") << QByteArray("{\"broadcastIntervalMs\": 3000}") << u"The configuration has no \"radios\" list."_s;
+        QTest::newRow("radios not a list") << QByteArray("{\"radios\": {}}") << u"\"radios\" must be a list of radios; it is {}."_s;
+        QTest::newRow("radio not an object") << "{\"radios\": [" + good + ", \"10.0.0.2\"]}"
+                                             << u"Radio 2 is not a JSON object; it is \"10.0.0.2\"."_s;
+        QTest::newRow("no address") << "{\"radios\": [" + good + ", {\"serialNumber\": \"B\"}]}" << u"Radio 2 has no IP address."_s;
+        QTest::newRow("empty address") << QByteArray(R"({"radios": [{"ipAddress": "", "serialNumber": "B"}]})")
+                                       << u"Radio 1 has no IP address."_s;
+        QTest::newRow("address a number") << QByteArray(R"({"radios": [{"ipAddress": 10, "serialNumber": "B"}]})")
+                                          << u"Radio 1 has an IP address that is not text: 10."_s;
+        QTest::newRow("address with a bad port") << QByteArray(R"({"radios": [{"ipAddress": "10.0.0.1:0", "serialNumber": "B"}]})")
+                                                 << u"Radio 1 has an IP address that cannot be used: \"10.0.0.1:0\"."_s;
+        QTest::newRow("no serial") << "{\"radios\": [" + good + ", " + good + ", {\"ipAddress\": \"10.0.0.3\"}]}"
+                                   << u"Radio 3 (10.0.0.3) has no serial number."_s;
+        QTest::newRow("serial a number") << QByteArray(R"({"radios": [{"ipAddress": "10.0.0.3", "serialNumber": 7}]})")
+                                         << u"Radio 1 (10.0.0.3) has a serial number that is not text: 7."_s;
+        const QString interval = u"\"broadcastIntervalMs\" must be a whole number of milliseconds from 250 to 60000; it is %1."_s;
+        QTest::newRow("interval too short") << QByteArray(R"({"broadcastIntervalMs": 249, "radios": []})") << interval.arg(249);
+        QTest::newRow("interval too long") << QByteArray(R"({"broadcastIntervalMs": 60001, "radios": []})") << interval.arg(60001);
+        QTest::newRow("interval a fraction") << QByteArray(R"({"broadcastIntervalMs": 3000.5, "radios": []})") << interval.arg(3000.5);
+        QTest::newRow("interval text") << QByteArray(R"({"broadcastIntervalMs": "3000", "radios": []})") << interval.arg(u"\"3000\""_s);
+    }
+
+    void importRefusesWhatTheServiceCannotUse()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QString, message);
+        const QString config = path(u"import-refused/config.json"_s);
+        const QByteArray previous = configuration({radioEntry(u"10.0.0.1"_s, u"A-1"_s)}, 3000);
+        writeInPlace(config, previous);
+        writeInPlace(path(u"import-refused.json"_s), bytes);
+        const Run run = runVeldspar({u"--config"_s, config, u"--import"_s, path(u"import-refused.json"_s)});
+        QCOMPARE(run.status, 1);
+        QCOMPARE(run.lines().size(), 1);
+        QVERIFY2(run.lines().first().startsWith(message), qPrintable(run.output));
+        QCOMPARE(readFile(config), previous);
+        QVERIFY(backupsBeside(config).isEmpty());
+    }
+
+    void importAcceptsTheIntervalLimitsAndNoInterval_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::newRow("250") << QByteArray(R"({"broadcastIntervalMs": 250, "radios": []})");
+        QTest::newRow("60000") << QByteArray(R"({"broadcastIntervalMs": 60000, "radios": []})");
+        QTest::newRow("none, placeholder serial, disabled")
+            << QByteArray(R"({"radios": [{"ipAddress": "radio.example:4992", "serialNumber": "0000-0000-0000-0000", "enabled": "no"}]})");
+    }
+
+    void importAcceptsTheIntervalLimitsAndNoInterval()
+    {
+        QFETCH(QByteArray, bytes);
+        const QString config = path(u"import-limits/config.json"_s);
+        writeInPlace(path(u"import-limits.json"_s), bytes);
+        const Run run = runVeldspar({u"--config"_s, config, u"--import"_s, path(u"import-limits.json"_s)});
+        QCOMPARE(run.status, 0);
+        QCOMPARE(readFile(config), bytes);
+    }
+
+    void importOfAMissingFileSaysSo()
+    {
+        const QString config = path(u"import-missing/config.json"_s);
+        writeInPlace(config, "{\"radios\": []}");
+        const Run run = runVeldspar({u"--config"_s, config, u"--import"_s, path(u"no-such-file.json"_s)});
+        QCOMPARE(run.status, 1);
+        QCOMPARE(run.lastLine(), u"Cannot read %1: No such file or directory."_s.arg(path(u"no-such-file.json"_s)));
+        QCOMPARE(readFile(config), QByteArray("{\"radios\": []}"));
+    }
+
+    void importKeepsTheNewestTwentyBackups()
+    {
+        const QString config = path(u"import-rotation/config.json"_s);
+        const QString file = path(u"import-rotation.json"_s);
+        const auto version = [](int n) { return configuration({radioEntry(u"10.0.0.%1"_s.arg(n), u"S-%1"_s.arg(n))}, 3000); };
+        // 22 imports: the first has nothing to back up, the other 21 each back up the one before.
+        for (int n = 1; n <= 22; ++n) {
+            writeInPlace(file, version(n));
+            const Run run = runVeldspar({u"--config"_s, config, u"--import"_s, file});
+            QCOMPARE(run.status, 0);
+            QCOMPARE(backupsBeside(config).size(), std::min(n - 1, 20));
+        }
+        QCOMPARE(readFile(config), version(22));
+        const QStringList backups = backupsBeside(config);
+        // The oldest backup (version 1) is gone; versions 2 to 21 remain, oldest name first.
+        for (int i = 0; i < backups.size(); ++i)
+            QCOMPARE(readFile(QFileInfo(config).path() + u"/backups/"_s + backups.at(i)), version(i + 2));
+    }
+
+    void importIntoAReadOnlyFolderFailsAndChangesNothing()
+    {
+        const QString folder = path(u"import-readonly"_s);
+        const QString config = folder + u"/config.json"_s;
+        const QByteArray previous = configuration({radioEntry(u"10.0.0.1"_s, u"A-1"_s)}, 3000);
+        writeInPlace(config, previous);
+        writeInPlace(path(u"import-readonly.json"_s), configuration({}, 3000));
+        QVERIFY(QFile::setPermissions(folder, QFile::ReadOwner | QFile::ExeOwner | QFile::ReadGroup | QFile::ExeGroup));
+        const Run refused = runVeldspar({u"--config"_s, config, u"--import"_s, path(u"import-readonly.json"_s)}, 30000,
+                                        withoutRootPowers);
+        QCOMPARE(refused.status, 1);
+        QCOMPARE(refused.lines().size(), 1);
+        QVERIFY2(refused.lastLine().contains(u"Cannot back up the current configuration"_s), qPrintable(refused.output));
+        QCOMPARE(readFile(config), previous);
+
+        // With a writable backups folder the backup is made, but the file still cannot be replaced.
+        QVERIFY(QFile::setPermissions(folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        QVERIFY(QDir(folder).mkdir(u"backups"_s));
+        QVERIFY(QFile::setPermissions(folder, QFile::ReadOwner | QFile::ExeOwner));
+        const Run failed = runVeldspar({u"--config"_s, config, u"--import"_s, path(u"import-readonly.json"_s)}, 30000,
+                                       withoutRootPowers);
+        QVERIFY(QFile::setPermissions(folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        QCOMPARE(failed.status, 1);
+        QCOMPARE(failed.lastLine(), u"Cannot write %1: Permission denied."_s.arg(config));
+        QCOMPARE(readFile(config), previous);
+        QCOMPARE(QDir(folder).entryList(QDir::Files | QDir::Hidden), QStringList{u"config.json"_s});
+    }
+
+    // ---- the service ----
+
+    void beaconsDescribeTheRadioAndGoToEveryDestination()
+    {
+        RadioSim radio({u"--serial"_s, u"1121-1104-6700-2912"_s, u"--model"_s, u"FLEX-6600"_s, u"--name"_s,
+                        u"Remote Shack"_s, u"--callsign"_s, u"W1AW"_s, u"--version"_s, u"3.3.32.8203"_s});
+        // Known by a host name, and configured with a placeholder serial and an old name.
+        RadioSim named({u"--serial"_s, u"0421-1300-8600-1234"_s, u"--name"_s, u"Attic"_s, u"--model"_s, u"FLEX-8600"_s});
+        QVERIFY(radio.listening() && named.listening());
+        const QString config = path(u"beacons/config.json"_s);
+        QJsonObject second = radioEntry(u"localhost:"_s + QString::number(named.port()), placeholderSerial);
+        second.insert(u"name"_s, u"OldName"_s);
+        writeInPlace(config, configuration({radioEntry(radio.address(), u"1121-1104-6700-2912"_s), second}, 300));
+
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener first(clock);
+        BeaconListener other(clock);
+        RunningService service(config, {first.destination(), other.destination()});
+        QTRY_VERIFY_WITH_TIMEOUT(first.from(u"1121-1104-6700-2912"_s).size() >= 3, 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(first.from(u"0421-1300-8600-1234"_s).size() >= 3, 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(other.from(u"1121-1104-6700-2912"_s).size() >= 3, 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(other.from(u"0421-1300-8600-1234"_s).size() >= 3, 5000);
+
+        const QByteArray datagram = first.datagrams().first();
+        const Beacon beacon = first.from(u"1121-1104-6700-2912"_s).first().beacon;
+        QCOMPARE(beacon.packetType, 3u);    // extension data with stream id
+        QVERIFY(beacon.classIdPresent);
+        QVERIFY(!beacon.trailerPresent);
+        QCOMPARE(beacon.tsi, 1u);           // UTC, as radios send it
+        QVERIFY(beacon.tsf != 0);           // so words 5 and 6 are the fractional timestamp
+        QCOMPARE(beacon.datagramSize % 4, 0);
+        QCOMPARE(qsizetype(beacon.sizeWords) * 4, beacon.datagramSize);
+        QCOMPARE(datagram.size() % 4, 0);
+        QCOMPARE(beacon.streamId, 0x800u);
+        QCOMPARE(beacon.oui, 0x1C2Du);
+        QCOMPARE(beacon.informationClass, 0x534Cu);
+        QCOMPARE(beacon.packetClass, 0xFFFFu);
+        QVERIFY(qAbs(qint64(beacon.integerTimestamp) - QDateTime::currentSecsSinceEpoch()) <= 5);
+        QCOMPARE(beacon.fractionalTimestamp, 0u);
+        QVERIFY(beacon.padding.size() < 4);
+        QCOMPARE(beacon.padding, QByteArray(beacon.padding.size(), '\0'));
+        QVERIFY(!beacon.payload.contains(" Shack")); // the space inside a value is 0x7F
+        QVERIFY(beacon.payload.contains("nickname=Remote\x7fShack"));
+        QCOMPARE(beacon.keys().mid(0, 9), QStringList({u"discovery_protocol_version"_s, u"model"_s, u"serial"_s,
+                                                       u"version"_s, u"nickname"_s, u"callsign"_s, u"ip"_s, u"port"_s,
+                                                       u"status"_s}));
+        QCOMPARE(beacon.value(u"discovery_protocol_version"_s), u"3.0.0.2"_s);
+        QCOMPARE(beacon.value(u"model"_s), u"FLEX-6600"_s);
+        QCOMPARE(beacon.value(u"version"_s), u"3.3.32.8203"_s);
+        QCOMPARE(beacon.value(u"nickname"_s), u"Remote Shack"_s);
+        QCOMPARE(beacon.value(u"callsign"_s), u"W1AW"_s);
+        QCOMPARE(beacon.value(u"ip"_s), u"127.0.0.1"_s);
+        QCOMPARE(beacon.value(u"port"_s), QString::number(radio.port()));
+        QCOMPARE(beacon.value(u"status"_s), u"Available"_s);
+
+        // The radio known by name: its real address, the serial and name it reports.
+        const Beacon byName = first.from(u"0421-1300-8600-1234"_s).first().beacon;
+        QCOMPARE(byName.value(u"ip"_s), u"127.0.0.1"_s);
+        QCOMPARE(byName.value(u"port"_s), QString::number(named.port()));
+        QCOMPARE(byName.value(u"nickname"_s), u"Attic"_s);
+        QCOMPARE(byName.value(u"model"_s), u"FLEX-8600"_s);
+
+        // Both destinations got the same beacons; the log has events, not a line per beacon.
+        const QStringList log = service.log().split(u'\n', Qt::SkipEmptyParts);
+        QVERIFY2(log.size() <= 6, qPrintable(service.log()));
+        QVERIFY(service.log().contains(u"Radio Remote Shack at %1 answers"_s.arg(radio.address())));
+        QTest::qWait(700);
+        QCOMPARE(service.log().split(u'\n', Qt::SkipEmptyParts), log);
+    }
+
+    void beaconsKeepTheIntervalAndCountPackets()
+    {
+        RadioSim radio({u"--serial"_s, u"I-1"_s});
+        QVERIFY(radio.listening());
+        const QString config = path(u"interval/config.json"_s);
+        writeInPlace(config, configuration({radioEntry(radio.address(), u"I-1"_s)}, 250));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+        QTRY_VERIFY_WITH_TIMEOUT(listener.from(u"I-1"_s).size() >= 19, 10000);
+        const QList<Received> beacons = listener.from(u"I-1"_s);
+        for (qsizetype i = 1; i < beacons.size(); ++i) {
+            const qint64 gap = beacons.at(i).atMs - beacons.at(i - 1).atMs;
+            QVERIFY2(gap >= 225 && gap <= 275, qPrintable(u"gap %1: %2 ms"_s.arg(i).arg(gap)));
+            QCOMPARE(beacons.at(i).beacon.packetCount, (beacons.at(i - 1).beacon.packetCount + 1) % 16);
+        }
+    }
+
+    void disabledRadiosAreNeverAnnounced()
+    {
+        RadioSim enabled({u"--serial"_s, u"E-1"_s});
+        RadioSim disabled({u"--serial"_s, u"D-1"_s});
+        RadioSim notQuite({u"--serial"_s, u"D-2"_s});
+        QVERIFY(enabled.listening() && disabled.listening() && notQuite.listening());
+        const QString config = path(u"disabled/config.json"_s);
+        writeInPlace(config, configuration({radioEntry(enabled.address(), u"E-1"_s),
+                                            radioEntry(disabled.address(), u"D-1"_s, false),
+                                            radioEntry(notQuite.address(), u"D-2"_s, u"true"_s)},
+                                           250));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+        QTRY_VERIFY_WITH_TIMEOUT(listener.from(u"E-1"_s).size() >= 6, 5000);
+        QCOMPARE(listener.all().size(), listener.from(u"E-1"_s).size());
+        QVERIFY(enabled.connections() >= 2); // checked again and again
+        QCOMPARE(disabled.connections(), 0);
+        QCOMPARE(notQuite.connections(), 0);
+    }
+
+    void radiosThatDoNotAnswerAreNotAnnounced()
+    {
+        RadioSim answering({u"--serial"_s, u"U-1"_s});
+        RadioSim silent({u"--serial"_s, u"U-2"_s, u"--fault"_s, u"silent"_s});
+        QVERIFY(answering.listening() && silent.listening());
+        const QString refusing = u"127.0.0.1:"_s + QString::number(closedPort());
+        const QString config = path(u"unreachable/config.json"_s);
+        writeInPlace(config, configuration({radioEntry(answering.address(), u"U-1"_s), radioEntry(silent.address(), u"U-2"_s),
+                                            radioEntry(refusing, u"U-3"_s)},
+                                           250));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+        QTRY_VERIFY_WITH_TIMEOUT(listener.from(u"U-1"_s).size() >= 3, 5000);
+
+        // The radio goes away: its beacons stop at its next check.
+        answering.stop();
+        const qint64 gone = clock.elapsed();
+        QTest::qWait(checkPeriodMs + 1200);
+        const QList<Received> after = listener.from(u"U-1"_s, gone);
+        QVERIFY2(after.isEmpty() || after.last().atMs <= gone + checkPeriodMs + 100,
+                 qPrintable(u"last beacon %1 ms after the radio went"_s.arg(after.isEmpty() ? 0 : after.last().atMs - gone)));
+        QVERIFY(listener.from(u"U-2"_s).isEmpty());
+        QVERIFY(listener.from(u"U-3"_s).isEmpty());
+        QVERIFY2(service.log().contains(u"at %1: it stopped answering (connection refused); no longer announced."_s.arg(
+                     answering.address())),
+                 qPrintable(service.log()));
+        QVERIFY(service.log().contains(u"The radio at %1 does not answer (no answer to \"info\")"_s.arg(silent.address())));
+        QVERIFY(service.log().contains(u"The radio at %1 does not answer (connection refused)"_s.arg(refusing)));
+    }
+
+    void configurationChangesArePickedUpWithinOneSecond()
+    {
+        RadioSim a({u"--serial"_s, u"C-A"_s});
+        RadioSim b({u"--serial"_s, u"C-B"_s});
+        QVERIFY(a.listening() && b.listening());
+        const QString config = path(u"changes/config.json"_s);
+        writeInPlace(config, configuration({radioEntry(a.address(), u"C-A"_s), radioEntry(b.address(), u"C-B"_s, false)}, 250));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+        QTRY_VERIFY_WITH_TIMEOUT(listener.from(u"C-A"_s).size() >= 2, 5000);
+        QVERIFY(listener.from(u"C-B"_s).isEmpty());
+
+        // Replaced by a rename, as the import mode does: B on, A off.
+        const qint64 renamed = clock.elapsed();
+        replaceByRename(config, configuration({radioEntry(a.address(), u"C-A"_s, false), radioEntry(b.address(), u"C-B"_s)}, 250));
+        QTRY_VERIFY_WITH_TIMEOUT(!listener.from(u"C-B"_s).isEmpty(), 3000);
+        QVERIFY2(listener.from(u"C-B"_s).first().atMs - renamed <= 1000,
+                 qPrintable(u"%1 ms"_s.arg(listener.from(u"C-B"_s).first().atMs - renamed)));
+        QTest::qWait(1200);
+        QVERIFY(listener.from(u"C-A"_s, renamed + 1000).isEmpty());
+
+        // Written in place: A on again, every 500 ms.
+        const qint64 written = clock.elapsed();
+        writeInPlace(config, configuration({radioEntry(a.address(), u"C-A"_s), radioEntry(b.address(), u"C-B"_s)}, 500));
+        QTRY_VERIFY_WITH_TIMEOUT(!listener.from(u"C-A"_s, written).isEmpty(), 3000);
+        QVERIFY(listener.from(u"C-A"_s, written).first().atMs - written <= 1000);
+        QTRY_VERIFY_WITH_TIMEOUT(listener.from(u"C-B"_s, written + 1000).size() >= 3, 5000);
+        const QList<Received> slower = listener.from(u"C-B"_s, written + 1000);
+        for (qsizetype i = 1; i < slower.size(); ++i)
+            QVERIFY(qAbs(slower.at(i).atMs - slower.at(i - 1).atMs - 500) <= 50);
+    }
+
+    void aBrokenConfigurationKeepsTheLastGoodOne()
+    {
+        RadioSim radio({u"--serial"_s, u"K-1"_s});
+        QVERIFY(radio.listening());
+        const QString config = path(u"broken/config.json"_s);
+        writeInPlace(config, configuration({radioEntry(radio.address(), u"K-1"_s)}, 250));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+        QTRY_VERIFY_WITH_TIMEOUT(listener.from(u"K-1"_s).size() >= 2, 5000);
+
+        const qint64 broken = clock.elapsed();
+        writeInPlace(config, "{\"radios\": [");
+        QTRY_VERIFY_WITH_TIMEOUT(service.log().contains(u"Keeping the previous configuration"_s), 1000);
+        QVERIFY(service.log().contains(u"The configuration is not valid JSON"_s));
+        replaceByRename(config, R"({"radios": [{"serialNumber": "K-1", "enabled": true}]})");
+        QTRY_VERIFY_WITH_TIMEOUT(service.log().contains(u"Radio 1 has no IP address."_s), 1000);
+        QTest::qWait(1000);
+        // Still announced, at its interval, all along.
+        const QList<Received> since = listener.from(u"K-1"_s, broken - 250);
+        QVERIFY(since.size() >= 5);
+        QVERIFY(since.first().atMs <= broken);
+        QVERIFY(since.last().atMs >= clock.elapsed() - 275);
+        for (qsizetype i = 1; i < since.size(); ++i)
+            QVERIFY(since.at(i).atMs - since.at(i - 1).atMs <= 275);
+    }
+
+    void aMissingConfigurationIsAwaited()
+    {
+        RadioSim radio({u"--serial"_s, u"M-1"_s});
+        QVERIFY(radio.listening());
+        const QString config = path(u"missing/not-yet/config.json"_s);
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+        QTRY_VERIFY_WITH_TIMEOUT(service.log().contains(u"No configuration at %1 yet"_s.arg(config)), 2000);
+        replaceByRename(config, configuration({radioEntry(radio.address(), u"M-1"_s)}, 250));
+        const qint64 created = clock.elapsed();
+        QTRY_VERIFY_WITH_TIMEOUT(!listener.from(u"M-1"_s).isEmpty(), 3000);
+        QVERIFY(listener.from(u"M-1"_s).first().atMs - created <= 1000);
+    }
+
+    void stopSignalsEndTheServiceWithinOneSecond_data()
+    {
+        QTest::addColumn<int>("signal");
+        QTest::newRow("SIGTERM") << SIGTERM;
+        QTest::newRow("SIGINT") << SIGINT;
+    }
+
+    void stopSignalsEndTheServiceWithinOneSecond()
+    {
+        QFETCH(int, signal);
+        RadioSim radio({u"--serial"_s, u"T-1"_s});
+        QVERIFY(radio.listening());
+        const QString config = path(u"signals/config.json"_s);
+        writeInPlace(config, configuration({radioEntry(radio.address(), u"T-1"_s)}, 250));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+        QTRY_VERIFY_WITH_TIMEOUT(!listener.from(u"T-1"_s).isEmpty(), 5000);
+        QElapsedTimer stopping;
+        stopping.start();
+        QCOMPARE(::kill(pid_t(service.process().processId()), signal), 0);
+        QVERIFY(service.process().waitForFinished(1000));
+        QVERIFY(stopping.elapsed() < 1000);
+        QCOMPARE(service.process().exitStatus(), QProcess::NormalExit);
+        QCOMPARE(service.process().exitCode(), 0);
+        QVERIFY(service.log().contains(signal == SIGTERM ? u"Stopping (SIGTERM)."_s : u"Stopping (SIGINT)."_s));
+    }
+
+    // ---- with the application ----
+
+    void aRadioAddedInTheAppIsSavedAndAnnounced()
+    {
+        RadioSim radio({u"--serial"_s, u"1121-1104-6700-2912"_s, u"--name"_s, u"RemoteShack"_s, u"--model"_s,
+                        u"FLEX-6600"_s, u"--callsign"_s, u"W1AW"_s, u"--version"_s, u"3.3.32.8203"_s});
+        QVERIFY(radio.listening());
+        TestWorld world;
+        world.useServiceExecutable(serviceProgram);
+        const QByteArray before = configWith({});
+        world.writeConfig(before);
+        {
+            RunningApp app(world);
+            DialogAnswerer answers;
+            answers.willPress(u"OK"_s, radio.address());
+            app.click(app.button(u"Add Radio\u2026"_s));
+            QVERIFY(app.waitUntilIdle(30000));
+            QCOMPARE(answers.shown().size(), 1); // the question only: no error
+            QCOMPARE(app.statusText(), u"Saved. Previous configuration backed up; running service reloads automatically."_s);
+            QCOMPARE(app.rowCount(), 1);
+        }
+        const QJsonObject written = parseObject(world.readConfig());
+        const QJsonObject expected{{u"ipAddress"_s, radio.address()}, {u"serialNumber"_s, u"1121-1104-6700-2912"_s},
+                                   {u"name"_s, u"RemoteShack"_s},      {u"model"_s, u"FLEX-6600"_s},
+                                   {u"callsign"_s, u"W1AW"_s},         {u"version"_s, u"3.3.32.8203"_s},
+                                   {u"enabled"_s, true}};
+        QCOMPARE(written.value(u"radios"_s).toArray(), QJsonArray({expected}));
+        const QStringList backups = backupsBeside(world.configPath());
+        QCOMPARE(backups.size(), 1);
+        QCOMPARE(readFile(QFileInfo(world.configPath()).path() + u"/backups/"_s + backups.first()), before);
+
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(world.configPath(), {listener.destination()});
+        QTRY_VERIFY_WITH_TIMEOUT(!listener.from(u"1121-1104-6700-2912"_s).isEmpty(), 5000);
+        const Beacon beacon = listener.from(u"1121-1104-6700-2912"_s).first().beacon;
+        QCOMPARE(beacon.value(u"nickname"_s), u"RemoteShack"_s);
+        QCOMPARE(beacon.value(u"ip"_s), u"127.0.0.1"_s);
+        QCOMPARE(beacon.value(u"port"_s), QString::number(radio.port()));
+    }
+
+    // ---- the two probes started first ----
+
+    void discoveryGivesUpOnAnUnreachableAddressAfterFiveSeconds()
+    {
+        const Run run = m_unreachableProbe.result();
+        QCOMPARE(run.status, 1);
+        QVERIFY2(run.elapsedMs >= 4800 && run.elapsedMs < 7000, qPrintable(QString::number(run.elapsedMs)));
+        const QString address = u"127.0.0.1:"_s + QString::number(m_fullListener->port());
+        QCOMPARE(run.lastLine(), u"Cannot reach %1: no answer to the connection within 5 seconds. Check that the VPN to "
+                                 u"the radio's network is connected and that the address is right."_s.arg(address));
+    }
+
+    void discoveryGivesUpOnASilentRadioAfterFifteenSeconds()
+    {
+        const Run run = m_silentProbe.result();
+        QCOMPARE(run.status, 1);
+        QVERIFY2(run.elapsedMs >= 14800 && run.elapsedMs < 17000, qPrintable(QString::number(run.elapsedMs)));
+        QVERIFY2(run.lastLine().startsWith(
+                     u"%1 accepted the connection but did not send the radio's details within 15 seconds."_s.arg(
+                         m_silentRadio->address())),
+                 qPrintable(run.output));
+    }
+};
+
+QTEST_MAIN(DaemonTest)
+#include "tst_daemon.moc"
