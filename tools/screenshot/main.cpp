@@ -1,14 +1,16 @@
 // Opens the real application, waits until its window is on screen, saves the window's pixels
 // as a PNG and quits. Used under Xvfb by "make screenshot".
 //
-//   screenshot BUNDLE OUTPUT.png [--wait MS] [--add-radio ADDRESS]
+//   screenshot BUNDLE OUTPUT.png [--wait MS] [--add-radio ADDRESS] [--systemctl PATH]
 //
 // With --add-radio it goes the user's way through "Add Radio…": it saves the question as
 // OUTPUT-dialog.png, types the address, presses OK, saves any message that follows as
-// OUTPUT-message.png, and saves the window once the app is idle again.
+// OUTPUT-message.png, and saves the window once the app is idle again. --systemctl points the
+// status monitor at another systemctl (a scripted one, to show a state on demand).
 
 #include "app/AppDelegate.h"
 #include "platform/Bundle.h"
+#include "platform/SystemTools.h"
 
 #include <QAbstractButton>
 #include <QApplication>
@@ -95,7 +97,7 @@ int main(int argc, char *argv[])
     QApplication application(argc, argv);
     QStringList arguments = QCoreApplication::arguments().mid(1);
     if (arguments.size() < 2) {
-        std::fprintf(stderr, "usage: screenshot BUNDLE OUTPUT.png [--wait MS] [--add-radio ADDRESS]\n");
+        std::fprintf(stderr, "usage: screenshot BUNDLE OUTPUT.png [--wait MS] [--add-radio ADDRESS] [--systemctl PATH]\n");
         return 2;
     }
     // The tool lives outside the bundle, so it points the app at the bundle's resources.
@@ -110,6 +112,8 @@ int main(int argc, char *argv[])
             waitMs = value.toInt();
         else if (option == QStringLiteral("--add-radio"))
             address = value;
+        else if (option == QStringLiteral("--systemctl"))
+            setSystemctlProgramForTesting(value);
     }
 
     AppDelegate delegate;
