@@ -305,6 +305,18 @@ private Q_SLOTS:
         QVERIFY2(after <= 6, qPrintable(QString::number(after)));
     }
 
+    void noTickOutlivesTheController()
+    {
+        TestWorld world;
+        {
+            RunningApp app(world);
+            QVERIFY(waitForStatus(app));
+        }
+        const qsizetype calls = world.systemctlCalls().size();
+        QTest::qWait(3500); // longer than a tick
+        QCOMPARE(world.systemctlCalls().size(), calls);
+    }
+
     // Service actions.
 
     void enablingRunsTheScriptAndReportsIt()
@@ -493,6 +505,8 @@ private Q_SLOTS:
         QString question;
         QString detail;
         QStringList buttons;
+        bool windowShown = false;
+        RunningApp *started = nullptr;
         QTimer answerer;
         answerer.setInterval(10);
         connect(&answerer, &QTimer::timeout, [&] {
@@ -501,6 +515,7 @@ private Q_SLOTS:
                 return;
             question = box->text();
             detail = box->informativeText();
+            windowShown = started && started->window()->isVisible();
             for (QAbstractButton *button : box->buttons())
                 buttons << button->text();
             QVERIFY(box->defaultButton());
@@ -509,6 +524,7 @@ private Q_SLOTS:
         });
         answerer.start();
         RunningApp app(world);
+        started = &app;
         // The question waits for the window to be on screen.
         QVERIFY(question.isEmpty());
         QTest::qWait(300);
@@ -519,6 +535,7 @@ private Q_SLOTS:
             return;
         }
         QCOMPARE(question, u"Update the background service?"_s);
+        QVERIFY(windowShown);
         QCOMPARE(detail, u"The app contains a newer service. Updating restarts discovery briefly and keeps your radio "
                          "configuration."_s);
         QCOMPARE(buttons, QStringList({u"Update Service"_s, u"Later"_s}));
