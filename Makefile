@@ -48,5 +48,16 @@ bench: deps
 	@cmake --build build-bench -j $(JOBS)
 	@bench/run build-bench
 
+# Packs the bundle into build/dist/Veldspar-<version>.tar.xz and prints its feed item, signed
+# with the release key that `veldspar-release generate-keys` keeps outside the repository.
+.PHONY: dist
+dist: build
+	@version=$$($(BUILD_DIR)/veldspar-release bundle-version $(BUNDLE)) && \
+	  archive=$(BUILD_DIR)/dist/Veldspar-$$version.tar.xz && \
+	  mkdir -p $(BUILD_DIR)/dist && rm -f $$archive && \
+	  $(BUILD_DIR)/veldspar-release archive $(BUNDLE) $$archive >/dev/null && \
+	  echo "Built $$archive" && \
+	  $(BUILD_DIR)/veldspar-release appcast-item $$archive --bundle $(BUNDLE)
+
 clean:
 	@rm -rf $(BUILD_DIR) $(ASAN_DIR) build-bench

@@ -1,0 +1,1726 @@
+// The update engine and the release tool, end to end against an HTTP server on 127.0.0.1
+// that each test starts for itself. Bundles live in temporary folders; HOME is temporary too.
+
+#include "Privileges.h"
+
+#include "tools/veldspar-release/ArchiveWriter.h"
+#include "updates/Appcast.h"
+#include "updates/Archive.h"
+#include "updates/BundleInfo.h"
+#include "updates/BundleSwap.h"
+#include "updates/Eligibility.h"
+#include "updates/PropertyList.h"
+#include "updates/Relaunch.h"
+#include "updates/Signature.h"
+#include "updates/StagedUpdate.h"
+#include "updates/UpdateErrors.h"
+#include "updates/UpdateTexts.h"
+#include "updates/Updater.h"
+#include "updates/UpdaterDelegate.h"
+#include "updates/UserDriver.h"
+#include "updates/UserSettings.h"
+#include "updates/VersionComparator.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QPointer>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QSettings>
+#include <QSignalSpy>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <sys/stat.h>
+
+namespace {
+const QString bundleIdentifier = QStringLiteral("org.kestrum.Veldspar.configure");
+const QString gateText = QStringLiteral("Wait for the current service or configuration operation to finish.");
+
+// ---------------------------------------------------------------------------------------
+// A small HTTP/1.1 server: one response per connection, then the connection is closed.
+
+struct Route
+{
+    int status = 200;
+    QByteArray body;
+    QByteArray contentType = "application/octet-stream";
+    qint64 cutAfter = -1;     // close the connection after this many body bytes
+    qint64 stallAfter = -1;   // send this many body bytes, then nothing more until released
+    bool hold = false;        // answer only when released
+    QByteArray location;      // for redirects
+};
+
+class TestHttpServer : public QObject
+{
+public:
+    TestHttpServer()
+    {
+        QVERIFY(m_server.listen(QHostAddress::LocalHost, 0));
+        connect(&m_server, &QTcpServer::newConnection, this, [this] {
+            while (QTcpSocket *socket = m_server.nextPendingConnection()) {
+                socket->setParent(this);
+                connect(socket, &QTcpSocket::readyRead, this, [this, socket] { read(socket); });
+            }
+        });
+    }
+
+    QString url(const QString &path) const
+    {
+        return QStringLiteral("http://127.0.0.1:%1%2").arg(m_server.serverPort()).arg(path);
+    }
+
+    void serve(const QString &path, const Route &route) { m_routes.insert(path, route); }
+    void serve(const QString &path, const QByteArray &body, const QByteArray &contentType = "application/octet-stream")
+    {
+        Route route;
+        route.body = body;
+        route.contentType = contentType;
+        m_routes.insert(path, route);
+    }
+
+    // Every request's path, in order.
+    const QStringList &requests() const { return m_requests; }
+    int requestsFor(const QString &path) const { return int(m_requests.count(path)); }
+
+    void release()
+    {
+        const auto held = m_held;
+        m_held.clear();
+        for (const auto &[socket, path] : held)
+            if (socket)
+                respond(socket, path, false);
+        for (const QPointer<QTcpSocket> &socket : std::as_const(m_stalled))
+            if (socket)
+                socket->abort();
+        m_stalled.clear();
+    }
+
+private:
+    void read(QTcpSocket *socket)
+    {
+        QByteArray &buffer = m_buffers[socket];
+        buffer += socket->readAll();
+        const qsizetype end = buffer.indexOf("\r\n\r\n");
+        if (end < 0)
+            return;
+        const QList<QByteArray> requestLine = buffer.left(buffer.indexOf("\r\n")).split(' ');
+        m_buffers.remove(socket);
+        const QString path = requestLine.size() >= 2 ? QString::fromLatin1(requestLine.at(1)) : QString();
+        m_requests << path;
+        respond(socket, path, true);
+    }
+
+    void respond(QTcpSocket *socket, const QString &path, bool mayHold)
+    {
+        const auto found = m_routes.constFind(path);
+        if (found == m_routes.constEnd()) {
+            socket->write("HTTP/1.1 404 Not Found\r\nContent-Length: 9\r\nConnection: close\r\n\r\nnot found");
+            socket->disconnectFromHost();
+            return;
+        }
+        const Route &route = *found;
+        if (route.hold && mayHold) {
+            m_held.append({QPointer<QTcpSocket>(socket), path});
+            return;
+        }
+        QByteArray head = "HTTP/1.1 " + QByteArray::number(route.status)
+            + (route.status == 200 ? " OK" : route.status == 302 ? " Found" : " Error") + "\r\n";
+        head += "Content-Type: " + route.contentType + "\r\n";
+        head += "Content-Length: " + QByteArray::number(route.body.size()) + "\r\n";
+        if (!route.location.isEmpty())
+            head += "Location: " + route.location + "\r\n";
+        head += "Connection: close\r\n\r\n";
+        socket->write(head);
+        if (route.stallAfter >= 0) {
+            socket->write(route.body.left(route.stallAfter));
+            m_stalled.append(socket);
+            return;
+        }
+        socket->write(route.cutAfter >= 0 ? route.body.left(route.cutAfter) : route.body);
+        socket->disconnectFromHost();
+    }
+
+    QTcpServer m_server;
+    QHash<QString, Route> m_routes;
+    QHash<QTcpSocket *, QByteArray> m_buffers;
+    QList<std::pair<QPointer<QTcpSocket>, QString>> m_held;
+    QList<QPointer<QTcpSocket>> m_stalled;
+    QStringList m_requests;
+};
+
+// ---------------------------------------------------------------------------------------
+// Bundles, archives and feeds.
+
+struct BundleRecipe
+{
+    QString version = QStringLiteral("1.0");
+    QString shortVersion; // empty: the version
+    QString identifier = bundleIdentifier;
+    QString feedUrl;
+    std::optional<QString> publicKey;
+    std::optional<bool> automaticChecks;
+    std::optional<qint64> interval;
+    QByteArray extraFile; // a payload that makes the archive as large as a test needs
+};
+
+// Bytes that no compressor can shrink, so that an archive is as large as its payload.
+QByteArray randomBytes(qsizetype size)
+{
+    QByteArray bytes(size, Qt::Uninitialized);
+    QRandomGenerator::global()->fillRange(reinterpret_cast<quint32 *>(bytes.data()), size / 4);
+    return bytes;
+}
+
+QByteArray plist(const BundleRecipe &recipe)
+{
+    QByteArray xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                     "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+                     "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+                     "<plist version=\"1.0\">\n<dict>\n";
+    auto entry = [&](const char *key, const QString &value) {
+        xml += "    <key>" + QByteArray(key) + "</key>\n    <string>" + value.toHtmlEscaped().toUtf8() + "</string>\n";
+    };
+    entry("CFBundleName", QStringLiteral("Veldspar"));
+    entry("CFBundleExecutable", QStringLiteral("Veldspar"));
+    entry("CFBundleIdentifier", recipe.identifier);
+    entry("CFBundleShortVersionString", recipe.shortVersion.isEmpty() ? recipe.version : recipe.shortVersion);
+    entry("CFBundleVersion", recipe.version);
+    if (!recipe.feedUrl.isEmpty())
+        entry("SUFeedURL", recipe.feedUrl);
+    if (recipe.publicKey)
+        entry("SUPublicEDKey", *recipe.publicKey);
+    if (recipe.automaticChecks)
+        xml += QByteArray("    <key>SUEnableAutomaticChecks</key>\n    <") + (*recipe.automaticChecks ? "true" : "false") + "/>\n";
+    if (recipe.interval)
+        xml += "    <key>SUScheduledCheckInterval</key>\n    <integer>" + QByteArray::number(*recipe.interval) + "</integer>\n";
+    xml += "</dict>\n</plist>\n";
+    return xml;
+}
+
+void put(const QString &path, const QByteArray &bytes, QFile::Permissions permissions = {})
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    QVERIFY2(file.open(QIODevice::WriteOnly | QIODevice::Truncate), qPrintable(path));
+    QCOMPARE(file.write(bytes), bytes.size());
+    file.close();
+    if (permissions)
+        QVERIFY(file.setPermissions(permissions));
+}
+
+QByteArray get(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void writeBundle(const QString &bundle, const BundleRecipe &recipe)
+{
+    const auto executable = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup | QFile::ExeGroup
+        | QFile::ReadOther | QFile::ExeOther;
+    put(bundle + QStringLiteral("/Veldspar"), "#!/bin/sh\necho Veldspar " + recipe.version.toUtf8() + "\n", executable);
+    put(bundle + QStringLiteral("/Resources/Info.plist"), plist(recipe));
+    put(bundle + QStringLiteral("/Resources/Veldspar"), "#!/bin/sh\necho service " + recipe.version.toUtf8() + "\n", executable);
+    if (!recipe.extraFile.isEmpty())
+        put(bundle + QStringLiteral("/Resources/payload.bin"), recipe.extraFile);
+}
+
+// Every file, folder and link under root with its kind, permissions and contents.
+QMap<QString, QByteArray> snapshot(const QString &root)
+{
+    QMap<QString, QByteArray> result;
+    QDirIterator it(root, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        const QFileInfo info(path);
+        struct stat status{};
+        lstat(QFile::encodeName(path).constData(), &status);
+        const QByteArray mode = QByteArray::number(status.st_mode & 07777, 8);
+        const QString relative = QDir(root).relativeFilePath(path);
+        if (info.isSymLink())
+            result.insert(relative, "link " + QFile::encodeName(info.symLinkTarget()));
+        else if (info.isDir())
+            result.insert(relative, "folder " + mode);
+        else
+            result.insert(relative, "file " + mode + ' ' + get(path));
+    }
+    return result;
+}
+
+QString feedItem(const QString &version, const QString &url, qint64 length, const QString &signature,
+                 const QString &extra = QString(), const QString &os = QStringLiteral("linux"))
+{
+    QString enclosure = QStringLiteral("<enclosure url=\"%1\" length=\"%2\" type=\"application/x-xz\"").arg(url.toHtmlEscaped()).arg(length);
+    if (!os.isEmpty())
+        enclosure += QStringLiteral(" sparkle:os=\"%1\"").arg(os);
+    if (!signature.isNull())
+        enclosure += QStringLiteral(" sparkle:edSignature=\"%1\"").arg(signature);
+    enclosure += QStringLiteral("/>");
+    return QStringLiteral("<item><title>Veldspar %1</title><sparkle:version>%1</sparkle:version>%2%3</item>")
+        .arg(version, enclosure, extra);
+}
+
+QByteArray feedXml(const QStringList &items)
+{
+    return QStringLiteral("<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
+                          "<rss version=\"2.0\" xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/sparkle\">\n"
+                          "<channel><title>Veldspar</title>\n%1\n</channel></rss>\n")
+        .arg(items.join(u'\n'))
+        .toUtf8();
+}
+
+// ---------------------------------------------------------------------------------------
+// The user driver and the delegate, as a user and the app would answer.
+
+class RecordingDriver : public UserDriver
+{
+public:
+    QStringList events;
+    QList<std::pair<qint64, qint64>> progress;
+    std::optional<UpdateOffer> offer;
+    std::optional<Error> error;
+    std::optional<UpToDate> upToDate;
+    std::optional<ReleaseNotes> notes;
+
+    std::optional<UpdateAnswer> offerAnswer = UpdateAnswer::Install; // none: keep the reply
+    std::optional<InstallAnswer> readyAnswer = InstallAnswer::InstallAndRelaunch;
+    bool permissionAnswer = true;
+    bool cancelDownloadAtFirstProgress = false;
+    std::function<void(UpdateAnswer)> offerReply;
+    std::function<void(InstallAnswer)> readyReply;
+    std::function<void()> cancel;
+
+    void showUpdatePermissionRequest(std::function<void(bool)> reply) override
+    {
+        events << QStringLiteral("permission");
+        reply(permissionAnswer);
+    }
+    void showUserInitiatedUpdateCheck(std::function<void()> cancelCheck) override
+    {
+        events << QStringLiteral("checking");
+        cancel = cancelCheck;
+    }
+    void showUpdateFound(const UpdateOffer &found, std::function<void(UpdateAnswer)> reply) override
+    {
+        events << QStringLiteral("found ") + found.item.versionLabel();
+        offer = found;
+        offerReply = reply;
+        if (offerAnswer)
+            reply(*offerAnswer);
+    }
+    void showReleaseNotes(const ReleaseNotes &fetched) override
+    {
+        events << QStringLiteral("notes");
+        notes = fetched;
+    }
+    void showReleaseNotesFailed(const Error &failure) override
+    {
+        events << QStringLiteral("notes failed: ") + failure.localizedDescription();
+    }
+    void showUpdateNotFound(const UpToDate &message) override
+    {
+        events << QStringLiteral("up to date");
+        upToDate = message;
+    }
+    void showUpdaterError(const Error &failure) override
+    {
+        events << QStringLiteral("error");
+        error = failure;
+    }
+    void showDownloadStarted(std::function<void()> cancelDownload) override
+    {
+        events << QStringLiteral("downloading");
+        cancel = cancelDownload;
+    }
+    void showDownloadProgress(qint64 received, qint64 expected) override
+    {
+        progress.append({received, expected});
+        if (cancelDownloadAtFirstProgress && cancel)
+            cancel();
+    }
+    void showExtractionStarted() override { events << QStringLiteral("unpacking"); }
+    void showReadyToInstall(std::function<void(InstallAnswer)> reply) override
+    {
+        events << QStringLiteral("ready");
+        readyReply = reply;
+        if (readyAnswer)
+            reply(*readyAnswer);
+    }
+    void showInstallingUpdate() override { events << QStringLiteral("installing"); }
+    void showUpdateInFocus() override { events << QStringLiteral("focus"); }
+    void dismissUpdateInstallation() override { events << QStringLiteral("dismiss"); }
+};
+
+// The app's gate: refuses updates while an operation runs and holds the relaunch until it
+// has finished, polling once a second.
+class GateDelegate : public UpdaterDelegate
+{
+public:
+    bool busy = false;
+    int proceedQuestions = 0;
+    int postponeQuestions = 0;
+    QStringList alerts;
+    std::function<void()> pendingInstall;
+    QTimer timer;
+
+    GateDelegate()
+    {
+        timer.setInterval(1000);
+        QObject::connect(&timer, &QTimer::timeout, [this] {
+            if (busy)
+                return;
+            timer.stop();
+            auto install = std::move(pendingInstall);
+            pendingInstall = nullptr;
+            if (install)
+                install();
+        });
+    }
+
+    std::optional<Error> shouldProceedWithUpdate(const AppcastItem &, CheckKind) override
+    {
+        ++proceedQuestions;
+        if (!busy)
+            return std::nullopt;
+        return Error(QStringLiteral("com.emberlane.updates"), 1, {{Error::descriptionKey, gateText}});
+    }
+
+    bool shouldPostponeRelaunch(const AppcastItem &, std::function<void()> install) override
+    {
+        ++postponeQuestions;
+        if (!busy)
+            return false;
+        pendingInstall = std::move(install);
+        timer.start();
+        alerts << gateText + QStringLiteral(" The update will continue when it is safe to restart.");
+        return true;
+    }
+};
+
+QString runTool(const QStringList &arguments, int *status = nullptr, QString *errors = nullptr)
+{
+    QProcess process;
+    process.start(QStringLiteral(VELDSPAR_RELEASE_TOOL), arguments);
+    if (!process.waitForStarted())
+        return QStringLiteral("(not started)");
+    // The test's own server may have to answer meanwhile: keep the event loop turning.
+    QDeadlineTimer deadline(60000);
+    while (process.state() != QProcess::NotRunning && !deadline.hasExpired()) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+        process.waitForFinished(20);
+    }
+    if (status)
+        *status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    if (errors)
+        *errors = QString::fromUtf8(process.readAllStandardError());
+    return QString::fromUtf8(process.readAllStandardOutput());
+}
+} // namespace
+
+class UpdatesTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    std::unique_ptr<QTemporaryDir> m_root;
+    std::unique_ptr<TestHttpServer> m_server;
+    QString m_applications; // the folder that holds the installed bundle
+    QString m_bundle;
+    Ed25519KeyPair m_keys;
+    QList<RelaunchCommand> m_relaunches;
+    QByteArray m_originalHome;
+    int m_releases = 0;
+    QString m_lastRelease; // the bundle folder of the last publish()
+
+    QString root() const { return m_root->path(); }
+
+    BundleRecipe installedRecipe() const
+    {
+        BundleRecipe recipe;
+        recipe.feedUrl = m_server->url(QStringLiteral("/appcast.xml"));
+        recipe.publicKey = QString::fromLatin1(m_keys.publicKey.toBase64());
+        return recipe;
+    }
+
+    void install(const BundleRecipe &recipe) { writeBundle(m_bundle, recipe); }
+
+    // Builds a bundle, packs it as a release is packed, and serves it; returns the archive.
+    QByteArray publish(const BundleRecipe &recipe, const QString &path, ArchiveFormat format = ArchiveFormat::TarXz)
+    {
+        const QString folder = root() + QStringLiteral("/release-%1").arg(++m_releases);
+        m_lastRelease = folder + QStringLiteral("/Veldspar.app");
+        writeBundle(m_lastRelease, recipe);
+        const QString archive = folder + QStringLiteral("/release.archive");
+        writeArchive(folderEntries(folder + QStringLiteral("/Veldspar.app")), archive, format);
+        const QByteArray bytes = get(archive);
+        m_server->serve(path, bytes);
+        return bytes;
+    }
+
+    QString signature(const QByteArray &bytes, const QByteArray &seed = QByteArray()) const
+    {
+        return QString::fromLatin1(signDetached(bytes, seed.isEmpty() ? m_keys.seed : seed).toBase64());
+    }
+
+    void serveFeed(const QStringList &items)
+    {
+        m_server->serve(QStringLiteral("/appcast.xml"), feedXml(items), "application/rss+xml");
+    }
+
+    // The 1.1 release, correctly packed, signed and listed.
+    QByteArray publishGoodUpdate()
+    {
+        BundleRecipe next = installedRecipe();
+        next.version = QStringLiteral("1.1");
+        const QByteArray archive = publish(next, QStringLiteral("/Veldspar-1.1.tar.xz"));
+        serveFeed({feedItem(QStringLiteral("1.1"), m_server->url(QStringLiteral("/Veldspar-1.1.tar.xz")), archive.size(),
+                            signature(archive))});
+        return archive;
+    }
+
+    std::unique_ptr<Updater> startedUpdater(RecordingDriver &driver, UpdaterDelegate *delegate = nullptr)
+    {
+        auto updater = std::make_unique<Updater>(&driver, delegate, nullptr, m_bundle);
+        updater->start();
+        return updater;
+    }
+
+    // Checks as a user would, answering with the driver's script, until the session ends.
+    void checkAndWait(Updater &updater)
+    {
+        QSignalSpy finished(&updater, &Updater::sessionFinished);
+        updater.checkForUpdates();
+        QTRY_VERIFY_WITH_TIMEOUT(finished.count() >= 1, 20000);
+    }
+
+    QStringList besideBundle() const
+    {
+        return QDir(m_applications).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    }
+
+    // A refused update leaves the installed bundle exactly as it was and nothing beside it.
+    void expectUntouched(const QMap<QString, QByteArray> &before)
+    {
+        QCOMPARE(snapshot(m_bundle), before);
+        QCOMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+        QVERIFY(m_relaunches.isEmpty());
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        m_originalHome = qgetenv("HOME");
+        m_keys = generateKeyPair();
+        QLocale::setDefault(QLocale::c());
+        setRelaunchForTesting([this](const RelaunchCommand &command) { m_relaunches << command; });
+    }
+
+    void cleanupTestCase()
+    {
+        setRelaunchForTesting({});
+        qputenv("HOME", m_originalHome);
+    }
+
+    void init()
+    {
+        m_root = std::make_unique<QTemporaryDir>();
+        QVERIFY(m_root->isValid());
+        QDir().mkpath(root() + QStringLiteral("/home"));
+        qputenv("HOME", QFile::encodeName(root() + QStringLiteral("/home")));
+        m_applications = root() + QStringLiteral("/Applications");
+        m_bundle = m_applications + QStringLiteral("/Veldspar.app");
+        m_server = std::make_unique<TestHttpServer>();
+        m_relaunches.clear();
+    }
+
+    void cleanup()
+    {
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        QCoreApplication::processEvents();
+        m_server.reset();
+        QFile::setPermissions(m_applications, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        m_root.reset();
+    }
+
+    // -----------------------------------------------------------------------------------
+    // Versions
+
+    void comparatorOrdersVersions_data()
+    {
+        QTest::addColumn<QString>("a");
+        QTest::addColumn<QString>("b");
+        QTest::addColumn<int>("expected");
+        const QList<std::tuple<const char *, const char *, int>> table{
+            {"1.0b1", "1.0", -1},         {"1.0", "1.0.1", -1},        {"1.0a1", "1.0b1", -1},
+            {"1.0b9", "1.0b10", -1},      {"1.5.5-abc", "1.5.5-def", 0}, {"1.0", "1.0.0", 0},
+            {"1.0.0", "1.0", 0},          {"1.0", "1.0", 0},           {"1.1", "1.0", 1},
+            {"1.10", "1.9", 1},           {"2", "10", -1},             {"1.0.10", "1.0.9", 1},
+            {"1.0b1", "1.0.1", -1},       {"1.0rc1", "1.0", -1},       {"1.0", "1.0rc1", 1},
+            {"1.0a", "1.0b", -1},         {"1.0beta", "1.0", -1},      {"1.0-beta", "1.0", 0},
+            // A separator is not a string: what follows it makes the version newer.
+            {"1.0 beta", "1.0", 1},
+            {"1.0.0.0.0", "1", 0},        {"0.9", "1.0", -1},          {"01.2", "1.2", 0},
+            {"1.2.3", "1.2.3.1", -1},     {"1.2.3.1", "1.2.4", -1},    {"10.0", "9.99", 1},
+            {"1.0 (42)", "1.0 (43)", -1}, {"1.0_1", "1.0 1", 0},       {"1.0a2", "1.0a10", -1},
+            {"1.0b", "1.0b1", -1},        {"123456789012345678901", "123456789012345678902", -1},
+            {"1.0", "1.0a", 1},           {"6.1.0-18-amd64", "6.1", 0}, {"6.1.0-18-amd64", "6.2", -1},
+            {"1.0.1", "1.0a1", 1},        {"", "1.0", -1},             {"1.0.0", "1.0.0", 0},
+        };
+        for (const auto &[a, b, expected] : table)
+            QTest::addRow("%s vs %s", a, b) << QString::fromUtf8(a) << QString::fromUtf8(b) << expected;
+    }
+
+    void comparatorOrdersVersions()
+    {
+        QFETCH(QString, a);
+        QFETCH(QString, b);
+        QFETCH(int, expected);
+        const auto sign = [](int value) { return (value > 0) - (value < 0); };
+        QCOMPARE(sign(compareVersions(a, b)), expected);
+        QCOMPARE(sign(compareVersions(b, a)), -expected); // and the other way round
+    }
+
+    void comparatorSortsAReleaseHistoryInOrder()
+    {
+        const QStringList history{QStringLiteral("0.9"),    QStringLiteral("1.0a1"), QStringLiteral("1.0a2"),
+                                  QStringLiteral("1.0b1"),  QStringLiteral("1.0b2"), QStringLiteral("1.0b10"),
+                                  QStringLiteral("1.0"),    QStringLiteral("1.0.1"), QStringLiteral("1.0.2"),
+                                  QStringLiteral("1.0.10"), QStringLiteral("1.1"),   QStringLiteral("2.0")};
+        for (qsizetype i = 0; i < history.size(); ++i)
+            for (qsizetype j = 0; j < history.size(); ++j) {
+                const int order = compareVersions(history.at(i), history.at(j));
+                QVERIFY2((i < j && order < 0) || (i == j && order == 0) || (i > j && order > 0),
+                         qPrintable(history.at(i) + QStringLiteral(" vs ") + history.at(j)));
+            }
+    }
+
+    // -----------------------------------------------------------------------------------
+    // Settings
+
+    void propertyListValuesAreRead()
+    {
+        const QVariantMap values = readPropertyList(
+            "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>"
+            "<key>s</key><string>text &amp; more</string><key>i</key><integer>86400</integer>"
+            "<key>t</key><true/><key>f</key><false/><key>r</key><real>1.5</real>"
+            "<key>a</key><array><string>x</string><integer>2</integer></array>"
+            "<key>d</key><dict><key>inner</key><string>y</string></dict></dict></plist>",
+            QStringLiteral("test.plist"));
+        QCOMPARE(values.value(QStringLiteral("s")).toString(), QStringLiteral("text & more"));
+        QCOMPARE(values.value(QStringLiteral("i")).toLongLong(), 86400);
+        QCOMPARE(values.value(QStringLiteral("t")).typeId(), QMetaType::Bool);
+        QCOMPARE(values.value(QStringLiteral("t")).toBool(), true);
+        QCOMPARE(values.value(QStringLiteral("f")).toBool(), false);
+        QCOMPARE(values.value(QStringLiteral("r")).toDouble(), 1.5);
+        QCOMPARE(values.value(QStringLiteral("a")).toList().size(), 2);
+        QCOMPARE(values.value(QStringLiteral("d")).toMap().value(QStringLiteral("inner")).toString(), QStringLiteral("y"));
+    }
+
+    void brokenPropertyListIsReported()
+    {
+        try {
+            readPropertyList("<plist><dict><key>a</key></dict></plist>", QStringLiteral("Info.plist"));
+            QFAIL("a key without a value was accepted");
+        } catch (const Error &error) {
+            QCOMPARE(error.localizedDescription(), QStringLiteral("Info.plist is not valid: the key \u201c""a\u201d has no value."));
+        }
+    }
+
+    void checkIntervalHasDefaultAndFloor_data()
+    {
+        QTest::addColumn<std::optional<qint64>>("written");
+        QTest::addColumn<qint64>("used");
+        QTest::newRow("absent") << std::optional<qint64>() << qint64(86400);
+        QTest::newRow("zero means never") << std::optional<qint64>(0) << qint64(0);
+        QTest::newRow("below the floor") << std::optional<qint64>(60) << qint64(3600);
+        QTest::newRow("above the floor") << std::optional<qint64>(7200) << qint64(7200);
+        QTest::newRow("negative") << std::optional<qint64>(-5) << qint64(86400);
+    }
+
+    void checkIntervalHasDefaultAndFloor()
+    {
+        QFETCH(std::optional<qint64>, written);
+        QFETCH(qint64, used);
+        BundleRecipe recipe = installedRecipe();
+        recipe.interval = written;
+        install(recipe);
+        const UpdaterConfiguration configuration = updaterConfiguration(readBundleInfo(m_bundle));
+        QCOMPARE(configuration.checkInterval, used);
+        QCOMPARE(configuration.feedUrl, QUrl(recipe.feedUrl));
+        QCOMPARE(configuration.publicKey, m_keys.publicKey);
+        QVERIFY(!configuration.enableAutomaticChecks);
+    }
+
+    void shippedInfoPlistHasTheUpdateSettings()
+    {
+        QFile source(QStringLiteral(VELDSPAR_SOURCE_RESOURCES_DIR "/Info.plist.in"));
+        QVERIFY(source.open(QIODevice::ReadOnly));
+        const QVariantMap values = readPropertyList(source.readAll(), QStringLiteral("Info.plist.in"));
+        QCOMPARE(QUrl(values.value(QStringLiteral("SUFeedURL")).toString()).scheme(), QStringLiteral("https"));
+        QCOMPARE(decodePublicEdKey(values.value(QStringLiteral("SUPublicEDKey")).toString()).size(), 32);
+        QCOMPARE(values.value(QStringLiteral("SUScheduledCheckInterval")).toLongLong(), 86400);
+        // Left open on purpose: the second launch asks the user.
+        QVERIFY(!values.contains(QStringLiteral("SUEnableAutomaticChecks")));
+    }
+
+    void invalidPublicKeyStopsTheUpdaterFromStarting_data()
+    {
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("too short") << QStringLiteral("AAAA")
+                                   << QStringLiteral("The update key SUPublicEDKey in Info.plist is not valid: an Ed25519 "
+                                                     "public key has 32 bytes, this one has 3.");
+        QTest::newRow("not base64") << QStringLiteral("not a key!")
+                                    << QStringLiteral("The update key SUPublicEDKey in Info.plist is not valid: \u201cnot a "
+                                                      "key!\u201d is not base64 text.");
+    }
+
+    void invalidPublicKeyStopsTheUpdaterFromStarting()
+    {
+        QFETCH(QString, key);
+        QFETCH(QString, message);
+        BundleRecipe recipe = installedRecipe();
+        recipe.publicKey = key;
+        install(recipe);
+        RecordingDriver driver;
+        Updater updater(&driver, nullptr, nullptr, m_bundle);
+        QSignalSpy canCheck(&updater, &Updater::canCheckForUpdatesChanged);
+        try {
+            updater.start();
+            QFAIL("the updater started with an invalid key");
+        } catch (const Error &error) {
+            QCOMPARE(error.localizedDescription(), message);
+            QCOMPARE(error.domain(), updateErrorDomain);
+        }
+        QVERIFY(!updater.canCheckForUpdates());
+        updater.checkForUpdates();
+        QTest::qWait(100);
+        QVERIFY(m_server->requests().isEmpty());
+        QVERIFY(driver.events.isEmpty());
+        QCOMPARE(canCheck.count(), 0);
+    }
+
+    void missingKeyStopsTheUpdaterFromStarting()
+    {
+        BundleRecipe recipe = installedRecipe();
+        recipe.publicKey.reset();
+        install(recipe);
+        RecordingDriver driver;
+        Updater updater(&driver, nullptr, nullptr, m_bundle);
+        QVERIFY_THROWS_EXCEPTION(Error, updater.start());
+        QVERIFY(!updater.canCheckForUpdates());
+    }
+
+    // -----------------------------------------------------------------------------------
+    // The feed
+
+    void feedItemsAreRead()
+    {
+        // Any prefix may stand for the update namespace.
+        const QByteArray xml =
+            "<?xml version=\"1.0\"?>\n"
+            "<rss version=\"2.0\" xmlns:up=\"http://www.andymatuschak.org/xml-namespaces/sparkle\" "
+            "xmlns:dc=\"http://purl.org/dc/elements/1.1/\">\n<channel><title>Veldspar Changelog</title>\n"
+            "<item><title>Version 1.2</title>\n"
+            "  <link>https://veldspar.example/</link>\n"
+            "  <up:releaseNotesLink xml:lang=\"de\">notes-de.html</up:releaseNotesLink>\n"
+            "  <up:releaseNotesLink>notes/1.2.html</up:releaseNotesLink>\n"
+            "  <up:fullReleaseNotesLink>https://veldspar.example/history</up:fullReleaseNotesLink>\n"
+            "  <pubDate>Sat, 01 Nov 2025 10:00:00 +0000</pubDate>\n"
+            "  <up:version>ignored-when-the-enclosure-has-one</up:version>\n"
+            "  <up:minimumSystemVersion>5.10</up:minimumSystemVersion>\n"
+            "  <up:maximumSystemVersion>7.0</up:maximumSystemVersion>\n"
+            "  <up:criticalUpdate up:version=\"1.1\"/>\n"
+            "  <up:phasedRolloutInterval>86400</up:phasedRolloutInterval>\n"
+            "  <enclosure url=\"https://veldspar.example/mac.zip\" up:os=\"macos\" length=\"5\" up:version=\"99\"/>\n"
+            "  <enclosure url=\"../files/Veldspar-1.2.tar.xz\" length=\"1234\" type=\"application/x-xz\" "
+            "up:version=\"120\" up:shortVersionString=\"1.2\" up:os=\"linux\" up:edSignature=\"c2ln\"/>\n"
+            "</item>\n"
+            "<item><title>Notice</title><up:version>1.3</up:version><up:channel>beta</up:channel>\n"
+            "  <description up:format=\"markdown\"><![CDATA[# Heads up\n*soon*]]></description>\n"
+            "  <up:informationalUpdate><up:belowVersion>1.2</up:belowVersion></up:informationalUpdate>\n"
+            "  <link>https://veldspar.example/news</link>\n"
+            "</item>\n"
+            "</channel></rss>\n";
+        const Appcast appcast = parseAppcast(xml, QUrl(QStringLiteral("https://updates.veldspar.example/linux/appcast.xml")));
+        QCOMPARE(appcast.title, QStringLiteral("Veldspar Changelog"));
+        QCOMPARE(appcast.items.size(), 2);
+
+        const AppcastItem &first = appcast.items.at(0);
+        QCOMPARE(first.position, 1);
+        QCOMPARE(first.title, QStringLiteral("Version 1.2"));
+        QCOMPARE(first.version, QStringLiteral("120"));
+        QCOMPARE(first.displayVersion, QStringLiteral("1.2"));
+        QCOMPARE(first.versionLabel(), QStringLiteral("1.2 (120)"));
+        QCOMPARE(first.os, QStringLiteral("linux"));
+        QVERIFY(first.enclosure);
+        QCOMPARE(first.enclosure->url, QUrl(QStringLiteral("https://updates.veldspar.example/files/Veldspar-1.2.tar.xz")));
+        QCOMPARE(first.enclosure->length, 1234);
+        QCOMPARE(first.enclosure->edSignature, std::optional<QString>(QStringLiteral("c2ln")));
+        QCOMPARE(first.releaseNotesLink, QUrl(QStringLiteral("https://updates.veldspar.example/linux/notes/1.2.html")));
+        QCOMPARE(first.fullReleaseNotesLink, QUrl(QStringLiteral("https://veldspar.example/history")));
+        QCOMPARE(first.link, QUrl(QStringLiteral("https://veldspar.example/")));
+        QCOMPARE(first.pubDate, QDateTime(QDate(2025, 11, 1), QTime(10, 0), Qt::UTC));
+        QCOMPARE(first.minimumSystemVersion, QStringLiteral("5.10"));
+        QCOMPARE(first.maximumSystemVersion, QStringLiteral("7.0"));
+        QCOMPARE(first.phasedRolloutInterval, std::optional<qint64>(86400));
+        QVERIFY(first.isCriticalFor(QStringLiteral("1.0")));
+        QVERIFY(!first.isCriticalFor(QStringLiteral("1.1")));
+        QVERIFY(!first.isInformationalFor(QStringLiteral("1.0")));
+
+        const AppcastItem &second = appcast.items.at(1);
+        QCOMPARE(second.version, QStringLiteral("1.3"));
+        QCOMPARE(second.channel, QStringLiteral("beta"));
+        QVERIFY(!second.enclosure);
+        QCOMPARE(second.description, QStringLiteral("# Heads up\n*soon*"));
+        QCOMPARE(second.descriptionFormat, NotesFormat::Markdown);
+        QVERIFY(second.isInformationalFor(QStringLiteral("1.1")));
+        QVERIFY(!second.isInformationalFor(QStringLiteral("1.2")));
+    }
+
+    void feedsThatAreRefused_data()
+    {
+        QTest::addColumn<QByteArray>("xml");
+        QTest::addColumn<QString>("message");
+        const QString where = QStringLiteral("The update feed at https://updates.veldspar.example/appcast.xml");
+        QTest::newRow("file link") << feedXml({feedItem(QStringLiteral("1.1"), QStringLiteral("file:///etc/passwd"), 5, QStringLiteral("x"))})
+                                   << where + QStringLiteral(" is not valid: item 1.1 links to file:///etc/passwd; only "
+                                                             "http and https links are allowed.");
+        QTest::newRow("javascript release notes")
+            << feedXml({feedItem(QStringLiteral("1.1"), QStringLiteral("https://a.example/x"), 5, QStringLiteral("x"),
+                                 QStringLiteral("<sparkle:releaseNotesLink>javascript:alert(1)</sparkle:releaseNotesLink>"))})
+            << where + QStringLiteral(" is not valid: item 1.1 links to javascript:alert(1); only http and https links "
+                                      "are allowed.");
+        QTest::newRow("external entity")
+            << QByteArray("<?xml version=\"1.0\"?>\n<!DOCTYPE rss [<!ENTITY secret SYSTEM \"file:///etc/passwd\">]>\n"
+                          "<rss version=\"2.0\"><channel><title>&secret;</title></channel></rss>")
+            << where + QStringLiteral(" is not valid: it declares XML entities, which are never loaded.");
+        QTest::newRow("html page") << QByteArray("<html><body>Not here</body></html>")
+                                   << where + QStringLiteral(" is not valid: it is not an RSS feed (its root element is <html>).");
+    }
+
+    void feedsThatAreRefused()
+    {
+        QFETCH(QByteArray, xml);
+        QFETCH(QString, message);
+        try {
+            parseAppcast(xml, QUrl(QStringLiteral("https://updates.veldspar.example/appcast.xml")));
+            QFAIL("the feed was accepted");
+        } catch (const Error &error) {
+            QCOMPARE(error.localizedDescription(), message);
+            QCOMPARE(error.code(), int(UpdateErrorCode::InvalidFeed));
+        }
+    }
+
+    void textThatIsNotXmlIsRefused()
+    {
+        try {
+            parseAppcast("{\"version\": \"1.1\"}", QUrl(QStringLiteral("https://updates.veldspar.example/appcast.xml")));
+            QFAIL("the feed was accepted");
+        } catch (const Error &error) {
+            QVERIFY2(error.localizedDescription().startsWith(
+                         QStringLiteral("The update feed at https://updates.veldspar.example/appcast.xml is not valid XML: ")),
+                     qPrintable(error.localizedDescription()));
+            QVERIFY(error.localizedDescription().contains(QStringLiteral("(line 1, column")));
+        }
+    }
+
+    // -----------------------------------------------------------------------------------
+    // Choosing
+
+    void choiceTakesTheNewestEligibleLinuxItem()
+    {
+        const QString url = QStringLiteral("https://a.example/v.tar.xz");
+        const QByteArray xml = feedXml({
+            feedItem(QStringLiteral("1.1"), url, 5, QStringLiteral("s")),
+            feedItem(QStringLiteral("3.0"), url, 5, QStringLiteral("s"), {}, QString()),
+            feedItem(QStringLiteral("2.9"), url, 5, QStringLiteral("s"), {}, QStringLiteral("windows")),
+            feedItem(QStringLiteral("2.8"), url, 5, QStringLiteral("s"), QStringLiteral("<sparkle:channel>beta</sparkle:channel>")),
+            feedItem(QStringLiteral("2.7"), url, 5, QStringLiteral("s"),
+                     QStringLiteral("<sparkle:minimumSystemVersion>7.1</sparkle:minimumSystemVersion>")),
+            feedItem(QStringLiteral("2.6"), url, 5, QStringLiteral("s"),
+                     QStringLiteral("<sparkle:maximumSystemVersion>5.4</sparkle:maximumSystemVersion>")),
+            feedItem(QStringLiteral("1.2"), url, 5, QStringLiteral("s"),
+                     QStringLiteral("<sparkle:minimumSystemVersion>6.0</sparkle:minimumSystemVersion>"
+                                    "<sparkle:maximumSystemVersion>6.9</sparkle:maximumSystemVersion>")),
+            feedItem(QStringLiteral("0.9"), url, 5, QStringLiteral("s")),
+        });
+        CheckContext context;
+        context.currentVersion = QStringLiteral("1.0");
+        context.systemVersion = QStringLiteral("6.1.0-18-amd64");
+        context.now = QDateTime::currentDateTimeUtc();
+        const UpdateChoice choice = chooseUpdate(parseAppcast(xml, {}), context);
+        QVERIFY(choice.item);
+        QCOMPARE(choice.item->version, QStringLiteral("1.2"));
+        QStringList explanations;
+        for (const ItemVerdict &verdict : choice.verdicts)
+            explanations << verdict.label + QStringLiteral(": ") + verdict.explanation;
+        QCOMPARE(explanations,
+                 (QStringList{
+                     QStringLiteral("1.1: eligible, but 1.2 is newer"),
+                     QStringLiteral("3.0: is not for Linux: it has no sparkle:os, so it is meant for macOS"),
+                     QStringLiteral("2.9: is not for Linux: its sparkle:os is \u201cwindows\u201d"),
+                     QStringLiteral("2.8: is on the channel \u201c""beta\u201d, which this app does not follow"),
+                     QStringLiteral("2.7: needs system version 7.1 or later; this system is 6.1.0-18-amd64"),
+                     QStringLiteral("2.6: is only for system versions up to 5.4; this system is 6.1.0-18-amd64"),
+                     QStringLiteral("1.2: offered: the newest eligible version newer than 1.0"),
+                     QStringLiteral("0.9: is not newer than the current version 1.0"),
+                 }));
+    }
+
+    void skippedVersionsAndPhasedRolloutHoldBackScheduledChecksOnly()
+    {
+        const QString url = QStringLiteral("https://a.example/v.tar.xz");
+        const QDateTime published = QDateTime::currentDateTimeUtc().addSecs(-3600);
+        const QByteArray xml = feedXml({
+            feedItem(QStringLiteral("1.1"), url, 5, QStringLiteral("s")),
+            feedItem(QStringLiteral("1.2"), url, 5, QStringLiteral("s"),
+                     QStringLiteral("<pubDate>%1</pubDate><sparkle:phasedRolloutInterval>86400</sparkle:phasedRolloutInterval>")
+                         .arg(published.toString(Qt::RFC2822Date))),
+        });
+        const Appcast appcast = parseAppcast(xml, {});
+        CheckContext context;
+        context.currentVersion = QStringLiteral("1.0");
+        context.systemVersion = QStringLiteral("6.1");
+        context.now = QDateTime::currentDateTimeUtc();
+        context.skippedVersion = QStringLiteral("1.1");
+        context.rolloutGroup = 3;
+
+        // A user-initiated check sees everything.
+        QCOMPARE(chooseUpdate(appcast, context).item->version, QStringLiteral("1.2"));
+
+        // A scheduled one passes over the skipped version and waits for the rollout.
+        context.kind = CheckKind::Scheduled;
+        const UpdateChoice scheduled = chooseUpdate(appcast, context);
+        QVERIFY(!scheduled.item);
+        QCOMPARE(scheduled.verdicts.at(0).explanation, QStringLiteral("was skipped by the user, and scheduled checks pass over it"));
+        QCOMPARE(scheduled.verdicts.at(1).explanation,
+                 QStringLiteral("is being rolled out in phases and reaches this installation (group 4 of 7) on %1")
+                     .arg(published.addSecs(3 * 86400).toString(Qt::ISODate)));
+        QCOMPARE(scheduled.summary, QStringLiteral("nothing: no item of the feed is eligible and newer than 1.0"));
+
+        // The first group gets it at once.
+        context.rolloutGroup = 0;
+        QCOMPARE(chooseUpdate(appcast, context).item->version, QStringLiteral("1.2"));
+    }
+
+    void criticalUpdatesAreNeverHeldBack()
+    {
+        const QByteArray xml = feedXml({feedItem(QStringLiteral("1.1"), QStringLiteral("https://a.example/v"), 5, QStringLiteral("s"),
+                                                 QStringLiteral("<sparkle:criticalUpdate/>"))});
+        CheckContext context;
+        context.currentVersion = QStringLiteral("1.0");
+        context.kind = CheckKind::Scheduled;
+        context.skippedVersion = QStringLiteral("1.1");
+        const UpdateChoice choice = chooseUpdate(parseAppcast(xml, {}), context);
+        QVERIFY(choice.item);
+        QCOMPARE(choice.summary, QStringLiteral("1.1: the newest eligible version newer than 1.0, a critical update"));
+    }
+
+    void progressReadsXOfY()
+    {
+        QCOMPARE(formatByteProgress(1200000, 3400000), QStringLiteral("1.2 MB of 3.4 MB"));
+        QCOMPARE(formatByteProgress(512, -1), QStringLiteral("512 bytes"));
+    }
+
+    // -----------------------------------------------------------------------------------
+    // The updater's state and settings
+
+    void canCheckIsFalseBeforeStartAndWhileChecking()
+    {
+        install(installedRecipe());
+        Route held;
+        held.body = feedXml({});
+        held.contentType = "application/rss+xml";
+        held.hold = true;
+        m_server->serve(QStringLiteral("/appcast.xml"), held);
+        RecordingDriver driver;
+        Updater updater(&driver, nullptr, nullptr, m_bundle);
+        QSignalSpy changes(&updater, &Updater::canCheckForUpdatesChanged);
+        QVERIFY(!updater.canCheckForUpdates());
+        updater.start();
+        QVERIFY(updater.canCheckForUpdates());
+        updater.checkForUpdates();
+        QVERIFY(!updater.canCheckForUpdates());
+        QTRY_COMPARE(m_server->requestsFor(QStringLiteral("/appcast.xml")), 1);
+        QVERIFY(!updater.canCheckForUpdates());
+        m_server->release();
+        QTRY_VERIFY(updater.canCheckForUpdates());
+        QCOMPARE(changes.count(), 3);
+        QCOMPARE(changes.at(0).at(0).toBool(), true);
+        QCOMPARE(changes.at(1).at(0).toBool(), false);
+        QCOMPARE(changes.at(2).at(0).toBool(), true);
+        QCOMPARE(driver.events, (QStringList{QStringLiteral("checking"), QStringLiteral("up to date")}));
+        QCOMPARE(driver.upToDate->title, QStringLiteral("You\u2019re up to date!"));
+        QCOMPARE(driver.upToDate->detail, QStringLiteral("Veldspar 1.0 is currently the newest version available."));
+    }
+
+    void cancellingACheckEndsItQuietly()
+    {
+        install(installedRecipe());
+        Route held;
+        held.body = feedXml({});
+        held.hold = true;
+        m_server->serve(QStringLiteral("/appcast.xml"), held);
+        RecordingDriver driver;
+        auto updater = startedUpdater(driver);
+        QSignalSpy finished(updater.get(), &Updater::sessionFinished);
+        updater->checkForUpdates();
+        QTRY_COMPARE(m_server->requestsFor(QStringLiteral("/appcast.xml")), 1);
+        driver.cancel();
+        QTRY_COMPARE(finished.count(), 1);
+        QVERIFY(updater->canCheckForUpdates());
+        QVERIFY(!updater->lastError());
+        m_server->release();
+        QTest::qWait(200);
+        QCOMPARE(driver.events, (QStringList{QStringLiteral("checking"), QStringLiteral("dismiss")}));
+    }
+
+    void automaticChecksArePersisted()
+    {
+        BundleRecipe recipe = installedRecipe();
+        recipe.automaticChecks = true;
+        install(recipe);
+        RecordingDriver driver;
+        {
+            auto updater = startedUpdater(driver);
+            QVERIFY(updater->automaticallyChecksForUpdates());
+            QSignalSpy changes(updater.get(), &Updater::automaticallyChecksForUpdatesChanged);
+            updater->setAutomaticallyChecksForUpdates(false);
+            QCOMPARE(changes.count(), 1);
+            QCOMPARE(changes.at(0).at(0).toBool(), false);
+            QVERIFY(!updater->automaticallyChecksForUpdates());
+            QVERIFY(!updater->nextScheduledCheck().isValid());
+        }
+        const QString store = QDir::homePath() + QStringLiteral("/.config/org.kestrum.Veldspar.configure.conf");
+        QVERIFY(get(store).contains("SUEnableAutomaticChecks=false"));
+        auto again = startedUpdater(driver);
+        QVERIFY(!again->automaticallyChecksForUpdates()); // the user's choice beats Info.plist
+        QVERIFY(!driver.events.contains(QStringLiteral("permission")));
+    }
+
+    void secondLaunchAsksWhetherToCheckAutomatically()
+    {
+        install(installedRecipe()); // Info.plist leaves SUEnableAutomaticChecks open
+        RecordingDriver driver;
+        driver.permissionAnswer = true;
+        {
+            auto first = startedUpdater(driver);
+            QTest::qWait(100);
+            QVERIFY(driver.events.isEmpty()); // the first launch does not ask
+            QVERIFY(!first->automaticallyChecksForUpdates());
+        }
+        serveFeed({});
+        auto second = startedUpdater(driver);
+        QSignalSpy changes(second.get(), &Updater::automaticallyChecksForUpdatesChanged);
+        QTRY_COMPARE(driver.events, QStringList{QStringLiteral("permission")});
+        QTRY_COMPARE(changes.count(), 1);
+        QVERIFY(second->automaticallyChecksForUpdates());
+        QCOMPARE(QSettings(UpdateUserSettings::filePath(), QSettings::IniFormat).value(QStringLiteral("SUEnableAutomaticChecks")).toBool(), true);
+        // Never checked before: the first scheduled check is due at once, and is silent.
+        QTRY_COMPARE(m_server->requestsFor(QStringLiteral("/appcast.xml")), 1);
+        QTest::qWait(200);
+        QCOMPARE(driver.events, QStringList{QStringLiteral("permission")});
+        second.reset();
+        auto third = startedUpdater(driver);
+        QTest::qWait(100);
+        QCOMPARE(driver.events, QStringList{QStringLiteral("permission")}); // asked once only
+    }
+
+    void scheduledCheckFiresAtLastCheckPlusInterval()
+    {
+        BundleRecipe recipe = installedRecipe();
+        recipe.automaticChecks = true;
+        install(recipe);
+        serveFeed({});
+        const QDateTime recent = QDateTime::currentDateTimeUtc().addSecs(-10);
+        UpdateUserSettings::setLastCheckTime(recent);
+        RecordingDriver driver;
+        auto updater = startedUpdater(driver);
+        QCOMPARE(updater->updateCheckInterval(), 86400);
+        QCOMPARE(updater->nextScheduledCheck().toSecsSinceEpoch(), recent.addSecs(86400).toSecsSinceEpoch());
+        QTest::qWait(300);
+        QCOMPARE(m_server->requestsFor(QStringLiteral("/appcast.xml")), 0);
+
+        // Overdue: at once, and silent when nothing is new.
+        updater.reset();
+        UpdateUserSettings::setLastCheckTime(QDateTime::currentDateTimeUtc().addSecs(-86400 - 60));
+        updater = startedUpdater(driver);
+        QTRY_COMPARE(m_server->requestsFor(QStringLiteral("/appcast.xml")), 1);
+        QTRY_VERIFY(updater->lastUpdateCheckDate() > recent);
+        QTRY_VERIFY(updater->nextScheduledCheck() > QDateTime::currentDateTimeUtc().addSecs(86000));
+        QVERIFY(driver.events.isEmpty());
+
+        // An interval of 0 means never.
+        updater.reset();
+        UpdateUserSettings::setLastCheckTime(QDateTime::currentDateTimeUtc().addSecs(-86400 * 30));
+        UpdateUserSettings::setCheckInterval(0);
+        updater = startedUpdater(driver);
+        QVERIFY(!updater->nextScheduledCheck().isValid());
+        QTest::qWait(300);
+        QCOMPARE(m_server->requestsFor(QStringLiteral("/appcast.xml")), 1);
+    }
+
+    void skippedVersionIsPassedOverByScheduledChecksUntilTheUserChecks()
+    {
+        install(installedRecipe());
+        publishGoodUpdate();
+        RecordingDriver driver;
+        driver.offerAnswer = UpdateAnswer::Skip;
+        auto updater = startedUpdater(driver);
+        checkAndWait(*updater);
+        QCOMPARE(updater->skippedVersion(), QStringLiteral("1.1"));
+        QVERIFY(get(UpdateUserSettings::filePath()).contains("SUSkippedVersion=1.1"));
+
+        driver.events.clear();
+        QSignalSpy finished(updater.get(), &Updater::sessionFinished);
+        updater->checkForUpdatesInBackground();
+        QTRY_COMPARE(finished.count(), 1);
+        QVERIFY(driver.events.isEmpty());
+
+        driver.offerAnswer = UpdateAnswer::RemindLater;
+        checkAndWait(*updater);
+        QCOMPARE(driver.events, (QStringList{QStringLiteral("checking"), QStringLiteral("found 1.1"), QStringLiteral("dismiss")}));
+        QVERIFY(updater->skippedVersion().isEmpty());
+    }
+
+    void releaseNotesAreFetchedFromTheirLink()
+    {
+        install(installedRecipe());
+        const QByteArray archive = publish([&] {
+            BundleRecipe next = installedRecipe();
+            next.version = QStringLiteral("1.1");
+            return next;
+        }(), QStringLiteral("/Veldspar-1.1.tar.xz"));
+        serveFeed({feedItem(QStringLiteral("1.1"), QStringLiteral("Veldspar-1.1.tar.xz"), archive.size(), signature(archive),
+                            QStringLiteral("<sparkle:releaseNotesLink>notes/1.1.txt</sparkle:releaseNotesLink>"))});
+        m_server->serve(QStringLiteral("/notes/1.1.txt"), "Faster discovery.\n", "text/plain; charset=utf-8");
+        RecordingDriver driver;
+        driver.offerAnswer.reset();
+        auto updater = startedUpdater(driver);
+        updater->checkForUpdates();
+        QTRY_VERIFY(driver.notes.has_value());
+        QCOMPARE(driver.notes->text, QStringLiteral("Faster discovery.\n"));
+        QCOMPARE(driver.notes->format, NotesFormat::PlainText);
+        QCOMPARE(driver.notes->url, QUrl(m_server->url(QStringLiteral("/notes/1.1.txt"))));
+        // The relative enclosure link was resolved against the feed.
+        QCOMPARE(driver.offer->item.enclosure->url, QUrl(m_server->url(QStringLiteral("/Veldspar-1.1.tar.xz"))));
+        QVERIFY(updater->canCheckForUpdates()); // waiting for the user, nothing runs
+        updater->checkForUpdates();
+        QTRY_COMPARE(driver.events.last(), QStringLiteral("focus"));
+        driver.offerReply(UpdateAnswer::RemindLater);
+        QTRY_VERIFY(!updater->sessionInProgress());
+    }
+
+    // -----------------------------------------------------------------------------------
+    // A whole update
+
+    void wholeUpdateFromOneVersionToTheNext()
+    {
+        install(installedRecipe());
+        BundleRecipe next = installedRecipe();
+        next.version = QStringLiteral("1.1");
+        next.extraFile = randomBytes(300000);
+        const QByteArray archive = publish(next, QStringLiteral("/Veldspar-1.1.tar.xz"));
+        serveFeed({feedItem(QStringLiteral("1.1"), m_server->url(QStringLiteral("/Veldspar-1.1.tar.xz")), archive.size(),
+                            signature(archive))});
+        const QMap<QString, QByteArray> published = snapshot(m_lastRelease);
+
+        RecordingDriver driver;
+        GateDelegate gate;
+        auto updater = startedUpdater(driver, &gate);
+
+        // While an operation runs, the found update is refused with the gate's words.
+        gate.busy = true;
+        checkAndWait(*updater);
+        QCOMPARE(driver.events, (QStringList{QStringLiteral("checking"), QStringLiteral("error")}));
+        QCOMPARE(driver.error->domain(), QStringLiteral("com.emberlane.updates"));
+        QCOMPARE(driver.error->code(), 1);
+        QCOMPARE(driver.error->localizedDescription(), gateText);
+        QCOMPARE(m_server->requestsFor(QStringLiteral("/Veldspar-1.1.tar.xz")), 0);
+
+        // Once it is over, the update is found, downloaded, verified and staged; the relaunch
+        // waits while another operation runs.
+        gate.busy = false;
+        driver.events.clear();
+        driver.readyAnswer.reset();
+        updater->checkForUpdates();
+        QTRY_VERIFY_WITH_TIMEOUT(driver.events.contains(QStringLiteral("ready")), 20000);
+        QCOMPARE(driver.events, (QStringList{QStringLiteral("checking"), QStringLiteral("found 1.1"),
+                                             QStringLiteral("downloading"), QStringLiteral("unpacking"), QStringLiteral("ready")}));
+        QVERIFY(!driver.progress.isEmpty());
+        QCOMPARE(driver.progress.last(), (std::pair<qint64, qint64>(archive.size(), archive.size())));
+        QVERIFY(updater->canCheckForUpdates());
+        QCOMPARE(get(m_bundle + QStringLiteral("/Veldspar")), QByteArray("#!/bin/sh\necho Veldspar 1.0\n"));
+
+        gate.busy = true;
+        driver.readyReply(InstallAnswer::InstallAndRelaunch);
+        QTRY_COMPARE(gate.postponeQuestions, 1);
+        QCOMPARE(gate.alerts, QStringList{gateText + QStringLiteral(" The update will continue when it is safe to restart.")});
+        QTest::qWait(1500);
+        QVERIFY(m_relaunches.isEmpty());
+        QCOMPARE(get(m_bundle + QStringLiteral("/Veldspar")), QByteArray("#!/bin/sh\necho Veldspar 1.0\n"));
+
+        gate.busy = false;
+        QTRY_COMPARE_WITH_TIMEOUT(m_relaunches.size(), 1, 3000);
+        QCOMPARE(m_relaunches.at(0).program, m_bundle + QStringLiteral("/Veldspar"));
+        QCOMPARE(m_relaunches.at(0).arguments, QStringList());
+        QCOMPARE(m_relaunches.at(0).workingDirectory, m_bundle);
+        QCOMPARE(gate.postponeQuestions, 1);
+
+        // The 1.1 bundle, exactly as published, is in place; the old one and every staging
+        // folder are gone.
+        QCOMPARE(snapshot(m_bundle), published);
+        QCOMPARE(readBundleInfo(m_bundle).version, QStringLiteral("1.1"));
+        QCOMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+        QCOMPARE(driver.events.mid(5), (QStringList{QStringLiteral("installing"), QStringLiteral("dismiss")}));
+        QVERIFY(!updater->sessionInProgress());
+        QTest::qWait(200);
+        QCOMPARE(m_relaunches.size(), 1);
+    }
+
+    void postponedUpdateIsInstalledAtQuitWithoutRelaunch()
+    {
+        install(installedRecipe());
+        publishGoodUpdate();
+        RecordingDriver driver;
+        GateDelegate gate;
+        auto updater = startedUpdater(driver, &gate);
+        driver.readyAnswer.reset();
+        updater->checkForUpdates();
+        QTRY_VERIFY_WITH_TIMEOUT(driver.readyReply != nullptr, 20000);
+        gate.busy = true;
+        driver.readyReply(InstallAnswer::InstallAndRelaunch);
+        QTRY_COMPARE(gate.postponeQuestions, 1);
+        QCOMPARE(readBundleInfo(m_bundle).version, QStringLiteral("1.0"));
+
+        updater->installUpdateOnQuit();
+        QCOMPARE(readBundleInfo(m_bundle).version, QStringLiteral("1.1"));
+        QCOMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+        QVERIFY(!updater->sessionInProgress());
+
+        // The gate opening later changes nothing any more.
+        gate.busy = false;
+        QTest::qWait(1500);
+        QVERIFY(m_relaunches.isEmpty());
+    }
+
+    void updateLeftForLaterIsInstalledAtQuit()
+    {
+        install(installedRecipe());
+        publishGoodUpdate();
+        RecordingDriver driver;
+        driver.readyAnswer = InstallAnswer::Later;
+        auto updater = startedUpdater(driver);
+        updater->checkForUpdates();
+        QTRY_VERIFY_WITH_TIMEOUT(driver.events.contains(QStringLiteral("ready")), 20000);
+        QTest::qWait(100);
+        QVERIFY(updater->sessionInProgress());
+        QCOMPARE(readBundleInfo(m_bundle).version, QStringLiteral("1.0"));
+
+        // Asking again shows the staged update again instead of downloading it anew.
+        driver.readyAnswer.reset();
+        updater->checkForUpdates();
+        QCOMPARE(driver.events.count(QStringLiteral("ready")), 2);
+        QCOMPARE(m_server->requestsFor(QStringLiteral("/Veldspar-1.1.tar.xz")), 1);
+
+        updater->installUpdateOnQuit();
+        QCOMPARE(readBundleInfo(m_bundle).version, QStringLiteral("1.1"));
+        QVERIFY(m_relaunches.isEmpty());
+        QCOMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+    }
+
+    void cancellingTheDownloadLeavesNothingBehind()
+    {
+        install(installedRecipe());
+        BundleRecipe next = installedRecipe();
+        next.version = QStringLiteral("1.1");
+        next.extraFile = randomBytes(200000);
+        const QByteArray archive = publish(next, QStringLiteral("/Veldspar-1.1.tar.xz"));
+        Route stalled;
+        stalled.body = archive;
+        stalled.stallAfter = archive.size() / 3;
+        m_server->serve(QStringLiteral("/Veldspar-1.1.tar.xz"), stalled);
+        serveFeed({feedItem(QStringLiteral("1.1"), m_server->url(QStringLiteral("/Veldspar-1.1.tar.xz")), archive.size(),
+                            signature(archive))});
+        const QMap<QString, QByteArray> before = snapshot(m_bundle);
+        RecordingDriver driver;
+        driver.cancelDownloadAtFirstProgress = true;
+        auto updater = startedUpdater(driver);
+        checkAndWait(*updater);
+        QCOMPARE(driver.events.last(), QStringLiteral("dismiss"));
+        QVERIFY(!driver.events.contains(QStringLiteral("ready")));
+        QVERIFY(!updater->lastError());
+        QVERIFY(updater->canCheckForUpdates());
+        QTRY_COMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+        expectUntouched(before);
+    }
+
+    // -----------------------------------------------------------------------------------
+    // Refusals: each leaves the installed bundle byte for byte as it was.
+
+    void refusedUpdates_data()
+    {
+        QTest::addColumn<QString>("scenario");
+        QTest::newRow("tampered archive") << QStringLiteral("tampered");
+        QTest::newRow("signature by another key") << QStringLiteral("other key");
+        QTest::newRow("wrong length") << QStringLiteral("length");
+        QTest::newRow("downgrade") << QStringLiteral("downgrade");
+        QTest::newRow("different bundle identifier") << QStringLiteral("identifier");
+        QTest::newRow("file link") << QStringLiteral("file link");
+        QTest::newRow("feed that is not XML") << QStringLiteral("not xml");
+        QTest::newRow("server closes mid-download") << QStringLiteral("closed");
+        QTest::newRow("missing signature") << QStringLiteral("no signature");
+        QTest::newRow("malformed signature") << QStringLiteral("malformed signature");
+        QTest::newRow("archive without Veldspar.app") << QStringLiteral("no bundle");
+        QTest::newRow("non-loopback http download") << QStringLiteral("http download");
+        QTest::newRow("redirect to plain http") << QStringLiteral("redirect");
+    }
+
+    void refusedUpdates()
+    {
+        QFETCH(QString, scenario);
+        install(installedRecipe());
+        const QMap<QString, QByteArray> before = snapshot(m_bundle);
+        const QString archiveUrl = m_server->url(QStringLiteral("/Veldspar-1.1.tar.xz"));
+        const QString feedUrl = m_server->url(QStringLiteral("/appcast.xml"));
+        BundleRecipe next = installedRecipe();
+        next.version = QStringLiteral("1.1");
+        next.extraFile = randomBytes(200000);
+        QString expected;
+        bool prefixOnly = false;
+
+        if (scenario == u"tampered") {
+            QByteArray archive = publish(next, QStringLiteral("/Veldspar-1.1.tar.xz"));
+            const QString goodSignature = signature(archive);
+            archive[archive.size() / 2] = char(archive.at(archive.size() / 2) ^ 0x01);
+            m_server->serve(QStringLiteral("/Veldspar-1.1.tar.xz"), archive);
+            serveFeed({feedItem(QStringLiteral("1.1"), archiveUrl, archive.size(), goodSignature)});
+            expected = QStringLiteral("The download of version 1.1 does not match its EdDSA signature: it was changed after "
+                                      "signing, or signed with a key other than this app's SUPublicEDKey.");
+        } else if (scenario == u"other key") {
+            const QByteArray archive = publish(next, QStringLiteral("/Veldspar-1.1.tar.xz"));
+            serveFeed({feedItem(QStringLiteral("1.1"), archiveUrl, archive.size(), signature(archive, generateKeyPair().seed))});
+            expected = QStringLiteral("The download of version 1.1 does not match its EdDSA signature: it was changed after "
+                                      "signing, or signed with a key other than this app's SUPublicEDKey.");
+        } else if (scenario == u"length") {
+            const QByteArray archive = publish(next, QStringLiteral("/Veldspar-1.1.tar.xz"));
+            serveFeed({feedItem(QStringLiteral("1.1"), archiveUrl, archive.size() - 100, signature(archive))});
+            expected = QStringLiteral("The feed states that the update 1.1 is %1 bytes long, but the server sends %2 bytes.")
+                           .arg(archive.size() - 100)
+                           .arg(archive.size());
+        } else if (scenario == u"downgrade") {
+            next.version = QStringLiteral("0.9");
+            const QByteArray archive = publish(next, QStringLiteral("/Veldspar-1.1.tar.xz"));
+            serveFeed({feedItem(QStringLiteral("1.1"), archiveUrl, archive.size(), signature(archive))});
+            expected = QStringLiteral("The update's version 0.9 (CFBundleVersion) is not newer than the installed version 1.0.");
+        } else if (scenario == u"identifier") {
+            next.identifier = QStringLiteral("org.example.Other");
+            const QByteArray archive = publish(next, QStringLiteral("/Veldspar-1.1.tar.xz"));
+            serveFeed({feedItem(QStringLiteral("1.1"), archiveUrl, archive.size(), signature(archive))});
+            expected = QStringLiteral("The update is for the application org.example.Other, not org.kestrum.Veldspar.configure "
+                                      "(CFBundleIdentifier).");
+        } else if (scenario == u"file link") {
+            const QByteArray archive = publish(next, QStringLiteral("/Veldspar-1.1.tar.xz"));
+            put(root() + QStringLiteral("/local.tar.xz"), archive);
+            const QString fileUrl = QUrl::fromLocalFile(root() + QStringLiteral("/local.tar.xz")).toString();
+            serveFeed({feedItem(QStringLiteral("1.1"), fileUrl, archive.size(), signature(archive))});
+            expected = QStringLiteral("The update feed at %1 is not valid: item 1.1 links to %2; only http and https links "
+                                      "are allowed.")
+                           .arg(feedUrl, fileUrl);
+        } else if (scenario == u"not xml") {
+            m_server->serve(QStringLiteral("/appcast.xml"), "Service temporarily unavailable <b>", "text/html");
+            expected = QStringLiteral("The update feed at %1 is not valid XML: ").arg(feedUrl);
+            prefixOnly = true;
+        } else if (scenario == u"closed") {
+            const QByteArray archive = publish(next, QStringLiteral("/Veldspar-1.1.tar.xz"));
+            Route cut;
+            cut.body = archive;
+            cut.cutAfter = archive.size() / 2;
+            m_server->serve(QStringLiteral("/Veldspar-1.1.tar.xz"), cut);
+            serveFeed({feedItem(QStringLiteral("1.1"), archiveUrl, archive.size(), signature(archive))});
+            expected = QStringLiteral("The update 1.1 could not be downloaded from %1: ").arg(archiveUrl);
+            prefixOnly = true;
+        } else if (scenario == u"no signature") {
+            const QByteArray archive = publish(next, QStringLiteral("/Veldspar-1.1.tar.xz"));
+            serveFeed({feedItem(QStringLiteral("1.1"), archiveUrl, archive.size(), QString())});
+            expected = QStringLiteral("The feed gives no EdDSA signature (sparkle:edSignature) for version 1.1, so it cannot "
+                                      "be verified.");
+        } else if (scenario == u"malformed signature") {
+            const QByteArray archive = publish(next, QStringLiteral("/Veldspar-1.1.tar.xz"));
+            serveFeed({feedItem(QStringLiteral("1.1"), archiveUrl, archive.size(), QStringLiteral("c2hvcnQ="))});
+            expected = QStringLiteral("The EdDSA signature (sparkle:edSignature) the feed gives for version 1.1 is malformed: "
+                                      "an Ed25519 signature has 64 bytes, this one has 5.");
+        } else if (scenario == u"no bundle") {
+            const QString archivePath = root() + QStringLiteral("/odd.tar.xz");
+            writeArchive({ArchiveEntry{QStringLiteral("Other.app/Veldspar"), ArchiveEntry::Kind::File, 0755, "x", {}, 0}}, archivePath);
+            const QByteArray archive = get(archivePath);
+            m_server->serve(QStringLiteral("/Veldspar-1.1.tar.xz"), archive);
+            serveFeed({feedItem(QStringLiteral("1.1"), archiveUrl, archive.size(), signature(archive))});
+            expected = QStringLiteral("The update archive does not contain the folder Veldspar.app.");
+        } else if (scenario == u"http download") {
+            serveFeed({feedItem(QStringLiteral("1.1"), QStringLiteral("http://updates.veldspar.example/Veldspar-1.1.tar.xz"),
+                                1000, signature("x"))});
+            expected = QStringLiteral("Veldspar refuses to download the update 1.1: "
+                                      "http://updates.veldspar.example/Veldspar-1.1.tar.xz is plain http; updates are only "
+                                      "fetched over https.");
+        } else if (scenario == u"redirect") {
+            const QByteArray archive = publish(next, QStringLiteral("/Veldspar-1.1.tar.xz"));
+            Route redirect;
+            redirect.status = 302;
+            redirect.location = "http://updates.veldspar.example/Veldspar-1.1.tar.xz";
+            m_server->serve(QStringLiteral("/moved.tar.xz"), redirect);
+            serveFeed({feedItem(QStringLiteral("1.1"), m_server->url(QStringLiteral("/moved.tar.xz")), archive.size(), signature(archive))});
+            expected = QStringLiteral("Veldspar refuses to download the update 1.1: the server redirects to "
+                                      "http://updates.veldspar.example/Veldspar-1.1.tar.xz, which is plain http; updates are "
+                                      "only fetched over https.");
+        }
+
+        RecordingDriver driver;
+        auto updater = startedUpdater(driver);
+        checkAndWait(*updater);
+        QVERIFY2(driver.error.has_value(), qPrintable(driver.events.join(u',')));
+        const QString message = driver.error->localizedDescription();
+        if (prefixOnly)
+            QVERIFY2(message.startsWith(expected), qPrintable(message));
+        else
+            QCOMPARE(message, expected);
+        QCOMPARE(driver.error->domain(), updateErrorDomain);
+        QCOMPARE(updater->lastError()->localizedDescription(), message);
+        QVERIFY(!driver.events.contains(QStringLiteral("ready")));
+        QVERIFY(updater->canCheckForUpdates());
+        expectUntouched(before);
+    }
+
+    void nonLoopbackHttpFeedIsRefused()
+    {
+        BundleRecipe recipe = installedRecipe();
+        recipe.feedUrl = QStringLiteral("http://updates.veldspar.example/appcast.xml");
+        install(recipe);
+        const QMap<QString, QByteArray> before = snapshot(m_bundle);
+        RecordingDriver driver;
+        Updater updater(&driver, nullptr, nullptr, m_bundle);
+        try {
+            updater.start();
+            QFAIL("an http feed was accepted");
+        } catch (const Error &error) {
+            QCOMPARE(error.localizedDescription(),
+                     QStringLiteral("The update feed SUFeedURL in Info.plist is refused: "
+                                    "http://updates.veldspar.example/appcast.xml is plain http; updates are only fetched "
+                                    "over https."));
+            QCOMPARE(error.code(), int(UpdateErrorCode::InsecureLink));
+        }
+        QVERIFY(!updater.canCheckForUpdates());
+        updater.checkForUpdates();
+        QTest::qWait(100);
+        QVERIFY(driver.events.isEmpty());
+        expectUntouched(before);
+    }
+
+    void scheduledCheckDropsRefusalsSilently()
+    {
+        install(installedRecipe());
+        m_server->serve(QStringLiteral("/appcast.xml"), "no feed here", "text/plain");
+        RecordingDriver driver;
+        auto updater = startedUpdater(driver);
+        QSignalSpy finished(updater.get(), &Updater::sessionFinished);
+        updater->checkForUpdatesInBackground();
+        QTRY_COMPARE(finished.count(), 1);
+        QVERIFY(updater->lastError().has_value());
+        QCOMPARE(driver.events, QStringList{QStringLiteral("dismiss")});
+        QVERIFY(!driver.error);
+    }
+
+    void folderThatIsNotWritableIsReportedAndNothingChanges()
+    {
+        install(installedRecipe());
+        publishGoodUpdate();
+        const QMap<QString, QByteArray> before = snapshot(m_bundle);
+        RecordingDriver driver;
+        auto updater = startedUpdater(driver);
+        QVERIFY(QFile::setPermissions(m_applications, QFile::ReadOwner | QFile::ExeOwner));
+        {
+            // The updater works on this thread until the download would start; root must
+            // obey the folder's permissions here like everybody else.
+            WithoutFilePermissionOverride asAUser;
+            checkAndWait(*updater);
+        }
+        QVERIFY(QFile::setPermissions(m_applications, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        QVERIFY(driver.error);
+        QCOMPARE(driver.error->localizedDescription(),
+                 QStringLiteral("Veldspar cannot update itself in %1: Permission denied.").arg(m_applications));
+        QCOMPARE(driver.error->code(), int(UpdateErrorCode::NotWritable));
+        QCOMPARE(m_server->requestsFor(QStringLiteral("/Veldspar-1.1.tar.xz")), 0);
+        expectUntouched(before);
+    }
+
+    // -----------------------------------------------------------------------------------
+    // Unpacking and swapping
+
+    void archiveFormatsUnpack_data()
+    {
+        QTest::addColumn<ArchiveFormat>("format");
+        QTest::newRow("tar.xz") << ArchiveFormat::TarXz;
+        QTest::newRow("tar.gz") << ArchiveFormat::TarGz;
+        QTest::newRow("zip") << ArchiveFormat::Zip;
+    }
+
+    void archiveFormatsUnpack()
+    {
+        QFETCH(ArchiveFormat, format);
+        install(installedRecipe());
+        BundleRecipe next = installedRecipe();
+        next.version = QStringLiteral("1.1");
+        const QByteArray archive = publish(next, QStringLiteral("/x"), format);
+        const AppcastItem item = parseAppcast(feedXml({feedItem(QStringLiteral("1.1"), QStringLiteral("https://a.example/x"),
+                                                                archive.size(), signature(archive))}),
+                                              {})
+                                     .items.first();
+        put(root() + QStringLiteral("/download"), archive);
+        const QString staged = stageUpdate(root() + QStringLiteral("/download"), root() + QStringLiteral("/unpacked"), item,
+                                           m_keys.publicKey, readBundleInfo(m_bundle));
+        QCOMPARE(staged, root() + QStringLiteral("/unpacked/Veldspar.app"));
+        QCOMPARE(snapshot(staged), snapshot(m_lastRelease));
+        QVERIFY(QFileInfo(staged + QStringLiteral("/Veldspar")).isExecutable());
+    }
+
+    void archivesThatReachOutsideAreRefused_data()
+    {
+        QTest::addColumn<QList<ArchiveEntry>>("entries");
+        QTest::addColumn<QString>("message");
+        const ArchiveEntry folder{QStringLiteral("Veldspar.app"), ArchiveEntry::Kind::Folder, 0755, {}, {}, 0};
+        QTest::newRow("dot dot") << QList<ArchiveEntry>{folder, {QStringLiteral("Veldspar.app/../../escaped"), ArchiveEntry::Kind::File, 0644, "x", {}, 0}}
+                                 << QStringLiteral("The update archive cannot be unpacked: the entry \u201cVeldspar.app/../../escaped\u201d "
+                                                   "lies outside the archive's folder.");
+        QTest::newRow("absolute path") << QList<ArchiveEntry>{{QStringLiteral("/tmp/escaped"), ArchiveEntry::Kind::File, 0644, "x", {}, 0}}
+                                       << QStringLiteral("The update archive cannot be unpacked: the entry \u201c/tmp/escaped\u201d lies "
+                                                         "outside the archive's folder.");
+        QTest::newRow("link outside") << QList<ArchiveEntry>{folder, {QStringLiteral("Veldspar.app/key"), ArchiveEntry::Kind::Link, 0777, {}, QStringLiteral("/etc/passwd"), 0}}
+                                      << QStringLiteral("The update archive cannot be unpacked: the link \u201cVeldspar.app/key\u201d points "
+                                                        "outside the archive's folder.");
+    }
+
+    void archivesThatReachOutsideAreRefused()
+    {
+        QFETCH(QList<ArchiveEntry>, entries);
+        QFETCH(QString, message);
+        const QString archivePath = root() + QStringLiteral("/evil.tar.xz");
+        writeArchive(entries, archivePath);
+        const QString destination = root() + QStringLiteral("/deep/er/unpacked");
+        QVERIFY(QDir().mkpath(destination));
+        try {
+            extractArchive(get(archivePath), destination);
+            QFAIL("the archive was unpacked");
+        } catch (const Error &error) {
+            QCOMPARE(error.localizedDescription(), message);
+        }
+        QVERIFY(!QFileInfo::exists(root() + QStringLiteral("/deep/escaped")));
+        QVERIFY(!QFileInfo::exists(QStringLiteral("/tmp/escaped")));
+    }
+
+    void swapPutsTheNewBundleInPlace()
+    {
+        install(installedRecipe());
+        BundleRecipe next = installedRecipe();
+        next.version = QStringLiteral("1.1");
+        const QString staged = m_applications + QStringLiteral("/.staging/unpacked/Veldspar.app");
+        writeBundle(staged, next);
+        const QMap<QString, QByteArray> expected = snapshot(staged);
+        swapBundles(m_bundle, staged);
+        QCOMPARE(snapshot(m_bundle), expected);
+        QVERIFY(removeTree(m_applications + QStringLiteral("/.staging")));
+        QCOMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+    }
+
+    void swapRollsBackWhenTheNewBundleCannotMoveIn()
+    {
+        install(installedRecipe());
+        const QMap<QString, QByteArray> before = snapshot(m_bundle);
+        BundleRecipe next = installedRecipe();
+        next.version = QStringLiteral("1.1");
+        const QString staged = m_applications + QStringLiteral("/.staging/unpacked/Veldspar.app");
+        writeBundle(staged, next);
+
+        // No atomic exchange on this filesystem, and moving the new bundle in fails.
+        SwapOperations operations = systemSwapOperations();
+        const auto rename = operations.rename;
+        QStringList calls;
+        operations.exchange = [](const QString &, const QString &) { return EINVAL; };
+        operations.rename = [&](const QString &from, const QString &to) {
+            calls << QFileInfo(from).fileName() + QStringLiteral(" -> ") + QFileInfo(to).fileName();
+            if (QFileInfo(from).fileName().endsWith(QStringLiteral("-incoming")) && to == m_bundle)
+                return EIO;
+            return rename(from, to);
+        };
+        try {
+            swapBundles(m_bundle, staged, operations);
+            QFAIL("the swap succeeded");
+        } catch (const Error &error) {
+            QCOMPARE(error.code(), int(UpdateErrorCode::InstallationFailed));
+            QCOMPARE(error.localizedDescription(),
+                     QStringLiteral("Veldspar could not put the update in place of %1: moving the update in failed: %2. The "
+                                    "installed version was left as it was.")
+                         .arg(m_bundle, QString::fromLocal8Bit(strerror(EIO))));
+        }
+        QCOMPARE(calls, (QStringList{QStringLiteral("Veldspar.app -> .Veldspar.app-incoming"),
+                                     QStringLiteral("Veldspar.app -> .Veldspar.app-previous"),
+                                     QStringLiteral(".Veldspar.app-incoming -> Veldspar.app"),
+                                     QStringLiteral(".Veldspar.app-previous -> Veldspar.app")}));
+        QCOMPARE(snapshot(m_bundle), before);
+        QVERIFY(removeTree(m_applications + QStringLiteral("/.staging")));
+        QCOMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+    }
+
+    // -----------------------------------------------------------------------------------
+    // The release tool
+
+    void releaseToolSignsAndVerifies()
+    {
+        const QString keyFile = root() + QStringLiteral("/keys/release-key");
+        int status = -1;
+        QString errors;
+        const QString generated = runTool({QStringLiteral("generate-keys"), QStringLiteral("--key-file"), keyFile}, &status);
+        QCOMPARE(status, 0);
+        QCOMPARE(QFileInfo(keyFile).permissions() & (QFile::ReadGroup | QFile::ReadOther), QFile::Permissions());
+        const QString publicKey = runTool({QStringLiteral("public-key"), QStringLiteral("--key-file"), keyFile}, &status).trimmed();
+        QCOMPARE(status, 0);
+        QVERIFY(generated.contains(QStringLiteral("<string>%1</string>").arg(publicKey)));
+        QCOMPARE(decodePublicEdKey(publicKey).size(), 32);
+
+        // A second generate-keys never overwrites the key.
+        runTool({QStringLiteral("generate-keys"), QStringLiteral("--key-file"), keyFile}, &status, &errors);
+        QCOMPARE(status, 1);
+        QVERIFY2(errors.contains(QStringLiteral("already exists")), qPrintable(errors));
+        QCOMPARE(runTool({QStringLiteral("public-key"), QStringLiteral("--key-file"), keyFile}).trimmed(), publicKey);
+
+        const QString file = root() + QStringLiteral("/Veldspar-1.1.tar.xz");
+        const QByteArray bytes = QByteArray(5000, 'a') + "release";
+        put(file, bytes);
+        const QString signed_ = runTool({QStringLiteral("sign"), file, QStringLiteral("--key-file"), keyFile}, &status).trimmed();
+        QCOMPARE(status, 0);
+        const QRegularExpression form(QStringLiteral("^sparkle:edSignature=\"([A-Za-z0-9+/=]{88})\" length=\"5007\"$"));
+        const QRegularExpressionMatch match = form.match(signed_);
+        QVERIFY2(match.hasMatch(), qPrintable(signed_));
+        const QString sig = match.captured(1);
+        // The signature is what the engine checks.
+        QVERIFY(verifyDetached(bytes, *decodeSignature(sig), decodePublicEdKey(publicKey)));
+
+        QCOMPARE(runTool({QStringLiteral("verify"), file, sig, publicKey}, &status),
+                 QStringLiteral("The signature is valid for %1 (5007 bytes).\n").arg(file));
+        QCOMPARE(status, 0);
+
+        put(file, bytes + "!");
+        runTool({QStringLiteral("verify"), file, sig, publicKey}, &status, &errors);
+        QCOMPARE(status, 1);
+        QCOMPARE(errors, QStringLiteral("The signature does NOT match %1 (5008 bytes): the file was changed after signing, "
+                                        "or signed with another key.\n")
+                             .arg(file));
+        put(file, bytes);
+        runTool({QStringLiteral("verify"), file, sig, QString::fromLatin1(m_keys.publicKey.toBase64())}, &status);
+        QCOMPARE(status, 1);
+    }
+
+    void releaseToolComparesVersions()
+    {
+        QCOMPARE(runTool({QStringLiteral("compare-versions"), QStringLiteral("1.0b1"), QStringLiteral("1.0")}), QStringLiteral("<\n"));
+        QCOMPARE(runTool({QStringLiteral("compare-versions"), QStringLiteral("1.0"), QStringLiteral("1.0.0")}), QStringLiteral("=\n"));
+        QCOMPARE(runTool({QStringLiteral("compare-versions"), QStringLiteral("1.0b10"), QStringLiteral("1.0b9")}), QStringLiteral(">\n"));
+    }
+
+    void releaseToolExplainsAFeed()
+    {
+        const QString url = QStringLiteral("Veldspar.tar.xz");
+        const QByteArray xml = feedXml({
+            feedItem(QStringLiteral("1.3"), url, 5, QStringLiteral("s"), {}, QString()),
+            feedItem(QStringLiteral("1.2"), url, 5, QStringLiteral("s"), QStringLiteral("<sparkle:channel>beta</sparkle:channel>")),
+            feedItem(QStringLiteral("1.1"), url, 5, QStringLiteral("s"), QStringLiteral("<sparkle:criticalUpdate/>")),
+            feedItem(QStringLiteral("1.0.1"), url, 5, QStringLiteral("s")),
+            feedItem(QStringLiteral("1.0"), url, 5, QStringLiteral("s")),
+            feedItem(QStringLiteral("2.0"), url, 5, QStringLiteral("s"),
+                     QStringLiteral("<sparkle:minimumSystemVersion>99</sparkle:minimumSystemVersion>")),
+        });
+        m_server->serve(QStringLiteral("/feed.xml"), xml, "application/rss+xml");
+        const QString feedUrl = m_server->url(QStringLiteral("/feed.xml"));
+        int status = -1;
+        const QString report = runTool({QStringLiteral("check-feed"), feedUrl, QStringLiteral("--current-version"), QStringLiteral("1.0"),
+                                        QStringLiteral("--system-version"), QStringLiteral("6.1.0")},
+                                       &status);
+        QCOMPARE(status, 0);
+        QCOMPARE(report, QStringLiteral("Feed: %1 (\u201cVeldspar\u201d), 6 items\n"
+                                        "Checking as version 1.0 on system version 6.1.0, a user-initiated check\n"
+                                        "  1. 1.3: rejected \u2014 is not for Linux: it has no sparkle:os, so it is meant for macOS\n"
+                                        "  2. 1.2: rejected \u2014 is on the channel \u201c""beta\u201d, which this app does not follow\n"
+                                        "  3. 1.1: offered \u2014 the newest eligible version newer than 1.0, a critical update\n"
+                                        "  4. 1.0.1: passed over \u2014 eligible, but 1.1 is newer\n"
+                                        "  5. 1.0: rejected \u2014 is not newer than the current version 1.0\n"
+                                        "  6. 2.0: rejected \u2014 needs system version 99 or later; this system is 6.1.0\n"
+                                        "Would offer 1.1: the newest eligible version newer than 1.0, a critical update\n")
+                             .arg(feedUrl));
+
+        // From a file, and with nothing to offer.
+        const QString file = root() + QStringLiteral("/feed.xml");
+        put(file, xml);
+        const QString none = runTool({QStringLiteral("check-feed"), file, QStringLiteral("--current-version"), QStringLiteral("1.1"),
+                                      QStringLiteral("--system-version"), QStringLiteral("6.1.0"), QStringLiteral("--base-url"),
+                                      QStringLiteral("https://updates.veldspar.example/")},
+                                     &status);
+        QCOMPARE(status, 0);
+        QVERIFY2(none.endsWith(QStringLiteral("Would offer nothing: no item of the feed is eligible and newer than 1.1\n")), qPrintable(none));
+
+        // A broken feed is reported, not explained.
+        put(file, "<rss><channel><item><enclosure url=\"ftp://a.example/x\"/></item></channel></rss>");
+        QString errors;
+        runTool({QStringLiteral("check-feed"), file, QStringLiteral("--current-version"), QStringLiteral("1.0")}, &status, &errors);
+        QCOMPARE(status, 1);
+        QCOMPARE(errors, QStringLiteral("The update feed is not valid: item #1 links to ftp://a.example/x; only http and https "
+                                        "links are allowed.\n"));
+    }
+
+    void releaseToolPacksABundleTheUpdaterAccepts()
+    {
+        install(installedRecipe());
+        BundleRecipe next = installedRecipe();
+        next.version = QStringLiteral("1.1");
+        const QString bundle = root() + QStringLiteral("/build/Veldspar.app");
+        writeBundle(bundle, next);
+        const QString keyFile = root() + QStringLiteral("/key");
+        put(keyFile, m_keys.seed.toBase64() + '\n');
+        const QString archivePath = root() + QStringLiteral("/dist/Veldspar-1.1.tar.xz");
+        QDir().mkpath(root() + QStringLiteral("/dist"));
+        int status = -1;
+        runTool({QStringLiteral("archive"), bundle, archivePath}, &status);
+        QCOMPARE(status, 0);
+        QCOMPARE(runTool({QStringLiteral("bundle-version"), bundle}), QStringLiteral("1.1\n"));
+        const QString item = runTool({QStringLiteral("appcast-item"), archivePath, QStringLiteral("--bundle"), bundle,
+                                      QStringLiteral("--key-file"), keyFile},
+                                     &status);
+        QCOMPARE(status, 0);
+        QVERIFY2(item.contains(QStringLiteral("<enclosure url=\"%1\" sparkle:os=\"linux\"")
+                                   .arg(m_server->url(QStringLiteral("/Veldspar-1.1.tar.xz")))),
+                 qPrintable(item));
+
+        // The printed item, served as the feed, updates the installed bundle.
+        m_server->serve(QStringLiteral("/Veldspar-1.1.tar.xz"), get(archivePath));
+        m_server->serve(QStringLiteral("/appcast.xml"),
+                        QStringLiteral("<rss version=\"2.0\" xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/sparkle\">"
+                                       "<channel>%1</channel></rss>")
+                            .arg(item)
+                            .toUtf8());
+        RecordingDriver driver;
+        auto updater = startedUpdater(driver);
+        updater->checkForUpdates();
+        QTRY_COMPARE_WITH_TIMEOUT(m_relaunches.size(), 1, 20000);
+        QCOMPARE(snapshot(m_bundle), snapshot(bundle));
+    }
+};
+
+QTEST_GUILESS_MAIN(UpdatesTest)
+#include "tst_updates.moc"

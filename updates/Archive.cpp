@@ -1,0 +1,130 @@
+#include "updates/Archive.h"
+
+#include "updates/UpdateErrors.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <archive.h>
+#include <archive_entry.h>
+
+#include <memory>
+
+namespace {
+struct ReadDeleter
+{
+    void operator()(archive *handle) const { archive_read_free(handle); }
+};
+struct WriteDeleter
+{
+    void operator()(archive *handle) const { archive_write_free(handle); }
+};
+
+Error failure(const QString &reason)
+{
+    return updateError(UpdateErrorCode::ExtractionFailed,
+                       QStringLiteral("The update archive cannot be unpacked: %1.").arg(reason));
+}
+
+QString archiveMessage(archive *handle)
+{
+    const char *text = archive_error_string(handle);
+    return text ? QString::fromLocal8Bit(text) : QStringLiteral("unknown error");
+}
+
+QString entryPath(archive_entry *entry)
+{
+    if (const char *utf8 = archive_entry_pathname_utf8(entry))
+        return QString::fromUtf8(utf8);
+    if (const char *local = archive_entry_pathname(entry))
+        return QFile::decodeName(local);
+    return QString();
+}
+
+bool escapes(const QString &relative)
+{
+    return relative == u".." || relative.startsWith(QStringLiteral("../")) || QDir::isAbsolutePath(relative);
+}
+} // namespace
+
+void extractArchive(const QByteArray &bytes, const QString &destination)
+{
+    std::unique_ptr<archive, ReadDeleter> reader(archive_read_new());
+    archive_read_support_filter_all(reader.get());
+    archive_read_support_format_tar(reader.get());
+    archive_read_support_format_gnutar(reader.get());
+    archive_read_support_format_zip(reader.get());
+    if (archive_read_open_memory(reader.get(), bytes.constData(), size_t(bytes.size())) != ARCHIVE_OK)
+        throw failure(archiveMessage(reader.get()));
+
+    std::unique_ptr<archive, WriteDeleter> writer(archive_write_disk_new());
+    archive_write_disk_set_options(writer.get(), ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM
+                                                     | ARCHIVE_EXTRACT_SECURE_SYMLINKS
+                                                     | ARCHIVE_EXTRACT_SECURE_NODOTDOT);
+
+    // Entries go below the destination's real path: links in the folders above it are the
+    // user's own, links inside it are what the secure-symlinks option guards against. Entry
+    // names are checked to be relative one by one below.
+    const QString root = QFileInfo(destination).canonicalFilePath();
+    if (root.isEmpty())
+        throw failure(QStringLiteral("the folder %1 does not exist").arg(destination));
+    int entries = 0;
+    for (;;) {
+        archive_entry *entry = nullptr;
+        const int status = archive_read_next_header(reader.get(), &entry);
+        if (status == ARCHIVE_EOF)
+            break;
+        if (status < ARCHIVE_WARN)
+            throw failure(archiveMessage(reader.get()));
+
+        const QString written = entryPath(entry);
+        const QString relative = QDir::cleanPath(written);
+        if (written.isEmpty() || escapes(relative))
+            throw failure(QStringLiteral("the entry \u201c%1\u201d lies outside the archive's folder").arg(written));
+        if (relative == u".")
+            continue;
+        if (archive_entry_hardlink(entry))
+            throw failure(QStringLiteral("the entry \u201c%1\u201d is a hard link").arg(written));
+        const mode_t type = archive_entry_filetype(entry);
+        if (type == AE_IFLNK) {
+            const char *target = archive_entry_symlink(entry);
+            const QString linkTarget = target ? QFile::decodeName(target) : QString();
+            const QString resolved = QDir::cleanPath(QFileInfo(relative).path() + u'/' + linkTarget);
+            if (linkTarget.isEmpty() || QDir::isAbsolutePath(linkTarget) || escapes(resolved))
+                throw failure(QStringLiteral("the link \u201c%1\u201d points outside the archive's folder").arg(written));
+        } else if (type != AE_IFREG && type != AE_IFDIR) {
+            throw failure(QStringLiteral("the entry \u201c%1\u201d is neither a file, a folder nor a link").arg(written));
+        }
+
+        // Owner access always, so that the staged copy can be cleaned up; never set-id bits.
+        mode_t permissions = archive_entry_perm(entry) & 0777;
+        permissions |= type == AE_IFDIR ? 0700 : 0600;
+        archive_entry_set_perm(entry, permissions);
+        archive_entry_set_pathname_utf8(entry, QString(root + u'/' + relative).toUtf8().constData());
+
+        if (archive_write_header(writer.get(), entry) < ARCHIVE_WARN)
+            throw failure(archiveMessage(writer.get()));
+        if (type == AE_IFREG) {
+            const void *block = nullptr;
+            size_t size = 0;
+            la_int64_t offset = 0;
+            for (;;) {
+                const int read = archive_read_data_block(reader.get(), &block, &size, &offset);
+                if (read == ARCHIVE_EOF)
+                    break;
+                if (read < ARCHIVE_WARN)
+                    throw failure(archiveMessage(reader.get()));
+                if (archive_write_data_block(writer.get(), block, size, offset) < ARCHIVE_WARN)
+                    throw failure(archiveMessage(writer.get()));
+            }
+        }
+        if (archive_write_finish_entry(writer.get()) < ARCHIVE_WARN)
+            throw failure(archiveMessage(writer.get()));
+        ++entries;
+    }
+    if (archive_write_close(writer.get()) < ARCHIVE_WARN)
+        throw failure(archiveMessage(writer.get()));
+    if (entries == 0)
+        throw failure(QStringLiteral("it is empty"));
+}

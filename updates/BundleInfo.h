@@ -1,0 +1,55 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QUrl>
+#include <QVariantMap>
+
+#include <optional>
+
+// What a bundle's Resources/Info.plist says about it and about its updates.
+struct BundleInfo
+{
+    QString path;         // the bundle folder
+    QString identifier;   // CFBundleIdentifier
+    QString version;      // CFBundleVersion: what updates are compared with
+    QString shortVersion; // CFBundleShortVersionString, else CFBundleVersion: what users see
+    QString name;         // CFBundleName, else "Veldspar"
+    QString executable;   // CFBundleExecutable, else "Veldspar"
+    QVariantMap properties;
+
+    // The update settings, raw; see UpdaterConfiguration for their checked form.
+    std::optional<QString> feedUrl;               // SUFeedURL
+    std::optional<QString> publicEdKey;           // SUPublicEDKey
+    std::optional<bool> enableAutomaticChecks;    // SUEnableAutomaticChecks
+    std::optional<qint64> scheduledCheckInterval; // SUScheduledCheckInterval, seconds
+
+    QString infoPlistPath() const { return path + QStringLiteral("/Resources/Info.plist"); }
+    QString executablePath() const { return path + u'/' + executable; }
+};
+
+// Reads the bundle's Info.plist; throws Error when it is missing, unreadable, not a property
+// list, or has no CFBundleIdentifier or CFBundleVersion.
+BundleInfo readBundleInfo(const QString &bundlePath);
+
+// The update settings, checked: what the updater needs before it can start.
+struct UpdaterConfiguration
+{
+    QUrl feedUrl;
+    QByteArray publicKey; // 32 bytes
+    std::optional<bool> enableAutomaticChecks;
+    qint64 checkInterval = 86400; // seconds; 0 = never
+};
+
+constexpr qint64 defaultCheckInterval = 86400;
+constexpr qint64 minimumCheckInterval = 3600;
+
+// Throws Error with a message naming the setting when SUFeedURL is missing or neither https
+// nor loopback http, or SUPublicEDKey is missing or not the base64 text of 32 bytes.
+UpdaterConfiguration updaterConfiguration(const BundleInfo &bundle);
+
+// The interval a setting asks for: absent or negative → 86400, 0 → never, else at least 3600.
+qint64 normalizedCheckInterval(std::optional<qint64> seconds);
+
+// Decodes SUPublicEDKey; throws Error saying what is wrong with it.
+QByteArray decodePublicEdKey(const QString &base64);

@@ -1,0 +1,185 @@
+#include "updates/Updater.h"
+
+#include "platform/Bundle.h"
+#include "updates/UpdateSession.h"
+#include "updates/UserDriver.h"
+#include "updates/UserSettings.h"
+
+#include <QCoreApplication>
+
+namespace {
+// QTimer counts milliseconds in an int; longer waits are taken in steps.
+constexpr qint64 longestTimerStep = qint64(24) * 24 * 3600 * 1000;
+} // namespace
+
+Updater::Updater(UserDriver *driver, UpdaterDelegate *delegate, QObject *parent, const QString &bundlePath)
+    : QObject(parent), m_driver(driver), m_delegate(delegate), m_bundlePath(bundlePath)
+{
+    Q_ASSERT(driver);
+    m_scheduleTimer.setSingleShot(true);
+    connect(&m_scheduleTimer, &QTimer::timeout, this, &Updater::scheduledCheckDue);
+    if (QCoreApplication *application = QCoreApplication::instance())
+        connect(application, &QCoreApplication::aboutToQuit, this, &Updater::installUpdateOnQuit);
+}
+
+Updater::~Updater()
+{
+    if (m_session)
+        m_session->deleteFetchesNow = true;
+    m_session.reset();
+}
+
+void Updater::start()
+{
+    if (m_started)
+        return;
+    const bool automaticBefore = automaticallyChecksForUpdates();
+    m_host = readBundleInfo(m_bundlePath.isEmpty() ? bundleLocation() : m_bundlePath);
+    m_configuration = updaterConfiguration(m_host);
+    m_started = true;
+    refreshCanCheck();
+    if (automaticallyChecksForUpdates() != automaticBefore)
+        Q_EMIT automaticallyChecksForUpdatesChanged(automaticallyChecksForUpdates());
+    askPermissionIfNeeded();
+    reschedule();
+}
+
+bool Updater::canCheckForUpdates() const
+{
+    if (!m_started)
+        return false;
+    if (!m_session)
+        return true;
+    switch (m_session->stage) {
+    case UpdateSession::Stage::Offered:
+    case UpdateSession::Stage::ReadyToInstall:
+    case UpdateSession::Stage::Postponed:
+        return true; // waiting for the user or the delegate, nothing running
+    default:
+        return false;
+    }
+}
+
+void Updater::refreshCanCheck()
+{
+    const bool now = canCheckForUpdates();
+    if (now == m_canCheck)
+        return;
+    m_canCheck = now;
+    Q_EMIT canCheckForUpdatesChanged(now);
+}
+
+bool Updater::automaticallyChecksForUpdates() const
+{
+    return UpdateUserSettings::automaticChecks().value_or(m_configuration.enableAutomaticChecks.value_or(false));
+}
+
+void Updater::setAutomaticallyChecksForUpdates(bool on)
+{
+    const bool before = automaticallyChecksForUpdates();
+    UpdateUserSettings::setAutomaticChecks(on);
+    if (before != on)
+        Q_EMIT automaticallyChecksForUpdatesChanged(on);
+    reschedule();
+}
+
+qint64 Updater::updateCheckInterval() const
+{
+    if (const auto chosen = UpdateUserSettings::checkInterval())
+        return normalizedCheckInterval(chosen);
+    return m_configuration.checkInterval;
+}
+
+void Updater::setUpdateCheckInterval(qint64 seconds)
+{
+    UpdateUserSettings::setCheckInterval(seconds);
+    reschedule();
+}
+
+QDateTime Updater::lastUpdateCheckDate() const
+{
+    return UpdateUserSettings::lastCheckTime();
+}
+
+QString Updater::skippedVersion() const
+{
+    return UpdateUserSettings::skippedVersion();
+}
+
+// The second launch asks once, unless Info.plist or the user already decided.
+void Updater::askPermissionIfNeeded()
+{
+    const bool decided = UpdateUserSettings::automaticChecks() || m_configuration.enableAutomaticChecks;
+    const bool launchedBefore = UpdateUserSettings::hasLaunchedBefore();
+    UpdateUserSettings::setHasLaunchedBefore();
+    if (decided || !launchedBefore)
+        return;
+    QPointer<Updater> self(this);
+    auto used = std::make_shared<bool>(false);
+    auto reply = [self, used](bool automaticChecks) {
+        if (*used || !self)
+            return;
+        *used = true;
+        QMetaObject::invokeMethod(
+            self.data(),
+            [self, automaticChecks] {
+                if (self && !UpdateUserSettings::automaticChecks())
+                    self->setAutomaticallyChecksForUpdates(automaticChecks);
+            },
+            Qt::QueuedConnection);
+    };
+    // After start() has returned, so that the question comes once the app is up.
+    QMetaObject::invokeMethod(
+        this, [this, reply] { m_driver->showUpdatePermissionRequest(reply); }, Qt::QueuedConnection);
+}
+
+void Updater::reschedule()
+{
+    m_scheduleTimer.stop();
+    m_nextCheck = QDateTime();
+    const qint64 interval = updateCheckInterval();
+    if (!m_started || !automaticallyChecksForUpdates() || interval <= 0)
+        return;
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    const QDateTime last = lastUpdateCheckDate();
+    QDateTime due;
+    if (!last.isValid())
+        due = now;
+    else if (last > now) // the clock went back: count from now
+        due = now.addSecs(interval);
+    else
+        due = qMax(last.addSecs(interval), now);
+    m_nextCheck = due;
+    m_scheduleTimer.start(int(qBound(qint64(0), now.msecsTo(due), longestTimerStep)));
+}
+
+void Updater::scheduledCheckDue()
+{
+    if (m_nextCheck.isValid() && QDateTime::currentDateTimeUtc() < m_nextCheck) {
+        reschedule(); // a wait longer than one timer step
+        return;
+    }
+    if (m_session)
+        return; // the session's end schedules again
+    checkForUpdatesInBackground();
+}
+
+void Updater::endSession(std::optional<Error> error)
+{
+    m_lastError = std::move(error);
+    const std::unique_ptr<UpdateSession> ended = std::move(m_session);
+    refreshCanCheck();
+    reschedule();
+    Q_EMIT sessionFinished();
+}
+
+void Updater::fail(const Error &error)
+{
+    const bool show = m_session && (m_session->kind == CheckKind::UserInitiated || m_session->userEngaged);
+    qInfo("The update session ended: %s", qPrintable(error.description()));
+    endSession(error);
+    if (show)
+        m_driver->showUpdaterError(error);
+    else
+        m_driver->dismissUpdateInstallation();
+}
