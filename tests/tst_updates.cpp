@@ -852,6 +852,7 @@ private Q_SLOTS:
                      QStringLiteral("<sparkle:minimumSystemVersion>6.0</sparkle:minimumSystemVersion>"
                                     "<sparkle:maximumSystemVersion>6.9</sparkle:maximumSystemVersion>")),
             feedItem(QStringLiteral("0.9"), url, 5, QStringLiteral("s")),
+            feedItem(QStringLiteral("1.2.0"), url, 5, QStringLiteral("s")),
         });
         CheckContext context;
         context.currentVersion = QStringLiteral("1.0");
@@ -873,6 +874,7 @@ private Q_SLOTS:
                      QStringLiteral("2.6: is only for system versions up to 5.4; this system is 6.1.0-18-amd64"),
                      QStringLiteral("1.2: offered: the newest eligible version newer than 1.0"),
                      QStringLiteral("0.9: is not newer than the current version 1.0"),
+                     QStringLiteral("1.2.0: eligible, but an earlier item has the same version"),
                  }));
     }
 
@@ -1662,7 +1664,10 @@ private Q_SLOTS:
                                         "  4. 1.0.1: passed over \u2014 eligible, but 1.1 is newer\n"
                                         "  5. 1.0: rejected \u2014 is not newer than the current version 1.0\n"
                                         "  6. 2.0: rejected \u2014 needs system version 99 or later; this system is 6.1.0\n"
-                                        "Would offer 1.1: the newest eligible version newer than 1.0, a critical update\n")
+                                        "Would offer 1.1: the newest eligible version newer than 1.0, a critical update\n"
+                                        "But its download would be refused: The EdDSA signature (sparkle:edSignature) the "
+                                        "feed gives for version 1.1 is malformed: an Ed25519 signature has 64 bytes, this one has "
+                                        "0.\n")
                              .arg(feedUrl));
 
         // From a file, and with nothing to offer.

@@ -81,7 +81,10 @@ UpdateChoice chooseUpdate(const Appcast &appcast, const CheckContext &context)
             verdict.chosen = true;
             verdict.explanation = QStringLiteral("offered: ") + what;
         } else if (verdict.eligible) {
-            verdict.explanation = QStringLiteral("eligible, but %1 is newer").arg(best->versionLabel());
+            const bool sameVersion = compareVersions(appcast.items.at(i).version, best->version) == 0;
+            verdict.explanation = sameVersion
+                ? QStringLiteral("eligible, but an earlier item has the same version")
+                : QStringLiteral("eligible, but %1 is newer").arg(best->versionLabel());
         }
     }
     choice.summary = QStringLiteral("%1: %2").arg(best->versionLabel(), what);

@@ -7,6 +7,7 @@
 #include "updates/Eligibility.h"
 #include "updates/Fetch.h"
 #include "updates/Signature.h"
+#include "updates/StagedUpdate.h"
 #include "updates/SystemVersion.h"
 #include "updates/VersionComparator.h"
 
@@ -217,6 +218,14 @@ int checkFeed(const Arguments &arguments, QTextStream &out, QTextStream &err)
         out << "  " << verdict.position << ". " << verdict.label << ": " << fate << " \u2014 " << explanation << '\n';
     }
     out << "Would offer " << choice.summary << '\n';
+    // Choosing does not look at the download; a release manager wants to know now.
+    if (choice.item && !choice.item->isInformationalFor(context.currentVersion)) {
+        try {
+            checkEnclosure(*choice.item);
+        } catch (const Error &error) {
+            out << "But its download would be refused: " << error.localizedDescription() << '\n';
+        }
+    }
     return 0;
 }
 
