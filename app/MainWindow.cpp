@@ -6,6 +6,7 @@
 #include "app/RadioTable.h"
 #include "app/ServiceButton.h"
 #include "app/StatusLabel.h"
+#include "updates/EmberlaneUpdates.h"
 
 #include <QAction>
 #include <QApplication>
@@ -68,6 +69,7 @@ QMenuBar *AppDelegate::buildMenu()
     quit->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
     quit->setMenuRole(QAction::QuitRole);
     connect(quit, &QAction::triggered, qApp, &QCoreApplication::quit, Qt::QueuedConnection);
+    EmberlaneUpdates::shared().addMenuItems(applicationMenu);
 
     QMenu *editMenu = menuBar->addMenu(QStringLiteral("Edit"));
     const struct

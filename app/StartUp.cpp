@@ -1,8 +1,11 @@
 #include "app/AppDelegate.h"
 
+#include "updates/EmberlaneUpdates.h"
+
 #include <QGuiApplication>
 #include <QMainWindow>
 #include <QMenuBar>
+#include <QPointer>
 #include <QScreen>
 #include <QTimer>
 
@@ -10,6 +13,13 @@ void AppDelegate::applicationDidFinishLaunching()
 {
     // Closing the one window ends the app, whoever created the application object.
     QGuiApplication::setQuitOnLastWindowClosed(applicationShouldTerminateAfterLastWindowClosed());
+
+    // The updater outlives the controller, so its gate holds the controller weakly.
+    EmberlaneUpdates::shared().blockedReason = [controller = QPointer<AppDelegate>(this)]() -> std::optional<QString> {
+        if (!controller || !controller->busy)
+            return std::nullopt;
+        return QStringLiteral("Wait for the current service or configuration operation to finish.");
+    };
     QMenuBar *menu = buildMenu();
     makeWindow(menu);
     editor = std::make_unique<Draft>();

@@ -2,6 +2,9 @@
 // that each test starts for itself. Bundles live in temporary folders; HOME is temporary too.
 
 #include "Privileges.h"
+#include "TestSupport.h"
+
+#include "app/AppDelegate.h"
 
 #include "tools/veldspar-release/ArchiveWriter.h"
 #include "updates/Appcast.h"
@@ -9,6 +12,8 @@
 #include "updates/BundleInfo.h"
 #include "updates/BundleSwap.h"
 #include "updates/Eligibility.h"
+#include "updates/EmberlaneUpdateCommands.h"
+#include "updates/EmberlaneUpdates.h"
 #include "updates/PropertyList.h"
 #include "updates/Relaunch.h"
 #include "updates/Signature.h"
@@ -21,10 +26,15 @@
 #include "updates/UserSettings.h"
 #include "updates/VersionComparator.h"
 
+#include <QAction>
+#include <QApplication>
+#include <QCheckBox>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
+#include <QMenu>
+#include <QMessageBox>
 #include <QPointer>
 #include <QProcess>
 #include <QRandomGenerator>
@@ -1725,7 +1735,231 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(m_relaunches.size(), 1, 20000);
         QCOMPARE(snapshot(m_bundle), snapshot(bundle));
     }
+
+    // -----------------------------------------------------------------------------------
+    // The app's updater owner: its mirrors, the gate, the held relaunch and the commands
+
+    void emberlaneMirrorsTheUpdaterFromTheNextTurn()
+    {
+        BundleRecipe recipe = installedRecipe();
+        recipe.automaticChecks = false;
+        install(recipe);
+        RecordingDriver driver;
+        EmberlaneUpdates updates(m_bundle, &driver);
+        // Until the event loop has turned once, the mirrors hold their first values.
+        QCOMPARE(updates.canCheck(), false);
+        QCOMPARE(updates.automaticChecks(), true);
+        QTRY_VERIFY(updates.canCheck());
+        QCOMPARE(updates.automaticChecks(), false);
+    }
+
+    void emberlaneWithoutAGateBlocksNothing()
+    {
+        install(installedRecipe());
+        RecordingDriver driver;
+        EmberlaneUpdates updates(m_bundle, &driver);
+        AppcastItem item;
+        item.version = QStringLiteral("1.1");
+        QVERIFY(!updates.shouldProceedWithUpdate(item, CheckKind::UserInitiated));
+        QVERIFY(!updates.shouldPostponeRelaunch(item, [] {}));
+    }
+
+    void emberlaneGateRefusesAFoundUpdateWithItsText()
+    {
+        install(installedRecipe());
+        RecordingDriver driver;
+        EmberlaneUpdates updates(m_bundle, &driver);
+        bool busy = true;
+        updates.blockedReason = [&busy]() -> std::optional<QString> {
+            return busy ? std::optional<QString>(QStringLiteral("Hold on.")) : std::nullopt;
+        };
+        AppcastItem item;
+        item.version = QStringLiteral("1.1");
+        const std::optional<Error> refusal = updates.shouldProceedWithUpdate(item, CheckKind::Scheduled);
+        QVERIFY(refusal);
+        QCOMPARE(refusal->domain(), QStringLiteral("com.emberlane.updates"));
+        QCOMPARE(refusal->code(), 1);
+        QCOMPARE(refusal->userInfo(), QVariantMap({{QStringLiteral("NSLocalizedDescription"), QStringLiteral("Hold on.")}}));
+        busy = false;
+        QVERIFY(!updates.shouldProceedWithUpdate(item, CheckKind::Scheduled));
+    }
+
+    void emberlaneHoldsTheRelaunchUntilTheGateOpens()
+    {
+        install(installedRecipe());
+        RecordingDriver driver;
+        EmberlaneUpdates updates(m_bundle, &driver);
+        bool busy = true;
+        updates.blockedReason = [&busy]() -> std::optional<QString> {
+            return busy ? std::optional<QString>(QStringLiteral("Wait for the current service or configuration operation to finish."))
+                        : std::nullopt;
+        };
+        // Every postponement shows the notice; each is answered with its one button.
+        QString message;
+        QString detail;
+        int alerts = 0;
+        int buttons = 0;
+        QTimer answerer;
+        answerer.setInterval(10);
+        connect(&answerer, &QTimer::timeout, [&] {
+            auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
+            if (!box || box->property("answered").toBool())
+                return;
+            box->setProperty("answered", true);
+            ++alerts;
+            message = box->text();
+            detail = box->informativeText();
+            buttons = int(box->buttons().size());
+            box->buttons().first()->click();
+        });
+        answerer.start();
+
+        AppcastItem item;
+        item.version = QStringLiteral("1.1");
+        int installs = 0;
+        int replaced = 0;
+        QVERIFY(updates.shouldPostponeRelaunch(item, [&replaced] { ++replaced; }));
+        // A second request while waiting replaces the first callback.
+        QVERIFY(updates.shouldPostponeRelaunch(item, [&installs] { ++installs; }));
+        QTRY_COMPARE(message, QStringLiteral("Update waiting"));
+        QCOMPARE(detail, QStringLiteral("Wait for the current service or configuration operation to finish. The update "
+                                        "will continue when it is safe to restart."));
+        QCOMPARE(buttons, 1);
+        QTRY_COMPARE(alerts, 2);
+        QTest::qWait(1500);
+        QCOMPARE(installs, 0);
+        busy = false;
+        QTRY_COMPARE_WITH_TIMEOUT(installs, 1, 2500);
+        QTest::qWait(2200); // more ticks: the callback ran once only
+        QCOMPARE(installs, 1);
+        QCOMPARE(replaced, 0);
+    }
+
+    void emberlaneRelaunchesAtOnceWhenFree()
+    {
+        install(installedRecipe());
+        RecordingDriver driver;
+        EmberlaneUpdates updates(m_bundle, &driver);
+        updates.blockedReason = [] { return std::optional<QString>(); };
+        AppcastItem item;
+        bool alerted = false;
+        QTimer watcher;
+        watcher.setInterval(10);
+        connect(&watcher, &QTimer::timeout, [&] { alerted = alerted || QApplication::activeModalWidget(); });
+        watcher.start();
+        QVERIFY(!updates.shouldPostponeRelaunch(item, [] {}));
+        QTest::qWait(300);
+        QVERIFY(!alerted);
+    }
+
+    void menuItemsFollowTheUpdaterSetting_data()
+    {
+        QTest::addColumn<bool>("stored");
+        QTest::newRow("on") << true;
+        QTest::newRow("off") << false;
+    }
+
+    void menuItemsFollowTheUpdaterSetting()
+    {
+        QFETCH(bool, stored);
+        BundleRecipe recipe = installedRecipe();
+        recipe.automaticChecks = stored;
+        install(recipe);
+        RecordingDriver driver;
+        EmberlaneUpdates updates(m_bundle, &driver);
+        QMenu menu;
+        QAction *quit = menu.addAction(QStringLiteral("Quit Veldspar"));
+        updates.addMenuItems(&menu);
+        const QList<QAction *> items = menu.actions();
+        QCOMPARE(items.size(), 3);
+        QCOMPARE(items.at(0), quit);
+        QCOMPARE(items.at(1)->text(), QStringLiteral("Check for Updates\u2026"));
+        QVERIFY(items.at(1)->shortcut().isEmpty());
+        QVERIFY(items.at(1)->isEnabled());
+        QAction *automatic = items.at(2);
+        QCOMPARE(automatic->text(), QStringLiteral("Check for Updates Automatically"));
+        QVERIFY(automatic->shortcut().isEmpty());
+        QVERIFY(automatic->isCheckable());
+        QCOMPARE(automatic->isChecked(), stored);
+        // Chosen twice, the setting comes back to where it was; the mark follows each change.
+        automatic->trigger();
+        QCOMPARE(updates.updater().automaticallyChecksForUpdates(), !stored);
+        QCOMPARE(automatic->isChecked(), !stored);
+        QTRY_COMPARE(updates.automaticChecks(), !stored);
+        automatic->trigger();
+        QCOMPARE(updates.updater().automaticallyChecksForUpdates(), stored);
+        QCOMPARE(automatic->isChecked(), stored);
+        QTRY_COMPARE(updates.automaticChecks(), stored);
+    }
+
+    void commandsDisableCheckingWhileTheUpdaterCannotCheck()
+    {
+        install(installedRecipe());
+        publishGoodUpdate();
+        RecordingDriver driver;
+        driver.offerAnswer = UpdateAnswer::RemindLater;
+        EmberlaneUpdates updates(m_bundle, &driver);
+        EmberlaneUpdateCommands commands(updates);
+        QCOMPARE(commands.checkForUpdates()->text(), QStringLiteral("Check for Updates\u2026"));
+        QVERIFY(!commands.checkForUpdates()->isEnabled()); // not before the updater says so
+        QTRY_VERIFY(commands.checkForUpdates()->isEnabled());
+        // Through a whole check, the command's state matches every change of canCheck.
+        QList<std::pair<bool, bool>> seen;
+        connect(&updates, &EmberlaneUpdates::canCheckChanged, this,
+                [&](bool canCheck) { seen.append({canCheck, commands.checkForUpdates()->isEnabled()}); });
+        QSignalSpy finished(&updates.updater(), &Updater::sessionFinished);
+        commands.checkForUpdates()->trigger();
+        QTRY_VERIFY_WITH_TIMEOUT(finished.count() >= 1, 20000);
+        QTRY_VERIFY(commands.checkForUpdates()->isEnabled());
+        QVERIFY(driver.offer);
+        QVERIFY(std::any_of(seen.begin(), seen.end(), [](const auto &change) { return !change.first; }));
+        for (const auto &change : seen)
+            QCOMPARE(change.second, change.first);
+
+        const bool before = updates.updater().automaticallyChecksForUpdates();
+        QCOMPARE(commands.automaticChecks()->text(), QStringLiteral("Check for Updates Automatically"));
+        commands.automaticChecks()->trigger();
+        QCOMPARE(updates.updater().automaticallyChecksForUpdates(), !before);
+        QTRY_COMPARE(commands.automaticChecks()->isChecked(), !before);
+    }
+
+    // The whole road through the app: its controller's gate refuses while a save runs, then
+    // the update installs once the save is over.
+    void appRefusesAnUpdateWhileBusyAndInstallsItAfterwards()
+    {
+        install(installedRecipe());
+        const QMap<QString, QByteArray> before = snapshot(m_bundle);
+        publishGoodUpdate();
+        TestWorld world;
+        world.writeConfig(configWith({radio(QStringLiteral("10.0.0.1"), QString(), QStringLiteral("One"), QString())}));
+        world.answerDiscover(QStringLiteral("10.0.0.1"), "{\"serialNumber\":\"A-1\",\"version\":\"3.3\"}\n", 0, true);
+        RunningApp app(world);
+        RecordingDriver driver;
+        EmberlaneUpdates updates(m_bundle, &driver);
+        updates.blockedReason = EmberlaneUpdates::shared().blockedReason; // the gate the app installed
+        app.click(app.includeBox()); // a save whose probe waits
+        QVERIFY(app.app().isBusy());
+
+        QSignalSpy finished(&updates.updater(), &Updater::sessionFinished);
+        updates.check();
+        QTRY_VERIFY_WITH_TIMEOUT(finished.count() >= 1, 20000);
+        QVERIFY(driver.error);
+        QCOMPARE(driver.error->domain(), QStringLiteral("com.emberlane.updates"));
+        QCOMPARE(driver.error->localizedDescription(),
+                 QStringLiteral("Wait for the current service or configuration operation to finish."));
+        expectUntouched(before);
+
+        world.release();
+        QVERIFY(app.waitUntilIdle());
+        driver.error.reset();
+        updates.check();
+        QTRY_VERIFY_WITH_TIMEOUT(finished.count() >= 2, 20000);
+        QVERIFY2(!driver.error, driver.error ? qPrintable(driver.error->description()) : "");
+        QCOMPARE(m_relaunches.size(), 1);
+        QCOMPARE(get(m_bundle + QStringLiteral("/Veldspar")), QByteArray("#!/bin/sh\necho Veldspar 1.1\n"));
+        QCOMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+    }
 };
 
-QTEST_GUILESS_MAIN(UpdatesTest)
+QTEST_MAIN(UpdatesTest)
 #include "tst_updates.moc"
