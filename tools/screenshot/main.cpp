@@ -7,6 +7,8 @@
 // OUTPUT-dialog.png, types the address, presses OK, saves any message that follows as
 // OUTPUT-message.png, and saves the window once the app is idle again. --systemctl points the
 // status monitor at another systemctl (a scripted one, to show a state on demand).
+// --check-updates chooses "Check for Updates…" in the Veldspar menu and saves each update
+// window as OUTPUT-update-N.png before pressing its default button.
 
 #include "app/AppDelegate.h"
 #include "platform/Bundle.h"
@@ -16,6 +18,8 @@
 #include <QApplication>
 #include <QLineEdit>
 #include <QMainWindow>
+#include <QMenu>
+#include <QMenuBar>
 #include <QPushButton>
 #include <QScreen>
 #include <QTimer>
@@ -90,6 +94,45 @@ private:
     QWidget *m_answered = nullptr;
     int m_seenFor = 0;
 };
+// Follows the updater's windows: saves each new one, then presses its default button.
+class UpdateWindowFollower : public QObject
+{
+public:
+    explicit UpdateWindowFollower(QString output) : m_output(std::move(output))
+    {
+        m_timer.setInterval(100);
+        connect(&m_timer, &QTimer::timeout, this, &UpdateWindowFollower::poll);
+        m_timer.start();
+    }
+
+private:
+    void poll()
+    {
+        for (QWidget *window : QApplication::topLevelWidgets()) {
+            if (window->objectName() != QStringLiteral("updateWindow") || !window->isVisible() || window == m_seen)
+                continue;
+            auto *button = window->findChild<QPushButton *>();
+            for (QPushButton *candidate : window->findChildren<QPushButton *>())
+                if (candidate->isDefault())
+                    button = candidate;
+            if (!button) // a progress window: photograph it once and let it run
+                continue;
+            if (++m_seenFor < 8)
+                return;
+            m_seenFor = 0;
+            m_seen = window;
+            saveShot(window, withSuffix(m_output, QStringLiteral("-update-%1").arg(++m_count)));
+            std::printf("Pressing \"%s\"\n", qPrintable(button->text()));
+            button->click();
+        }
+    }
+
+    QString m_output;
+    QTimer m_timer;
+    QWidget *m_seen = nullptr;
+    int m_seenFor = 0;
+    int m_count = 0;
+};
 } // namespace
 
 int main(int argc, char *argv[])
@@ -105,6 +148,9 @@ int main(int argc, char *argv[])
     const QString output = arguments.takeFirst();
     int waitMs = 1500;
     QString address;
+    bool checkUpdates = false;
+    if (arguments.removeAll(QStringLiteral("--check-updates")) > 0)
+        checkUpdates = true;
     while (arguments.size() >= 2) {
         const QString option = arguments.takeFirst();
         const QString value = arguments.takeFirst();
@@ -120,6 +166,15 @@ int main(int argc, char *argv[])
     delegate.applicationDidFinishLaunching();
     QMainWindow *window = delegate.mainWindow();
 
+    std::unique_ptr<UpdateWindowFollower> follower;
+    if (checkUpdates) {
+        follower = std::make_unique<UpdateWindowFollower>(output);
+        QTimer::singleShot(waitMs, window, [window] {
+            for (QAction *action : window->menuBar()->actions().first()->menu()->actions())
+                if (action->text() == QStringLiteral("Check for Updates\u2026"))
+                    action->trigger();
+        });
+    }
     std::unique_ptr<PanelAnswerer> answerer;
     if (!address.isNull()) {
         answerer = std::make_unique<PanelAnswerer>(address, output);
@@ -134,6 +189,9 @@ int main(int argc, char *argv[])
     QObject::connect(&finish, &QTimer::timeout, &application, [&] {
         if (delegate.isBusy() || QApplication::activeModalWidget())
             return;
+        for (QWidget *top : QApplication::topLevelWidgets())
+            if (top->objectName() == QStringLiteral("updateWindow") && top->isVisible())
+                return;
         finish.stop();
         // Give the window a moment to draw what the last step changed.
         QTimer::singleShot(400, &application, [&] {
@@ -141,7 +199,7 @@ int main(int argc, char *argv[])
             QCoreApplication::quit();
         });
     });
-    QTimer::singleShot(waitMs + (address.isNull() ? 0 : 1500), &application, [&] { finish.start(100); });
+    QTimer::singleShot(waitMs + (address.isNull() && !checkUpdates ? 0 : 3000), &application, [&] { finish.start(100); });
     QApplication::exec();
     return status;
 }
