@@ -14,6 +14,7 @@
 #include "updates/Eligibility.h"
 #include "updates/EmberlaneUpdateCommands.h"
 #include "updates/EmberlaneUpdates.h"
+#include "updates/StandardUserDriver.h"
 #include "updates/PropertyList.h"
 #include "updates/Relaunch.h"
 #include "updates/Signature.h"
@@ -35,6 +36,11 @@
 #include <QFileInfo>
 #include <QMenu>
 #include <QMessageBox>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QTextBrowser>
+#include <QDialog>
+#include <QLabel>
 #include <QPointer>
 #include <QProcess>
 #include <QRandomGenerator>
@@ -1958,6 +1964,83 @@ private Q_SLOTS:
         QCOMPARE(m_relaunches.size(), 1);
         QCOMPARE(get(m_bundle + QStringLiteral("/Veldspar")), QByteArray("#!/bin/sh\necho Veldspar 1.1\n"));
         QCOMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+    }
+
+    void appGateReportsNothingOnceTheControllerIsGone()
+    {
+        {
+            TestWorld world;
+            world.writeConfig(configWith({radio(QStringLiteral("10.0.0.1"), QString(), QStringLiteral("One"), QString())}));
+            world.answerDiscover(QStringLiteral("10.0.0.1"), "{\"serialNumber\":\"A-1\",\"version\":\"3.3\"}\n", 0, true);
+            RunningApp app(world);
+            QVERIFY(!EmberlaneUpdates::shared().blockedReason());
+            app.click(app.includeBox()); // a save whose probe waits
+            QCOMPARE(EmberlaneUpdates::shared().blockedReason(),
+                     std::optional<QString>(QStringLiteral("Wait for the current service or configuration operation to finish.")));
+            world.release();
+            QVERIFY(app.waitUntilIdle());
+        }
+        QVERIFY(!EmberlaneUpdates::shared().blockedReason());
+    }
+
+    void standardWindowsOfferTheUsualChoices()
+    {
+        StandardUserDriver driver;
+        const auto buttonTitles = [&driver] {
+            QStringList titles;
+            for (QPushButton *button : driver.window()->findChildren<QPushButton *>())
+                titles << button->text();
+            return titles;
+        };
+        const auto press = [&driver](const QString &title) {
+            for (QPushButton *button : driver.window()->findChildren<QPushButton *>())
+                if (button->text() == title)
+                    button->click();
+        };
+        UpdateOffer offer;
+        offer.appName = QStringLiteral("Veldspar");
+        offer.currentVersion = QStringLiteral("1.0");
+        offer.item.version = QStringLiteral("1.1");
+        offer.item.displayVersion = QStringLiteral("1.1");
+        offer.item.description = QStringLiteral("<p>Better beacons.</p>");
+        std::optional<UpdateAnswer> answer;
+        driver.showUpdateFound(offer, [&answer](UpdateAnswer given) { answer = given; });
+        QVERIFY(driver.window()->isVisible());
+        QCOMPARE(driver.window()->findChild<QLabel *>(QStringLiteral("heading"))->text(),
+                 QStringLiteral("A new version of Veldspar is available!"));
+        QCOMPARE(driver.window()->findChild<QLabel *>(QStringLiteral("detail"))->text(),
+                 QStringLiteral("Veldspar 1.1 is now available\u2014you have 1.0. Would you like to download it now?"));
+        QCOMPARE(driver.window()->findChild<QTextBrowser *>()->toPlainText(), QStringLiteral("Better beacons."));
+        QCOMPARE(buttonTitles(), QStringList({QStringLiteral("Skip This Version"), QStringLiteral("Remind Me Later"),
+                                              QStringLiteral("Install Update")}));
+        press(QStringLiteral("Skip This Version"));
+        QCOMPARE(answer, std::optional<UpdateAnswer>(UpdateAnswer::Skip));
+        QVERIFY(!driver.window());
+
+        offer.critical = true; // nothing to put off
+        driver.showUpdateFound(offer, [&answer](UpdateAnswer given) { answer = given; });
+        QCOMPARE(buttonTitles(), QStringList({QStringLiteral("Install Update")}));
+        press(QStringLiteral("Install Update"));
+        QCOMPARE(answer, std::optional<UpdateAnswer>(UpdateAnswer::Install));
+
+        bool cancelled = false;
+        driver.showDownloadStarted([&cancelled] { cancelled = true; });
+        driver.showDownloadProgress(1200000, 3400000);
+        QCOMPARE(driver.window()->findChild<QLabel *>(QStringLiteral("detail"))->text(), formatByteProgress(1200000, 3400000));
+        QCOMPARE(driver.window()->findChild<QProgressBar *>()->value(), 352);
+        press(QStringLiteral("Cancel"));
+        QVERIFY(cancelled);
+
+        std::optional<InstallAnswer> install;
+        driver.showReadyToInstall([&install](InstallAnswer given) { install = given; });
+        QCOMPARE(buttonTitles(), QStringList({QStringLiteral("Later"), QStringLiteral("Install and Relaunch")}));
+        press(QStringLiteral("Install and Relaunch"));
+        QCOMPARE(install, std::optional<InstallAnswer>(InstallAnswer::InstallAndRelaunch));
+
+        driver.showUpdateNotFound(UpToDate{QStringLiteral("You\u2019re up to date!"), QStringLiteral("Veldspar 1.0 is the newest version.")});
+        QCOMPARE(driver.window()->findChild<QLabel *>(QStringLiteral("heading"))->text(), QStringLiteral("You\u2019re up to date!"));
+        driver.dismissUpdateInstallation();
+        QVERIFY(!driver.window());
     }
 };
 
