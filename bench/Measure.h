@@ -1,7 +1,12 @@
 #pragma once
 
+#include <QCoreApplication>
+#include <QEvent>
+#include <QObject>
 #include <QString>
+#include <QTimer>
 
+#include <cstdio>
 #include <ctime>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -33,3 +38,24 @@ inline double peakResidentMiB()
     getrusage(RUSAGE_SELF, &usage);
     return double(usage.ru_maxrss) / 1024.0;
 }
+
+// Prints the time from process creation to the first painted frame and the peak memory, then
+// quits. Install it on the widget (or the application) whose first paint counts.
+class FirstFrame : public QObject
+{
+public:
+    bool eventFilter(QObject *watched, QEvent *event) override
+    {
+        if (event->type() == QEvent::Paint && !m_seen) {
+            m_seen = true;
+            QTimer::singleShot(0, [] {
+                std::printf("first frame %.1f ms, peak %.1f MiB\n", millisecondsSinceProcessStart(), peakResidentMiB());
+                QCoreApplication::quit();
+            });
+        }
+        return QObject::eventFilter(watched, event);
+    }
+
+private:
+    bool m_seen = false;
+};

@@ -9,27 +9,6 @@
 
 #include <cstdio>
 
-namespace {
-class FirstFrame : public QObject
-{
-public:
-    bool eventFilter(QObject *watched, QEvent *event) override
-    {
-        if (event->type() == QEvent::Paint && !m_seen) {
-            m_seen = true;
-            QTimer::singleShot(0, [] {
-                std::printf("first frame %.1f ms, peak %.1f MiB\n", millisecondsSinceProcessStart(), peakResidentMiB());
-                QCoreApplication::quit();
-            });
-        }
-        return QObject::eventFilter(watched, event);
-    }
-
-private:
-    bool m_seen = false;
-};
-} // namespace
-
 int main(int argc, char *argv[])
 {
     QApplication application(argc, argv);
