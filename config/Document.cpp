@@ -4,10 +4,10 @@
 #include "app/RadioTable.h"
 #include "app/ServiceButton.h"
 #include "app/StatusLabel.h"
+#include "platform/Files.h"
 
 #include <QCheckBox>
 #include <QDesktopServices>
-#include <QFile>
 #include <QFileInfo>
 #include <QListView>
 #include <QStringDecoder>
@@ -17,14 +17,11 @@ namespace {
 // The file's text, or nothing when it is missing, unreadable or not UTF-8.
 std::optional<QString> readUtf8File(const QString &path)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return std::nullopt;
-    const QByteArray bytes = file.readAll();
-    if (file.error() != QFileDevice::NoError)
+    const std::optional<QByteArray> bytes = readWholeFile(path);
+    if (!bytes)
         return std::nullopt;
     QStringDecoder decoder(QStringDecoder::Utf8);
-    QString text = decoder(bytes);
+    QString text = decoder(*bytes);
     if (decoder.hasError())
         return std::nullopt;
     return text;

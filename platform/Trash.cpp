@@ -24,9 +24,14 @@ QString trashInfoPath(const QString &trashedName)
     return trashInfoFolder() + u'/' + trashedName + QStringLiteral(".trashinfo");
 }
 
+bool makeTrashFolders()
+{
+    return QDir().mkpath(trashFilesFolder()) && QDir().mkpath(trashInfoFolder());
+}
+
 bool moveToTrash(const QString &path)
 {
-    if (!QDir().mkpath(trashFilesFolder()) || !QDir().mkpath(trashInfoFolder()))
+    if (!makeTrashFolders())
         return false;
     return QFile::moveToTrash(path);
 }

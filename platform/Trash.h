@@ -9,6 +9,9 @@ QString trashFilesFolder();
 QString trashInfoFolder();
 QString trashInfoPath(const QString &trashedName);
 
+// Makes ~/.local/share/Trash/files and info; false when they cannot be made.
+bool makeTrashFolders();
+
 // Moves a file or folder to the user's Trash; false when it could not. The Trash folders are
 // made first: when Qt cannot make them itself it reports success after moving the item into
 // "files/" under the current working folder.

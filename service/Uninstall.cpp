@@ -14,7 +14,6 @@
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
-#include <QFile>
 #include <QSettings>
 #include <QTimer>
 
@@ -48,15 +47,14 @@ void AppDelegate::finishUninstall()
 // administrator and moves it into the user's Trash, never overwriting anything there.
 void AppDelegate::removeInstalledAppWithAuthorization(const QString &appLocation)
 {
-    const QString filesFolder = trashFilesFolder();
-    if (!QDir().mkpath(filesFolder) || !QDir().mkpath(trashInfoFolder())) {
+    if (!makeTrashFolders()) {
         busy = false;
         setStatus(QStringLiteral("Service removed. Could not move the app to Trash."));
         status->setToolTip(QStringLiteral("Cannot create the Trash folder %1").arg(trashFolder()));
         return;
     }
     const QString name = trashedAppName();
-    const QString destination = filesFolder + u'/' + name;
+    const QString destination = trashFilesFolder() + u'/' + name;
 
     try {
         const ProcessResult move = runProcess(pkexecProgram(), privilegedMoveArguments(appLocation, destination));

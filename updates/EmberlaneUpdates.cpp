@@ -90,7 +90,6 @@ void EmberlaneUpdates::addMenuItems(QMenu *menu)
 
     QAction *automatic = menu->addAction(QStringLiteral("Check for Updates Automatically"));
     automatic->setCheckable(true);
-    automatic->setChecked(m_automaticChecks);
     connect(automatic, &QAction::triggered, this, [this, automatic] {
         // The check mark follows the setting, not the click.
         automatic->setChecked(updater().automaticallyChecksForUpdates());
