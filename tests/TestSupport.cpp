@@ -26,8 +26,7 @@
 #include <QPushButton>
 #include <QTest>
 
-namespace {
-void put(const QString &path, const QByteArray &bytes)
+void writeTestFile(const QString &path, const QByteArray &bytes)
 {
     QDir().mkpath(QFileInfo(path).path());
     QFile file(path);
@@ -35,12 +34,13 @@ void put(const QString &path, const QByteArray &bytes)
     file.write(bytes);
 }
 
-QByteArray get(const QString &path)
+QByteArray readTestFile(const QString &path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
+namespace {
 QString hexKey(const QString &address)
 {
     const QByteArray hex = address.toUtf8().toHex();
@@ -93,17 +93,17 @@ QString TestWorld::resources() const { return bundle() + QStringLiteral("/Resour
 QString TestWorld::configPath() const { return home() + QStringLiteral("/.local/share/Veldspar/config.json"); }
 QString TestWorld::fakeControl() const { return resources() + QStringLiteral("/fake"); }
 
-void TestWorld::writeConfig(const QByteArray &bytes) const { put(configPath(), bytes); }
-QByteArray TestWorld::readConfig() const { return get(configPath()); }
+void TestWorld::writeConfig(const QByteArray &bytes) const { writeTestFile(configPath(), bytes); }
+QByteArray TestWorld::readConfig() const { return readTestFile(configPath()); }
 bool TestWorld::configExists() const { return QFile::exists(configPath()); }
 
 void TestWorld::answerDiscover(const QString &address, const QByteArray &output, int status, bool hold) const
 {
     const QString base = fakeControl() + QStringLiteral("/discover/") + hexKey(address);
-    put(base + QStringLiteral(".out"), output);
-    put(base + QStringLiteral(".status"), QByteArray::number(status));
+    writeTestFile(base + QStringLiteral(".out"), output);
+    writeTestFile(base + QStringLiteral(".status"), QByteArray::number(status));
     if (hold)
-        put(base + QStringLiteral(".hold"), {});
+        writeTestFile(base + QStringLiteral(".hold"), {});
 }
 
 void TestWorld::answerRadio(const QString &address, const QJsonObject &radio) const
@@ -114,10 +114,10 @@ void TestWorld::answerRadio(const QString &address, const QJsonObject &radio) co
 
 void TestWorld::setImportResult(const QByteArray &output, int status, bool hold) const
 {
-    put(fakeControl() + QStringLiteral("/import.out"), output);
-    put(fakeControl() + QStringLiteral("/import.status"), QByteArray::number(status));
+    writeTestFile(fakeControl() + QStringLiteral("/import.out"), output);
+    writeTestFile(fakeControl() + QStringLiteral("/import.status"), QByteArray::number(status));
     if (hold)
-        put(fakeControl() + QStringLiteral("/import.hold"), {});
+        writeTestFile(fakeControl() + QStringLiteral("/import.hold"), {});
 }
 
 void TestWorld::release() const
@@ -125,7 +125,7 @@ void TestWorld::release() const
     for (const QString &control : {fakeControl(), binFolder() + QStringLiteral("/systemctl.d"),
                                    resources() + QStringLiteral("/service.d")})
         if (QDir(control).exists())
-            put(control + QStringLiteral("/release"), {});
+            writeTestFile(control + QStringLiteral("/release"), {});
 }
 
 void TestWorld::removeServiceExecutable() const
@@ -148,7 +148,7 @@ QList<QStringList> recordedCalls(const QString &folder)
     QList<QStringList> result;
     const QDir dir(folder);
     for (const QString &name : dir.entryList(QDir::Files, QDir::Name)) {
-        QByteArray bytes = get(dir.filePath(name));
+        QByteArray bytes = readTestFile(dir.filePath(name));
         if (bytes.endsWith('\0'))
             bytes.chop(1);
         QStringList arguments;
@@ -168,23 +168,23 @@ QList<QStringList> TestWorld::calls() const
 void TestWorld::answerUnit(const QString &unit, const QByteArray &answer, int status) const
 {
     const QString base = binFolder() + QStringLiteral("/systemctl.d/units/") + unit;
-    put(base, answer);
-    put(base + QStringLiteral(".status"), QByteArray::number(status));
+    writeTestFile(base, answer);
+    writeTestFile(base + QStringLiteral(".status"), QByteArray::number(status));
 }
 
 void TestWorld::makeSystemdUnavailable() const
 {
-    put(binFolder() + QStringLiteral("/systemctl.d/unavailable"), {});
+    writeTestFile(binFolder() + QStringLiteral("/systemctl.d/unavailable"), {});
 }
 
 void TestWorld::holdSystemctl() const
 {
-    put(binFolder() + QStringLiteral("/systemctl.d/hold"), {});
+    writeTestFile(binFolder() + QStringLiteral("/systemctl.d/hold"), {});
 }
 
 void TestWorld::failSystemctl(const QString &verb) const
 {
-    put(binFolder() + QStringLiteral("/systemctl.d/fail-") + verb, {});
+    writeTestFile(binFolder() + QStringLiteral("/systemctl.d/fail-") + verb, {});
 }
 
 QList<QStringList> TestWorld::systemctlCalls() const
@@ -195,21 +195,21 @@ QList<QStringList> TestWorld::systemctlCalls() const
 void TestWorld::setServiceAction(const QString &action, const QByteArray &output, int status, bool hold) const
 {
     const QString control = resources() + QStringLiteral("/service.d/");
-    put(control + action + QStringLiteral(".out"), output);
-    put(control + action + QStringLiteral(".status"), QByteArray::number(status));
+    writeTestFile(control + action + QStringLiteral(".out"), output);
+    writeTestFile(control + action + QStringLiteral(".status"), QByteArray::number(status));
     if (hold)
-        put(control + QStringLiteral("hold"), {});
+        writeTestFile(control + QStringLiteral("hold"), {});
 }
 
 QStringList TestWorld::serviceActions() const
 {
-    const QString text = QString::fromUtf8(get(resources() + QStringLiteral("/service.d/actions")));
+    const QString text = QString::fromUtf8(readTestFile(resources() + QStringLiteral("/service.d/actions")));
     return text.split(u'\n', Qt::SkipEmptyParts);
 }
 
 void TestWorld::setPkexecAnswer(const QString &answer) const
 {
-    put(binFolder() + QStringLiteral("/pkexec.d/answer"), answer.toUtf8());
+    writeTestFile(binFolder() + QStringLiteral("/pkexec.d/answer"), answer.toUtf8());
 }
 
 QList<QStringList> TestWorld::pkexecCalls() const
@@ -248,12 +248,12 @@ QString TestWorld::unitFilePath(const QString &label) const
 
 void TestWorld::writeUnitFile(const QString &label) const
 {
-    put(unitFilePath(label), "[Service]\nExecStart=/bin/true\n");
+    writeTestFile(unitFilePath(label), "[Service]\nExecStart=/bin/true\n");
 }
 
 QString TestWorld::serviceLog() const
 {
-    return QString::fromUtf8(get(home() + QStringLiteral("/.local/share/Veldspar/service-action.log")));
+    return QString::fromUtf8(readTestFile(home() + QStringLiteral("/.local/share/Veldspar/service-action.log")));
 }
 
 void TestWorld::moveBundle(const QString &relativePath)
@@ -279,7 +279,7 @@ QList<QByteArray> TestWorld::importedFiles() const
     QList<QByteArray> files;
     const QDir dir(fakeControl() + QStringLiteral("/imported"));
     for (const QString &name : dir.entryList(QDir::Files, QDir::Name))
-        files << get(dir.filePath(name));
+        files << readTestFile(dir.filePath(name));
     return files;
 }
 

@@ -189,6 +189,10 @@ private:
 // follow (a delivered request leaves it closing down, and every later modal panel ends at once).
 int runEventLoop(const std::function<void()> &action);
 
+// Writes a file, making its folder first; reads a whole file, or nothing when it is missing.
+void writeTestFile(const QString &path, const QByteArray &bytes);
+QByteArray readTestFile(const QString &path);
+
 QJsonObject radio(const QString &address, const QString &serial, const QString &name = QString(),
                   const QString &version = QStringLiteral("3.3.32.8203"));
 QByteArray configWith(const QList<QJsonObject> &radios);

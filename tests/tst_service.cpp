@@ -62,20 +62,6 @@ ProcessResult answer(const QByteArray &output, int status)
     return result;
 }
 
-void writeFile(const QString &path, const QByteArray &bytes)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    file.write(bytes);
-}
-
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 QStringList showCalls(const TestWorld &world)
 {
     QStringList units;
@@ -410,7 +396,7 @@ private Q_SLOTS:
         const QString expected = u"Service update failed: systemctl said \uFFFD\uFFFD no\n"_s;
         QCOMPARE(app.status()->toolTip(), expected);
         QCOMPARE(world.serviceLog(), expected);
-        QCOMPARE(readFile(world.home() + u"/.local/share/Veldspar/service-action.log"_s), expected.toUtf8());
+        QCOMPARE(readTestFile(world.home() + u"/.local/share/Veldspar/service-action.log"_s), expected.toUtf8());
     }
 
     void aSuccessAfterAFailureKeepsTheLogAndClearsTheTip()
@@ -496,9 +482,9 @@ private Q_SLOTS:
         TestWorld world;
         const QString installedPath = world.home() + u"/.local/share/Veldspar/Veldspar"_s;
         if (installed.isEmpty())
-            writeFile(installedPath, readFile(world.resources() + u"/Veldspar"_s));
+            writeTestFile(installedPath, readTestFile(world.resources() + u"/Veldspar"_s));
         else if (installed != "-")
-            writeFile(installedPath, installed);
+            writeTestFile(installedPath, installed);
         if (unitFile)
             world.writeUnitFile(u"org.kestrum.Veldspar"_s);
 
@@ -545,7 +531,7 @@ private Q_SLOTS:
     void laterLeavesTheServiceAlone()
     {
         TestWorld world;
-        writeFile(world.home() + u"/.local/share/Veldspar/Veldspar"_s, "old service");
+        writeTestFile(world.home() + u"/.local/share/Veldspar/Veldspar"_s, "old service");
         world.writeUnitFile(u"org.kestrum.Veldspar"_s);
         bool asked = false;
         QTimer answerer;
@@ -577,9 +563,9 @@ private Q_SLOTS:
         QCOMPARE(run.status, 0);
         QCOMPARE(run.output, QString());
         const QString support = world.home() + u"/.local/share/Veldspar"_s;
-        QCOMPARE(readFile(support + u"/Veldspar"_s), readFile(world.resources() + u"/Veldspar"_s));
+        QCOMPARE(readTestFile(support + u"/Veldspar"_s), readTestFile(world.resources() + u"/Veldspar"_s));
         QVERIFY(QFileInfo(support + u"/Veldspar"_s).isExecutable());
-        QCOMPARE(readFile(world.unitFilePath(u"org.kestrum.Veldspar"_s)),
+        QCOMPARE(readTestFile(world.unitFilePath(u"org.kestrum.Veldspar"_s)),
                  u"[Unit]\n"
                  "Description=Veldspar: makes remote FlexRadios discoverable on the local network\n"
                  "After=network-online.target\n"
@@ -603,9 +589,9 @@ private Q_SLOTS:
     {
         TestWorld world;
         world.useRealServiceScript();
-        writeFile(world.home() + u"/.local/share/Veldspar/Veldspar"_s, "old service");
+        writeTestFile(world.home() + u"/.local/share/Veldspar/Veldspar"_s, "old service");
         QCOMPARE(world.runServiceScript(u"enable"_s).status, 0);
-        QCOMPARE(readFile(world.home() + u"/.local/share/Veldspar/Veldspar"_s), readFile(world.resources() + u"/Veldspar"_s));
+        QCOMPARE(readTestFile(world.home() + u"/.local/share/Veldspar/Veldspar"_s), readTestFile(world.resources() + u"/Veldspar"_s));
     }
 
     void scriptEnableTakesDownTheEarlierLabels()
@@ -640,7 +626,7 @@ private Q_SLOTS:
         QVERIFY(script.waitForFinished(30000));
         qputenv("HOME", QFile::encodeName(world.home()));
         QCOMPARE(script.exitCode(), 0);
-        const QByteArray unitText = readFile(oddHome + u"/.config/systemd/user/org.kestrum.Veldspar.service"_s);
+        const QByteArray unitText = readTestFile(oddHome + u"/.config/systemd/user/org.kestrum.Veldspar.service"_s);
         QString escaped = oddHome + u"/.local/share/Veldspar"_s;
         escaped.replace(u'\\', u"\\\\"_s).replace(u'"', u"\\\""_s).replace(u'%', u"%%"_s).replace(u'$', u"$$"_s);
         QVERIFY2(unitText.contains((u"ExecStart=\"%1/Veldspar\" --config \"%1/config.json\"\n"_s.arg(escaped)).toUtf8()),
@@ -759,10 +745,10 @@ private Q_SLOTS:
     {
         TestWorld world;
         world.writeConfig(configWith({}));
-        writeFile(world.home() + u"/.local/share/Palisade/config.json"_s, "{}");
-        writeFile(world.home() + u"/.config/org.kestrum.Veldspar.configure.conf"_s, "[General]\nSUAutomaticChecks=true\n");
-        writeFile(world.home() + u"/.local/share/applications/org.kestrum.Veldspar.configure.desktop"_s, "[Desktop Entry]\n");
-        writeFile(world.home() + u"/.cache/org.kestrum.veldspar.configure/x"_s, "x");
+        writeTestFile(world.home() + u"/.local/share/Palisade/config.json"_s, "{}");
+        writeTestFile(world.home() + u"/.config/org.kestrum.Veldspar.configure.conf"_s, "[General]\nSUAutomaticChecks=true\n");
+        writeTestFile(world.home() + u"/.local/share/applications/org.kestrum.Veldspar.configure.desktop"_s, "[Desktop Entry]\n");
+        writeTestFile(world.home() + u"/.cache/org.kestrum.veldspar.configure/x"_s, "x");
         const QString app = world.bundle();
         RunningApp running(world);
         QVERIFY(waitForStatus(running));
@@ -774,7 +760,7 @@ private Q_SLOTS:
         const QString trashed = world.home() + u"/.local/share/Trash/files/Veldspar.app"_s;
         QVERIFY(QFileInfo(trashed + u"/Resources"_s).isDir());
         // The script stand-in recorded its action inside the bundle, which went along.
-        QCOMPARE(readFile(trashed + u"/Resources/service.d/actions"_s), QByteArray("remove\n"));
+        QCOMPARE(readTestFile(trashed + u"/Resources/service.d/actions"_s), QByteArray("remove\n"));
         QVERIFY(QFile::exists(world.home() + u"/.local/share/Trash/info/Veldspar.app.trashinfo"_s));
         for (const QString &gone : {u".local/share/Veldspar"_s, u".local/share/Palisade"_s,
                                     u".config/org.kestrum.Veldspar.configure.conf"_s,
@@ -829,7 +815,7 @@ private Q_SLOTS:
         QVERIFY(!QFileInfo::exists(app));
         QVERIFY(QFileInfo(destination + u"/Resources"_s).isDir());
         const QString name = QFileInfo(destination).fileName();
-        const QByteArray info = readFile(world.home() + u"/.local/share/Trash/info/"_s + name + u".trashinfo"_s);
+        const QByteArray info = readTestFile(world.home() + u"/.local/share/Trash/info/"_s + name + u".trashinfo"_s);
         QVERIFY2(info.startsWith("[Trash Info]\nPath=" + QUrl::toPercentEncoding(app, "/") + "\nDeletionDate="),
                  info.constData());
         QVERIFY(info.contains("%27") && info.contains("%22") && info.contains("%5C") && info.contains("%20"));
@@ -851,7 +837,7 @@ private Q_SLOTS:
         QFETCH(QString, tip);
         TestWorld world;
         world.writeConfig(configWith({}));
-        writeFile(world.home() + u"/.config/org.kestrum.Veldspar.configure.conf"_s, "[General]\nkept=1\n");
+        writeTestFile(world.home() + u"/.config/org.kestrum.Veldspar.configure.conf"_s, "[General]\nkept=1\n");
         world.moveBundle(u"locked/Veldspar.app"_s);
         const QString parent = QFileInfo(world.bundle()).path();
         QVERIFY(QFile::setPermissions(parent, QFile::ReadOwner | QFile::ExeOwner));
@@ -870,7 +856,7 @@ private Q_SLOTS:
         QVERIFY(!app.app().isBusy());
         QVERIFY(QFileInfo(world.bundle()).isDir());
         QVERIFY(world.configExists());
-        QCOMPARE(readFile(world.home() + u"/.config/org.kestrum.Veldspar.configure.conf"_s), QByteArray("[General]\nkept=1\n"));
+        QCOMPARE(readTestFile(world.home() + u"/.config/org.kestrum.Veldspar.configure.conf"_s), QByteArray("[General]\nkept=1\n"));
     }
 
     void trashThatCannotBeMadeIsReported()
@@ -878,7 +864,7 @@ private Q_SLOTS:
         TestWorld world;
         world.writeConfig(configWith({}));
         // ~/.local/share/Trash cannot be created: a file is in the way.
-        writeFile(world.home() + u"/.local/share/Trash"_s, "not a folder");
+        writeTestFile(world.home() + u"/.local/share/Trash"_s, "not a folder");
         RunningApp app(world);
         QVERIFY(waitForStatus(app));
         DialogAnswerer answers;
@@ -898,8 +884,8 @@ private Q_SLOTS:
     {
         TestWorld world;
         world.writeConfig(configWith({}));
-        writeFile(world.home() + u"/.cache/org.kestrum.Veldspar.configure/state"_s, "x");
-        writeFile(world.home() + u"/.cache/org.kestrum.veldspar.configure/state"_s, "x");
+        writeTestFile(world.home() + u"/.cache/org.kestrum.Veldspar.configure/state"_s, "x");
+        writeTestFile(world.home() + u"/.cache/org.kestrum.veldspar.configure/state"_s, "x");
         const QString cache = world.home() + u"/.cache"_s;
         QVERIFY(QFile::setPermissions(cache, QFile::ReadOwner | QFile::ExeOwner));
         RunningApp app(world);
