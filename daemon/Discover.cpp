@@ -38,6 +38,8 @@ QString describe(const QString &address, const Endpoint &endpoint, const Connect
     case Kind::Unreachable:
         return u"Cannot reach %1: %2. "_s.arg(address, failure.detail) + checkTheVpn;
     case Kind::NotARadio:
+    case Kind::LineTooLong:
+    case Kind::Flood:
         return u"%1 answered%2, but not as a FlexRadio does: this is not a radio. Check the address."_s.arg(
             address, onPort(address, endpoint));
     case Kind::Closed:

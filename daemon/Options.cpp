@@ -24,7 +24,7 @@ Options parseOptions(const QStringList &arguments)
                                        u"Send beacons to ADDRESS (port 4992 unless given) instead of every "
                                        u"local network's broadcast address. Repeatable."_s,
                                        u"ADDRESS"_s);
-    QCommandLineOption checkPeriod(u"check-period-ms"_s, u"How often each radio is checked."_s, u"MS"_s);
+    QCommandLineOption checkPeriod(u"check-period-ms"_s, u"How often each radio must answer on its held connection."_s, u"MS"_s);
     checkPeriod.setFlags(QCommandLineOption::HiddenFromHelp);
     const QCommandLineOption help(u"help"_s, u"Show this help."_s);
     parser.addOptions({discover, config, import, broadcast, checkPeriod, help});

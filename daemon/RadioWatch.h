@@ -2,49 +2,55 @@
 
 #include "daemon/Configuration.h"
 #include "daemon/Endpoint.h"
-#include "daemon/RadioReplies.h"
 
-#include <QHostAddress>
+#include <QElapsedTimer>
 #include <QObject>
-#include <QPointer>
 #include <QTimer>
 
 class BeaconSender;
-class RadioConnection;
-struct ConnectionOutcome;
+class RadioLink;
 
-// One enabled radio: checks its command port every check period (connect and "info") and,
-// while it answers, sends its beacon every broadcast interval. Logs when it starts and stops
-// answering, never per beacon.
+// Beacons are never further apart than a radio's own beat allows: some listeners forget a
+// radio after 2.5 to 5 seconds of silence.
+inline constexpr int longestBeatMs = 2000;
+inline int beatFor(int broadcastIntervalMs) { return broadcastIntervalMs < longestBeatMs ? broadcastIntervalMs : longestBeatMs; }
+// How often a radio on a held connection must answer; one missed answer loses it.
+inline constexpr int defaultKeepAliveMs = 2000;
+
+// One enabled radio: holds a command connection to it and, while the radio answers, sends
+// its beacon at the beat with the radio's live state. A lost radio is tried again after a
+// pause that grows to a few seconds. Logs when it starts and stops being announced, never per
+// beacon.
 class RadioWatch : public QObject
 {
 public:
-    RadioWatch(const ConfiguredRadio &radio, int broadcastIntervalMs, int checkPeriodMs, BeaconSender &sender,
+    RadioWatch(const ConfiguredRadio &radio, int broadcastIntervalMs, int keepAliveMs, BeaconSender &sender,
                QObject *parent = nullptr);
     ~RadioWatch() override;
 
     // Identity fields of the same radio changed in the configuration.
     void update(const ConfiguredRadio &radio) { m_radio = radio; }
     void setBroadcastInterval(int milliseconds);
-    bool announced() const { return m_answering; }
+    bool announced() const { return m_announced; }
     QString label() const;
 
 private:
-    void check();
-    void checked(const ConnectionOutcome &outcome);
-    void stopAnnouncing(const QString &why);
+    void connectToRadio();
+    void ready();
+    void lost(const QString &why);
     void sendBeacon();
 
     ConfiguredRadio m_radio;
     Endpoint m_endpoint;
     BeaconSender &m_sender;
-    int m_checkPeriodMs;
-    QTimer m_checkTimer;
+    int m_keepAliveMs;
+    RadioLink *m_link = nullptr;
+    QTimer m_retryTimer;
     QTimer m_beaconTimer;
-    QPointer<RadioConnection> m_check;
-    bool m_answering = false;
-    bool m_everChecked = false;
-    RadioIdentity m_reported; // from the latest "info"
-    QHostAddress m_address;   // where the latest check reached the radio
+    int m_retryMs;
+    QElapsedTimer m_readySince;
+    bool m_announced = false;
+    QString m_lastProblem; // the latest reason logged, so a radio that stays away is logged once
+    QString m_name;        // as the radio last named itself
     unsigned m_packetCount = 0;
 };

@@ -1,7 +1,6 @@
 #include "daemon/Service.h"
 
 #include "daemon/Log.h"
-#include "daemon/RadioWatch.h"
 #include "daemon/StopSignals.h"
 
 #include <QCoreApplication>
@@ -13,6 +12,8 @@
 using namespace Qt::StringLiterals;
 
 namespace {
+constexpr int destinationsRefreshMs = 10000;
+
 QString keyOf(const ConfiguredRadio &radio) { return radio.ipAddress + u'\n' + radio.serialNumber; }
 } // namespace
 
@@ -21,7 +22,7 @@ Service::Service(const ServiceSettings &settings, QObject *parent)
       m_watcher(settings.configPath, [this] { reload(); })
 {
     // Interfaces come and go (a laptop joins another network); look again now and then.
-    m_refreshDestinations.setInterval(settings.checkPeriodMs);
+    m_refreshDestinations.setInterval(destinationsRefreshMs);
     connect(&m_refreshDestinations, &QTimer::timeout, this, [this] { m_sender.refresh(); });
     m_refreshDestinations.start();
     reload();
@@ -91,14 +92,14 @@ void Service::apply(const Configuration &configuration)
     }
     logLine(u"Configuration loaded: %1 of %2 radios enabled; beacons every %3 ms."_s.arg(
         QString::number(enabled.size()), QString::number(configuration.radios.size()),
-        QString::number(configuration.broadcastIntervalMs)));
+        QString::number(beatFor(configuration.broadcastIntervalMs))));
     for (const ConfiguredRadio &radio : std::as_const(enabled)) {
         if (RadioWatch *watch = m_watches.value(keyOf(radio))) {
             watch->update(radio);
             watch->setBroadcastInterval(configuration.broadcastIntervalMs);
         } else {
             m_watches.insert(keyOf(radio), new RadioWatch(radio, configuration.broadcastIntervalMs,
-                                                          m_settings.checkPeriodMs, m_sender));
+                                                          m_settings.keepAliveMs, m_sender));
         }
     }
 }

@@ -3,6 +3,7 @@
 #include "daemon/BeaconSender.h"
 #include "daemon/ConfigWatcher.h"
 #include "daemon/Configuration.h"
+#include "daemon/RadioWatch.h"
 
 #include <QByteArray>
 #include <QList>
@@ -13,15 +14,11 @@
 
 #include <optional>
 
-class RadioWatch;
-
-inline constexpr int defaultCheckPeriodMs = 10000;
-
 struct ServiceSettings
 {
     QString configPath;
     QList<Destination> destinations; // empty: every broadcast-capable interface
-    int checkPeriodMs = defaultCheckPeriodMs;
+    int keepAliveMs = defaultKeepAliveMs; // how often each radio must answer
 };
 
 // The service: keeps one RadioWatch per enabled radio of the configuration, and follows the

@@ -23,7 +23,7 @@ int main(int argc, char *argv[])
         settings.configPath = options.configPath;
         settings.destinations = options.broadcast;
         if (options.checkPeriodMs > 0)
-            settings.checkPeriodMs = options.checkPeriodMs;
+            settings.keepAliveMs = options.checkPeriodMs;
         return runService(settings);
     }
     case Options::Mode::Help:

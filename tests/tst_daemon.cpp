@@ -3,6 +3,9 @@
 // 127.0.0.1 and every beacon goes to a socket of this test on 127.0.0.1 (--broadcast).
 #include "TestSupport.h"
 
+#include "daemon/BeaconFields.h"
+#include "daemon/RadioState.h"
+
 #include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
@@ -35,8 +38,6 @@ using namespace Qt::StringLiterals;
 namespace {
 const QString serviceProgram = QStringLiteral(VELDSPAR_SERVICE_EXECUTABLE);
 const QString simulatorProgram = QStringLiteral(VELDSPAR_RADIO_SIM);
-// The shipped check period is 10 s; tests check four times as often as they look.
-constexpr int checkPeriodMs = 400;
 const QString placeholderSerial = u"0000-0000-0000-0000"_s;
 
 // ---------------------------------------------------------------------------------------
@@ -204,6 +205,27 @@ public:
     bool listening() const { return m_port != 0; }
     quint16 port() const { return m_port; }
     QString address() const { return m_host + u':' + QString::number(m_port); }
+    qint64 pid() const { return m_process.processId(); }
+    // A line on the simulator's standard input ("join …", "leave …").
+    void tell(const QByteArray &line)
+    {
+        m_process.write(line + '\n');
+        m_process.waitForBytesWritten(1000);
+    }
+    // Waits, with the test's event loop running, until the simulator has printed text.
+    bool printed(const QByteArray &text, int timeoutMs = 5000)
+    {
+        QElapsedTimer clock;
+        clock.start();
+        while (clock.elapsed() < timeoutMs) {
+            m_process.waitForReadyRead(0);
+            m_output += m_process.readAllStandardOutput();
+            if (m_output.contains(text))
+                return true;
+            QTest::qWait(5);
+        }
+        return false;
+    }
     int connections()
     {
         while (m_process.waitForReadyRead(0))
@@ -321,7 +343,7 @@ class RunningService
 public:
     RunningService(const QString &configPath, const QStringList &destinations)
     {
-        QStringList arguments{u"--config"_s, configPath, u"--check-period-ms"_s, QString::number(checkPeriodMs)};
+        QStringList arguments{u"--config"_s, configPath};
         for (const QString &destination : destinations)
             arguments << u"--broadcast"_s << destination;
         m_process.setProgram(serviceProgram);
@@ -381,6 +403,44 @@ QByteArray readFile(const QString &path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+}
+
+// The keys of a real radio's beacon, in the order it sends them.
+const QStringList realBeaconKeys{
+    u"discovery_protocol_version"_s, u"model"_s, u"serial"_s, u"version"_s, u"nickname"_s, u"callsign"_s, u"ip"_s,
+    u"port"_s, u"status"_s, u"inuse_ip"_s, u"inuse_host"_s, u"max_licensed_version"_s, u"radio_license_id"_s,
+    u"requires_additional_license"_s, u"fpc_mac"_s, u"wan_connected"_s, u"licensed_clients"_s,
+    u"available_clients"_s, u"max_panadapters"_s, u"available_panadapters"_s, u"max_slices"_s,
+    u"available_slices"_s, u"gui_client_ips"_s, u"gui_client_hosts"_s, u"gui_client_programs"_s,
+    u"gui_client_stations"_s, u"gui_client_handles"_s};
+
+// The values of these keys, in this order, joined by " | ", for one comparison that shows
+// every difference at once.
+QString valuesOf(const Beacon &beacon, const QStringList &keys)
+{
+    QStringList values;
+    for (const QString &key : keys)
+        values << key + u'=' + beacon.value(key);
+    return values.join(u" | "_s);
+}
+
+Beacon beaconWith(const QList<std::pair<QString, QString>> &fields)
+{
+    Beacon beacon;
+    beacon.fields = fields;
+    return beacon;
+}
+
+// A process's resident memory at its peak, in MiB, from /proc.
+double peakResidentMiB(qint64 pid)
+{
+    QFile status(u"/proc/%1/status"_s.arg(pid));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray &line : status.readAll().split('\n'))
+        if (line.startsWith("VmHWM:"))
+            return line.mid(6).trimmed().split(' ').first().toDouble() / 1024.0;
+    return -1;
 }
 
 QStringList backupsBeside(const QString &path)
@@ -731,7 +791,7 @@ private Q_SLOTS:
         QCOMPARE(beacon.keys().mid(0, 9), QStringList({u"discovery_protocol_version"_s, u"model"_s, u"serial"_s,
                                                        u"version"_s, u"nickname"_s, u"callsign"_s, u"ip"_s, u"port"_s,
                                                        u"status"_s}));
-        QCOMPARE(beacon.value(u"discovery_protocol_version"_s), u"3.0.0.2"_s);
+        QCOMPARE(beacon.value(u"discovery_protocol_version"_s), u"3.0.0.1"_s);
         QCOMPARE(beacon.value(u"model"_s), u"FLEX-6600"_s);
         QCOMPARE(beacon.value(u"version"_s), u"3.3.32.8203"_s);
         QCOMPARE(beacon.value(u"nickname"_s), u"Remote Shack"_s);
@@ -791,7 +851,7 @@ private Q_SLOTS:
         RunningService service(config, {listener.destination()});
         QTRY_VERIFY_WITH_TIMEOUT(listener.from(u"E-1"_s).size() >= 6, 5000);
         QCOMPARE(listener.all().size(), listener.from(u"E-1"_s).size());
-        QVERIFY(enabled.connections() >= 2); // checked again and again
+        QCOMPARE(enabled.connections(), 1); // one connection, held
         QCOMPARE(disabled.connections(), 0);
         QCOMPARE(notQuite.connections(), 0);
     }
@@ -812,20 +872,342 @@ private Q_SLOTS:
         RunningService service(config, {listener.destination()});
         QTRY_VERIFY_WITH_TIMEOUT(listener.from(u"U-1"_s).size() >= 3, 5000);
 
-        // The radio goes away: its beacons stop at its next check.
+        // The radio goes away: its held connection closes, and its beacons stop.
         answering.stop();
         const qint64 gone = clock.elapsed();
-        QTest::qWait(checkPeriodMs + 1200);
-        const QList<Received> after = listener.from(u"U-1"_s, gone);
-        QVERIFY2(after.isEmpty() || after.last().atMs <= gone + checkPeriodMs + 100,
-                 qPrintable(u"last beacon %1 ms after the radio went"_s.arg(after.isEmpty() ? 0 : after.last().atMs - gone)));
+        const QString stopped = u"at %1: it stopped answering (it closed the connection); no longer announced."_s.arg(
+            answering.address());
+        QTRY_VERIFY_WITH_TIMEOUT(service.log().contains(stopped), 5000);
+        const qint64 noticed = clock.elapsed();
+        QVERIFY2(noticed - gone <= 5000, qPrintable(u"noticed after %1 ms"_s.arg(noticed - gone)));
+        QTest::qWait(1000);
+        QVERIFY(listener.from(u"U-1"_s, noticed + 100).isEmpty());
         QVERIFY(listener.from(u"U-2"_s).isEmpty());
         QVERIFY(listener.from(u"U-3"_s).isEmpty());
-        QVERIFY2(service.log().contains(u"at %1: it stopped answering (connection refused); no longer announced."_s.arg(
-                     answering.address())),
-                 qPrintable(service.log()));
-        QVERIFY(service.log().contains(u"The radio at %1 does not answer (no answer to \"info\")"_s.arg(silent.address())));
+        // A radio that accepts the connection but never greets is given up on after five seconds.
+        QTRY_VERIFY_WITH_TIMEOUT(
+            service.log().contains(u"The radio at %1 does not answer (no answer to \"info\")"_s.arg(silent.address())), 7000);
         QVERIFY(service.log().contains(u"The radio at %1 does not answer (connection refused)"_s.arg(refusing)));
+    }
+
+    // ---- the radio as it is right now ----
+
+    void beaconsCarryEveryKeyOfARealRadioInItsOrder()
+    {
+        RadioSim radio({u"--serial"_s, u"0621-1104-6601-1641"_s, u"--model"_s, u"FLEX-6600"_s, u"--name"_s,
+                        u"Shack 6600"_s, u"--callsign"_s, u"N0CALL"_s, u"--version"_s, u"3.2.39.3374"_s, u"--mac"_s,
+                        u"00:1C:2D:05:1A:68"_s, u"--wan"_s, u"1"_s, u"--gui-client"_s,
+                        u"SmartSDR-Win,OFFICE WIN,0x7022E1CF"_s});
+        QVERIFY(radio.listening());
+        const QString config = path(u"all-keys/config.json"_s);
+        // An "M" radio: its "info" says FLEX-6600, its beacon FLEX-6600M, kept in the configuration.
+        QJsonObject entry = radioEntry(radio.address(), u"0621-1104-6601-1641"_s);
+        entry.insert(u"model"_s, u"FLEX-6600M"_s);
+        writeInPlace(config, configuration({entry}, 3000));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+        QTRY_VERIFY_WITH_TIMEOUT(!listener.from(u"0621-1104-6601-1641"_s).isEmpty(), 5000);
+
+        const Beacon beacon = listener.from(u"0621-1104-6601-1641"_s).first().beacon;
+        QCOMPARE(beacon.keys(), realBeaconKeys);
+        QCOMPARE(valuesOf(beacon, realBeaconKeys),
+                 valuesOf(beaconWith({{u"discovery_protocol_version"_s, u"3.0.0.1"_s},
+                                            {u"model"_s, u"FLEX-6600M"_s},
+                                            {u"serial"_s, u"0621-1104-6601-1641"_s},
+                                            {u"version"_s, u"3.2.39.3374"_s},
+                                            {u"nickname"_s, u"Shack 6600"_s},
+                                            {u"callsign"_s, u"N0CALL"_s},
+                                            {u"ip"_s, u"127.0.0.1"_s},
+                                            {u"port"_s, QString::number(radio.port())},
+                                            {u"status"_s, u"Available"_s},
+                                            {u"inuse_ip"_s, QString()},
+                                            {u"inuse_host"_s, QString()},
+                                            {u"max_licensed_version"_s, u"v3"_s},
+                                            {u"radio_license_id"_s, u"00-1C-2D-05-1A-68"_s},
+                                            {u"requires_additional_license"_s, u"0"_s},
+                                            {u"fpc_mac"_s, QString()},
+                                            {u"wan_connected"_s, u"1"_s},
+                                            {u"licensed_clients"_s, u"2"_s},
+                                            {u"available_clients"_s, u"1"_s},
+                                            {u"max_panadapters"_s, u"4"_s},
+                                            {u"available_panadapters"_s, u"3"_s},
+                                            {u"max_slices"_s, u"4"_s},
+                                            {u"available_slices"_s, u"3"_s},
+                                            {u"gui_client_ips"_s, QString()},
+                                            {u"gui_client_hosts"_s, QString()},
+                                            {u"gui_client_programs"_s, u"SmartSDR-Win"_s},
+                                            {u"gui_client_stations"_s, u"OFFICE WIN"_s},
+                                            {u"gui_client_handles"_s, u"0x7022E1CF"_s}}),
+                          realBeaconKeys));
+        // Spaces inside values travel as 0x7F, as the radio sends them.
+        QVERIFY(beacon.payload.contains("nickname=Shack\x7f" "6600 "));
+        QVERIFY(beacon.payload.contains("gui_client_stations=OFFICE\x7fWIN "));
+        QVERIFY(beacon.payload.startsWith("discovery_protocol_version="));
+        // Held, not reopened: one connection however many beacons.
+        QTRY_VERIFY_WITH_TIMEOUT(listener.from(u"0621-1104-6601-1641"_s).size() >= 3, 6000);
+        QCOMPARE(radio.connections(), 1);
+    }
+
+    void theRadiosOwnIdentityWinsOverAStaleConfiguration()
+    {
+        RadioSim radio({u"--serial"_s, u"0621-1104-6601-1641"_s, u"--model"_s, u"FLEX-6600"_s, u"--version"_s,
+                        u"3.4.1.100"_s, u"--name"_s, u"Live"_s});
+        QVERIFY(radio.listening());
+        const QString config = path(u"stale/config.json"_s);
+        QJsonObject entry = radioEntry(radio.address(), u"9999-0000-0000-0001"_s);
+        entry.insert(u"version"_s, u"3.2.39.3374"_s); // before the radio's last update
+        entry.insert(u"model"_s, u"FLEX-6400"_s);     // not the radio's model plus a suffix
+        entry.insert(u"name"_s, u"Old"_s);
+        writeInPlace(config, configuration({entry}, 3000));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+        QTRY_VERIFY_WITH_TIMEOUT(!listener.all().isEmpty(), 5000);
+        const Beacon beacon = listener.all().first().beacon;
+        QCOMPARE(beacon.value(u"version"_s), u"3.4.1.100"_s);
+        QCOMPARE(beacon.value(u"serial"_s), u"0621-1104-6601-1641"_s);
+        QCOMPARE(beacon.value(u"model"_s), u"FLEX-6600"_s);
+        QCOMPARE(beacon.value(u"nickname"_s), u"Live"_s);
+        QCOMPARE(beacon.value(u"max_licensed_version"_s), u"v3"_s);
+        QVERIFY2(service.log().contains(u"Radio Live at %1 reports the serial number 0621-1104-6601-1641, but the "
+                                        u"configuration says 9999-0000-0000-0001; announcing the radio's own."_s.arg(
+                                            radio.address())),
+                 qPrintable(service.log()));
+    }
+
+    void aGuiClientJoiningOrLeavingShowsInTheNextBeacon()
+    {
+        RadioSim radio({u"--serial"_s, u"G-1"_s});
+        QVERIFY(radio.listening());
+        const QString config = path(u"clients/config.json"_s);
+        writeInPlace(config, configuration({radioEntry(radio.address(), u"G-1"_s)}, 3000));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+        QTRY_VERIFY_WITH_TIMEOUT(!listener.from(u"G-1"_s).isEmpty(), 5000);
+        const QStringList keys{u"status"_s, u"available_clients"_s, u"available_slices"_s, u"available_panadapters"_s,
+                               u"gui_client_programs"_s, u"gui_client_stations"_s, u"gui_client_handles"_s};
+        QCOMPARE(valuesOf(listener.from(u"G-1"_s).first().beacon, keys),
+                 u"status=Available | available_clients=2 | available_slices=4 | available_panadapters=4 | "
+                 u"gui_client_programs= | gui_client_stations= | gui_client_handles="_s);
+
+        // The next beacon after each change, at most one beat (2 s) later, shows it.
+        const auto nextAfter = [&](const QByteArray &command, const QByteArray &printed) -> std::optional<Beacon> {
+            radio.tell(command);
+            if (!radio.printed(printed))
+                return std::nullopt;
+            const qint64 changed = clock.elapsed() + 100;
+            if (!QTest::qWaitFor([&] { return !listener.from(u"G-1"_s, changed).isEmpty(); }, 2600))
+                return std::nullopt;
+            return listener.from(u"G-1"_s, changed).first().beacon;
+        };
+        std::optional<Beacon> next = nextAfter("join-handle 0x7022E1CF SmartSDR-Win OFFICE-WIN", "gui client 0x7022E1CF joined");
+        QVERIFY(next);
+        QCOMPARE(valuesOf(*next, keys),
+                 u"status=Available | available_clients=1 | available_slices=3 | available_panadapters=3 | "
+                 u"gui_client_programs=SmartSDR-Win | gui_client_stations=OFFICE-WIN | gui_client_handles=0x7022E1CF"_s);
+
+        next = nextAfter("join-handle 0x7C88FB0C SmartSDR-M Maestro", "gui client 0x7C88FB0C joined");
+        QVERIFY(next);
+        QCOMPARE(valuesOf(*next, keys),
+                 u"status=In_Use | available_clients=0 | available_slices=2 | available_panadapters=2 | "
+                 u"gui_client_programs=SmartSDR-Win,SmartSDR-M | gui_client_stations=OFFICE-WIN,Maestro | "
+                 u"gui_client_handles=0x7022E1CF,0x7C88FB0C"_s);
+
+        next = nextAfter("leave 0x7022E1CF", "gui client 0x7022E1CF left");
+        QVERIFY(next);
+        QCOMPARE(valuesOf(*next, keys),
+                 u"status=Available | available_clients=1 | available_slices=3 | available_panadapters=3 | "
+                 u"gui_client_programs=SmartSDR-M | gui_client_stations=Maestro | gui_client_handles=0x7C88FB0C"_s);
+    }
+
+    void beaconsAreAtMostTwoSecondsApartWhateverTheInterval()
+    {
+        RadioSim radio({u"--serial"_s, u"B-1"_s});
+        QVERIFY(radio.listening());
+        const QString config = path(u"beat/config.json"_s);
+        writeInPlace(config, configuration({radioEntry(radio.address(), u"B-1"_s)}, 60000));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+        QTRY_VERIFY_WITH_TIMEOUT(listener.from(u"B-1"_s).size() >= 4, 10000);
+        const QList<Received> beacons = listener.from(u"B-1"_s);
+        for (qsizetype i = 1; i < beacons.size(); ++i) {
+            const qint64 gap = beacons.at(i).atMs - beacons.at(i - 1).atMs;
+            QVERIFY2(gap >= 1800 && gap <= 2200, qPrintable(u"gap %1: %2 ms"_s.arg(i).arg(gap)));
+        }
+        QVERIFY(service.log().contains(u"beacons every 2000 ms."_s));
+    }
+
+    void aKilledRadioStopsBeingAnnouncedWithinFiveSecondsAndComesBack()
+    {
+        std::optional<RadioSim> radio(std::in_place, QStringList{u"--serial"_s, u"L-1"_s});
+        QVERIFY(radio->listening());
+        const quint16 port = radio->port();
+        const QString config = path(u"killed/config.json"_s);
+        writeInPlace(config, configuration({radioEntry(radio->address(), u"L-1"_s)}, 1000));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+        QTRY_VERIFY_WITH_TIMEOUT(listener.from(u"L-1"_s).size() >= 2, 5000);
+
+        radio.reset();
+        const qint64 killed = clock.elapsed();
+        QTest::qWait(6000);
+        const QList<Received> after = listener.from(u"L-1"_s, killed);
+        const qint64 lastAfter = after.isEmpty() ? 0 : after.last().atMs - killed;
+        QVERIFY2(lastAfter <= 5000, qPrintable(u"last beacon %1 ms after the radio was killed"_s.arg(lastAfter)));
+
+        radio.emplace(QStringList{u"--serial"_s, u"L-1"_s, u"--port"_s, QString::number(port)});
+        QVERIFY(radio->listening());
+        const qint64 back = clock.elapsed();
+        QTRY_VERIFY_WITH_TIMEOUT(!listener.from(u"L-1"_s, back).isEmpty(), 7000);
+        QVERIFY2(listener.from(u"L-1"_s, back).first().atMs - back <= 5000,
+                 qPrintable(u"announced again %1 ms after it came back"_s.arg(listener.from(u"L-1"_s, back).first().atMs - back)));
+    }
+
+    void aRadioThatStopsAnsweringIsDroppedWithinFiveSecondsAndComesBack()
+    {
+        RadioSim radio({u"--serial"_s, u"F-1"_s});
+        QVERIFY(radio.listening());
+        const QString config = path(u"frozen/config.json"_s);
+        writeInPlace(config, configuration({radioEntry(radio.address(), u"F-1"_s)}, 500));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+        QTRY_VERIFY_WITH_TIMEOUT(listener.from(u"F-1"_s).size() >= 2, 5000);
+
+        // Stopped, it keeps its connection open but answers nothing, like a radio behind a VPN
+        // that went down.
+        QCOMPARE(::kill(pid_t(radio.pid()), SIGSTOP), 0);
+        const qint64 frozen = clock.elapsed();
+        QTRY_VERIFY_WITH_TIMEOUT(service.log().contains(u"it stopped answering (no answer to \"ping\" within 2 seconds)"_s), 6000);
+        QTest::qWait(500);
+        const QList<Received> after = listener.from(u"F-1"_s, frozen);
+        QVERIFY(!after.isEmpty()); // it was announced until it was found out
+        QVERIFY2(after.last().atMs - frozen <= 5000, qPrintable(u"%1 ms"_s.arg(after.last().atMs - frozen)));
+
+        QTest::qWait(3000);
+        QCOMPARE(::kill(pid_t(radio.pid()), SIGCONT), 0);
+        const qint64 thawed = clock.elapsed();
+        QTRY_VERIFY_WITH_TIMEOUT(!listener.from(u"F-1"_s, thawed).isEmpty(), 7000);
+        QVERIFY2(listener.from(u"F-1"_s, thawed).first().atMs - thawed <= 5000,
+                 qPrintable(u"%1 ms"_s.arg(listener.from(u"F-1"_s, thawed).first().atMs - thawed)));
+    }
+
+    void aHostileRadioIsDroppedWhileTheOthersStayOnTime_data()
+    {
+        QTest::addColumn<QString>("fault");
+        QTest::addColumn<QStringList>("reasons");
+        const QString tooLong = u"it sent a line longer than 64 KiB"_s;
+        const QString flood = u"it sent more than a radio ever does in a second"_s;
+        QTest::newRow("long line") << u"long-line"_s << QStringList{tooLong};
+        QTest::newRow("line ends") << u"flood-newlines"_s << QStringList{flood};
+        QTest::newRow("status lines") << u"flood-status"_s << QStringList{flood};
+        QTest::newRow("garbage") << u"flood-garbage"_s << QStringList{flood, tooLong, u"it does not answer as a radio"_s};
+    }
+
+    void aHostileRadioIsDroppedWhileTheOthersStayOnTime()
+    {
+        QFETCH(QString, fault);
+        QFETCH(QStringList, reasons);
+        RadioSim good({u"--serial"_s, u"P-1"_s});
+        RadioSim hostile({u"--serial"_s, u"P-2"_s, u"--fault"_s, fault});
+        QVERIFY(good.listening() && hostile.listening());
+        const QString config = path(u"hostile-%1/config.json"_s.arg(fault));
+        writeInPlace(config, configuration({radioEntry(good.address(), u"P-1"_s), radioEntry(hostile.address(), u"P-2"_s)}, 250));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+        QTRY_VERIFY_WITH_TIMEOUT(!listener.from(u"P-1"_s).isEmpty(), 5000);
+        const qint64 from = clock.elapsed();
+        QTest::qWait(4000);
+
+        // Dropped for a reason the log names, and tried again (more than one connection).
+        const QString log = service.log();
+        const bool named = std::any_of(reasons.begin(), reasons.end(), [&](const QString &reason) {
+            return log.contains(u"at %1 does not answer (%2)"_s.arg(hostile.address(), reason))
+                   || log.contains(u"at %1: it stopped answering (%2)"_s.arg(hostile.address(), reason));
+        });
+        QVERIFY2(named, qPrintable(log));
+        QVERIFY2(hostile.connections() >= 2, qPrintable(log));
+        // The other radio kept its beat all along.
+        const QList<Received> beacons = listener.from(u"P-1"_s, from);
+        QVERIFY(beacons.size() >= 12);
+        for (qsizetype i = 1; i < beacons.size(); ++i)
+            QVERIFY2(beacons.at(i).atMs - beacons.at(i - 1).atMs <= 500,
+                     qPrintable(u"gap of %1 ms"_s.arg(beacons.at(i).atMs - beacons.at(i - 1).atMs)));
+#if !defined(__SANITIZE_ADDRESS__)
+        // Memory stays bounded (the sanitizer's quarantine holds freed memory, so only here).
+        const double peak = peakResidentMiB(service.process().processId());
+        QVERIFY2(peak > 0 && peak < 48, qPrintable(u"peak resident memory %1 MiB"_s.arg(peak)));
+#endif
+    }
+
+    // The state a radio's status lines build, line by line.
+    void statusLinesBuildTheRadiosState()
+    {
+        RadioState state;
+        takeIdentity(state, parseInfo(u"model=\"FLEX-6600\",chassis_serial=\"0621-1104-6601-1641\",name=\"Shack\","
+                                      u"callsign=\"N0CALL\",num_slice=4,software_ver=3.2.39.3374,mac=00:1C:2D:05:1A:68"_s),
+                     {});
+        const quint32 own = 0x2A000001;
+        applyStatus(state, u"radio slices=4 panadapters=4 nickname=Shack\x7f" u"6600 callsign=N0CALL"_s, own);
+        applyStatus(state, u"radio filter_sharpness VOICE level=2 slices=0"_s, own); // another object
+        applyStatus(state, u"client 0x2A000001 connected program=Veldspar station=Self"_s, own); // ours
+        applyStatus(state, u"client 0x10C05077 connected local_ptt=1 client_id=74F5 program=SmartSDR-Win"_s, own);
+        applyStatus(state, u"client 0x10C05077 connected local_ptt=1 client_id=74F5 program=SmartSDR-Win "
+                           u"station=OFFICE\x7fWIN"_s, own);
+        applyStatus(state, u"client 0x0000ABCD connected program=SmartSDR-M station=Maestro"_s, own);
+        applyStatus(state, u"radio slices=2 panadapters=1"_s, own);
+        applyStatus(state, u"wan server_connected=1 radio_authenticated=1"_s, own);
+        applyStatus(state, u"client 0xZZ connected program=Broken"_s, own); // not a handle
+        applyStatus(state, u"client 0x0000ABCD disconnected forced=0"_s, own);
+        applyStatus(state, u"client 0x0000ABCD disconnected forced=0"_s, own); // twice: no harm
+        applyStatus(state, u"license radio_id=1 highest_major_version=4"_s, own);
+        QCOMPARE(state.nickname, u"Shack 6600"_s);
+        QCOMPARE(state.guiClients.size(), 1);
+        QCOMPARE(state.guiClients.first().handle, 0x10C05077u);
+        QCOMPARE(state.guiClients.first().station, u"OFFICE WIN"_s);
+        QCOMPARE(state.freeSlices, std::optional<int>(2));
+        QCOMPARE(state.freePanadapters, std::optional<int>(1));
+
+        ConfiguredRadio configured;
+        configured.serialNumber = u"0000-0000-0000-0000"_s;
+        configured.model = u"FLEX-6600"_s;
+        const Beacon beacon = beaconWith(beaconFields(state, configured, u"10.8.0.20"_s, 4992));
+        QCOMPARE(beacon.keys(), realBeaconKeys);
+        QCOMPARE(valuesOf(beacon, {u"model"_s, u"serial"_s, u"nickname"_s, u"status"_s, u"max_licensed_version"_s,
+                                   u"radio_license_id"_s, u"wan_connected"_s, u"available_clients"_s,
+                                   u"max_slices"_s, u"available_slices"_s, u"max_panadapters"_s,
+                                   u"available_panadapters"_s, u"gui_client_stations"_s, u"gui_client_handles"_s}),
+                 u"model=FLEX-6600 | serial=0621-1104-6601-1641 | nickname=Shack 6600 | status=Available | "
+                 u"max_licensed_version=v4 | radio_license_id=00-1C-2D-05-1A-68 | wan_connected=1 | "
+                 u"available_clients=1 | max_slices=4 | available_slices=2 | max_panadapters=4 | "
+                 u"available_panadapters=1 | gui_client_stations=OFFICE WIN | gui_client_handles=0x10C05077"_s);
+    }
+
+    void aRadioCannotOverfillItsBeacon()
+    {
+        RadioState state;
+        const QString huge(100000, u'n');
+        takeIdentity(state, {{u"name"_s, huge}, {u"chassis_serial"_s, u"S-1"_s}}, {});
+        for (int i = 0; i < 1000; ++i)
+            applyStatus(state, u"client 0x%1 connected program=%2 station=%2"_s.arg(i + 1, 8, 16, QChar(u'0')).arg(huge), 0);
+        QCOMPARE(state.guiClients.size(), mostGuiClients);
+        const QByteArray payload = beaconPayload(beaconFields(state, {}, u"10.0.0.1"_s, 4992));
+        QVERIFY2(payload.size() < 8192, qPrintable(QString::number(payload.size())));
+        QCOMPARE(state.nickname.size(), longestRadioText);
+        // Sixteen clients on a radio with two places: none free, and never a negative count.
+        QCOMPARE(decodeBeacon(beaconPacket(payload, 0, 0))->value(u"available_clients"_s), u"0"_s);
     }
 
     void configurationChangesArePickedUpWithinOneSecond()
