@@ -7,7 +7,6 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-const QString placeholderSerial = u"0000-0000-0000-0000"_s;
 // What the radio's beacon says about itself; FLEX-6000 and 8000 radios take two GUI clients.
 constexpr int defaultLicensedClients = 2;
 
@@ -53,7 +52,7 @@ QString handles(const QList<GuiClient> &clients)
 {
     QStringList values;
     for (const GuiClient &client : clients)
-        values << u"0x"_s + QString::number(client.handle, 16).toUpper().rightJustified(8, u'0');
+        values << radioHex(client.handle);
     return values.join(u',');
 }
 
@@ -69,7 +68,7 @@ QString inUse(const QList<GuiClient> &clients, QString GuiClient::*field)
 
 QString announcedSerial(const RadioState &state, const ConfiguredRadio &configured)
 {
-    return firstOf(state.identity.serial, configured.serialNumber == placeholderSerial ? QString() : configured.serialNumber);
+    return firstOf(state.identity.serial, knownSerial(configured));
 }
 
 QList<BeaconField> beaconFields(const RadioState &state, const ConfiguredRadio &configured, const QString &ip, quint16 port)

@@ -27,6 +27,11 @@ QString optionalText(const QJsonObject &radio, const QString &key)
 }
 } // namespace
 
+QString knownSerial(const ConfiguredRadio &radio)
+{
+    return radio.serialNumber == u"0000-0000-0000-0000"_s ? QString() : radio.serialNumber;
+}
+
 std::variant<Configuration, QString> readConfiguration(const QByteArray &bytes)
 {
     if (bytes.trimmed().isEmpty())

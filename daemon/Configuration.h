@@ -22,6 +22,10 @@ struct ConfiguredRadio
     bool enabled = false; // only a JSON true counts
 };
 
+// The configured serial number, or nothing when it is the placeholder "0000-0000-0000-0000"
+// that stands for a serial not yet known.
+QString knownSerial(const ConfiguredRadio &radio);
+
 struct Configuration
 {
     int broadcastIntervalMs = defaultBroadcastIntervalMs;

@@ -84,7 +84,7 @@ int runDiscovery(const QString &address)
     for (qsizetype i = 0; i < outcome.replies.size(); ++i) {
         const Reply &reply = outcome.replies.at(i);
         if (reply.code != 0) {
-            QString text = u"The radio at %1 answered \"%2\" with error %3"_s.arg(address, commands.at(i), codeText(reply.code));
+            QString text = u"The radio at %1 answered \"%2\" with error %3"_s.arg(address, commands.at(i), radioHex(reply.code));
             if (!reply.message.isEmpty())
                 text += u" (%1)"_s.arg(reply.message);
             logLine(text + u". Restart the radio or try again later."_s);

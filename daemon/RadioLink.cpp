@@ -85,7 +85,7 @@ void RadioLink::answered(Ask ask, const Reply &reply)
     switch (ask) {
     case Ask::Info:
         if (reply.code != 0)
-            return lose(u"it answered \"info\" with error %1"_s.arg(codeText(reply.code)));
+            return lose(u"it answered \"info\" with error %1"_s.arg(radioHex(reply.code)));
         m_info = parseInfo(reply.message);
         break;
     case Ask::Version:

@@ -85,7 +85,7 @@ RadioIdentity identityFrom(const QMap<QString, QString> &info, const QMap<QStrin
     return identity;
 }
 
-QString codeText(quint32 code)
+QString radioHex(quint32 number)
 {
-    return u"0x"_s + QString::number(code, 16).rightJustified(8, u'0').toUpper();
+    return u"0x"_s + QString::number(number, 16).rightJustified(8, u'0').toUpper();
 }

@@ -40,5 +40,5 @@ struct RadioIdentity
 // software_ver or else the version answer's SmartSDR-MB.
 RadioIdentity identityFrom(const QMap<QString, QString> &info, const QMap<QString, QString> &versions = {});
 
-// "0x50000016": how the radio's codes are written in its documentation.
-QString codeText(quint32 code);
+// "0x50000016", "0x7022E1CF": how the radio writes its codes and its clients' handles.
+QString radioHex(quint32 number);

@@ -11,7 +11,6 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-const QString placeholderSerial = u"0000-0000-0000-0000"_s;
 // A radio that comes back is announced again within five seconds: the pause before the next
 // attempt grows from one second but never beyond four.
 constexpr int firstRetryMs = 1000;
@@ -60,9 +59,8 @@ void RadioWatch::ready()
         m_name = state.nickname;
     if (announcedSerial(state, m_radio).isEmpty())
         return lost(u"it did not report its serial number"_s);
-    const QString configured = m_radio.serialNumber;
-    if (!state.identity.serial.isEmpty() && !configured.isEmpty() && configured != placeholderSerial
-        && configured != state.identity.serial)
+    const QString configured = knownSerial(m_radio);
+    if (!state.identity.serial.isEmpty() && !configured.isEmpty() && configured != state.identity.serial)
         logLine(u"%1 reports the serial number %2, but the configuration says %3; announcing the radio's own."_s.arg(
             label(), state.identity.serial, configured));
     m_readySince.start();
