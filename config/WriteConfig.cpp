@@ -2,24 +2,20 @@
 
 #include "platform/Bundle.h"
 #include "platform/Error.h"
+#include "platform/Files.h"
+#include "platform/PrivateFolder.h"
 #include "platform/Process.h"
 
-#include <QDir>
 #include <QFile>
 #include <QUuid>
 
 namespace {
-QString temporaryConfigPath()
+// The draft may hold addresses and names of the user's radios: it goes to a folder of this
+// user alone, never to the shared temporary folder.
+QString draftFilePath()
 {
-    return QDir::tempPath() + QStringLiteral("/Veldspar-")
+    return privateFolder() + QStringLiteral("/Veldspar-")
            + QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper() + QStringLiteral(".json");
-}
-
-void writeFile(const QString &path, const QByteArray &bytes)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(bytes) != bytes.size() || !file.flush())
-        throw Error::fromFile(file, path);
 }
 } // namespace
 
@@ -27,12 +23,13 @@ void writeFile(const QString &path, const QByteArray &bytes)
 // previous file and replaces it. Waits on the main thread: the import prints a line at most.
 void AppDelegate::writeConfig()
 {
-    const QString temporaryPath = temporaryConfigPath();
+    QString draftPath;
     try {
-        writeFile(temporaryPath, draft().text().toUtf8());
+        draftPath = draftFilePath();
+        writeNewPrivateFile(draftPath, draft().text().toUtf8());
         const ProcessResult result =
             runProcess(resourcePath(QStringLiteral("Veldspar")),
-                       {QStringLiteral("--config"), configURL, QStringLiteral("--import"), temporaryPath});
+                       {QStringLiteral("--config"), configURL, QStringLiteral("--import"), draftPath});
         if (result.succeeded()) {
             setStatus(QStringLiteral("Saved. Previous configuration backed up; running service reloads automatically."));
         } else {
@@ -43,5 +40,6 @@ void AppDelegate::writeConfig()
         reload();
         alert(QStringLiteral("Save failed: ") + error.description());
     }
-    QFile::remove(temporaryPath);
+    if (!draftPath.isEmpty())
+        QFile::remove(draftPath);
 }

@@ -14,6 +14,14 @@ void writeFileAtomically(const QString &path, const QByteArray &bytes)
         throw Error::fromFile(file, path);
 }
 
+void writeNewPrivateFile(const QString &path, const QByteArray &bytes)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::NewOnly, QFile::ReadOwner | QFile::WriteOwner)
+        || file.write(bytes) != bytes.size() || !file.flush())
+        throw Error::fromFile(file, path);
+}
+
 std::optional<QByteArray> readWholeFile(const QString &path)
 {
     QFile file(path);

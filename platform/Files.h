@@ -7,6 +7,9 @@
 
 // Replaces a file's content all at once (a temporary file renamed over it); throws Error.
 void writeFileAtomically(const QString &path, const QByteArray &bytes);
+// Creates a new file that only this user may read or write (0600) and fills it; refuses a
+// path that is already taken, a link included. Throws Error.
+void writeNewPrivateFile(const QString &path, const QByteArray &bytes);
 // The whole file, or nothing when it cannot be read.
 std::optional<QByteArray> readWholeFile(const QString &path);
 // Whether anything is at the path, a dangling link included.

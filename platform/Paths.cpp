@@ -17,6 +17,11 @@ QString installedServicePath()
     return supportFolder() + QStringLiteral("/Veldspar");
 }
 
+QString cacheFolder()
+{
+    return QDir::homePath() + QStringLiteral("/.cache/org.kestrum.Veldspar.configure");
+}
+
 QString userUnitFilePath(const QString &label)
 {
     return QDir::homePath() + QStringLiteral("/.config/systemd/user/") + label + QStringLiteral(".service");

@@ -8,6 +8,8 @@ QString supportFolder();
 QString configFilePath();
 // The service executable as installed in the support folder.
 QString installedServicePath();
+// The app's own cache folder: ~/.cache/org.kestrum.Veldspar.configure (removed at uninstall).
+QString cacheFolder();
 // The systemd user unit file of a service label: ~/.config/systemd/user/<label>.service.
 QString userUnitFilePath(const QString &label);
 // The app's settings store: ~/.config/<identifier>.conf.

@@ -50,10 +50,14 @@ QString hexKey(const QString &address)
 
 TestWorld::TestWorld() : m_oldHome(qgetenv("HOME")), m_oldTmp(qgetenv("TMPDIR"))
 {
+    if (qEnvironmentVariableIsSet("XDG_RUNTIME_DIR"))
+        m_oldRuntime = qgetenv("XDG_RUNTIME_DIR");
     QDir().mkpath(home());
     QDir().mkpath(tempDir());
+    QDir().mkdir(runtimeDir(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     qputenv("HOME", QFile::encodeName(home()));
     qputenv("TMPDIR", QFile::encodeName(tempDir()));
+    qputenv("XDG_RUNTIME_DIR", QFile::encodeName(runtimeDir()));
 
     m_bundle = root() + QStringLiteral("/Veldspar.app");
     QDir().mkpath(resources());
@@ -83,10 +87,15 @@ TestWorld::~TestWorld()
     setPkexecProgramForTesting(QString());
     qputenv("HOME", m_oldHome);
     qputenv("TMPDIR", m_oldTmp);
+    if (m_oldRuntime)
+        qputenv("XDG_RUNTIME_DIR", *m_oldRuntime);
+    else
+        qunsetenv("XDG_RUNTIME_DIR");
 }
 
 QString TestWorld::home() const { return root() + QStringLiteral("/home"); }
 QString TestWorld::tempDir() const { return root() + QStringLiteral("/tmp"); }
+QString TestWorld::runtimeDir() const { return root() + QStringLiteral("/run"); }
 QString TestWorld::bundle() const { return m_bundle; }
 QString TestWorld::binFolder() const { return root() + QStringLiteral("/bin"); }
 QString TestWorld::resources() const { return bundle() + QStringLiteral("/Resources"); }
@@ -285,7 +294,12 @@ QList<QByteArray> TestWorld::importedFiles() const
 
 QStringList TestWorld::leftoverTemporaryFiles() const
 {
-    return QDir(tempDir()).entryList({QStringLiteral("Veldspar-*")}, QDir::Files);
+    QStringList files;
+    for (const QString &folder : {tempDir(), runtimeDir() + QStringLiteral("/Veldspar"),
+                                  home() + QStringLiteral("/.cache/org.kestrum.Veldspar.configure")})
+        for (const QString &name : QDir(folder).entryList({QStringLiteral("Veldspar-*")}, QDir::Files))
+            files << folder + u'/' + name;
+    return files;
 }
 
 DialogAnswerer::DialogAnswerer()

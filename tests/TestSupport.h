@@ -12,6 +12,7 @@
 #include <QTimer>
 
 #include <functional>
+#include <optional>
 #include <memory>
 
 class AppDelegate;
@@ -24,7 +25,7 @@ class QMainWindow;
 class ServiceButton;
 class StatusLabel;
 
-// A private world for one test: HOME, TMPDIR and a bundle of its own, whose Resources/ holds
+// A private world for one test: HOME, TMPDIR, XDG_RUNTIME_DIR and a bundle of its own, whose Resources/ holds
 // the stand-in service executable from tests/fakes/. Nothing outside it is touched.
 class TestWorld
 {
@@ -36,6 +37,7 @@ public:
     QString binFolder() const; // the stand-ins for systemctl and pkexec
     QString home() const;
     QString tempDir() const;
+    QString runtimeDir() const; // XDG_RUNTIME_DIR, made 0700 as a login session makes it
     QString bundle() const;
     QString resources() const;
     QString configPath() const;
@@ -58,6 +60,7 @@ public:
     QList<QStringList> calls() const;
     QStringList discoveredAddresses() const;
     QList<QByteArray> importedFiles() const;
+    // Drafts left behind in any folder the writer may use.
     QStringList leftoverTemporaryFiles() const;
 
     // The background service's stand-ins: systemctl (run by the app at a fixed path and by the
@@ -92,6 +95,7 @@ private:
     QString m_bundle;
     QByteArray m_oldHome;
     QByteArray m_oldTmp;
+    std::optional<QByteArray> m_oldRuntime;
 };
 
 struct ShownDialog

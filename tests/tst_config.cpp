@@ -65,6 +65,42 @@ QByteArray written(const QJsonObject &document)
 {
     return QJsonDocument(document).toJson(QJsonDocument::Indented);
 }
+
+// What the import saw of the draft: where it lay, and the modes of the file and its folder.
+struct SeenDraft
+{
+    QString path;
+    QString fileMode;
+    QString folderMode;
+};
+
+// Puts an import in the bundle that notes where the draft is and who may read it, then
+// accepts it as the real import does.
+void recordDraftAtImport(const TestWorld &world)
+{
+    const QString script = world.root() + QStringLiteral("/recording-import");
+    const QByteArray seen = QFile::encodeName(world.root() + QStringLiteral("/seen"));
+    writeTestFile(script, "#!/bin/sh\n"
+                          "printf '%s' \"$4\" > '" + seen + ".path'\n"
+                          "stat -c '%a' \"$4\" \"$(dirname \"$4\")\" > '" + seen + ".modes'\n"
+                          "mkdir -p \"$(dirname \"$2\")\" && cp \"$4\" \"$2\"\n");
+    QFile::setPermissions(script, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    world.useServiceExecutable(script);
+}
+
+SeenDraft seenDraft(const TestWorld &world)
+{
+    const QString seen = world.root() + QStringLiteral("/seen");
+    const QStringList modes = QString::fromUtf8(readTestFile(seen + QStringLiteral(".modes"))).split(u'\n');
+    return {QString::fromUtf8(readTestFile(seen + QStringLiteral(".path"))), modes.value(0), modes.value(1)};
+}
+
+QRegularExpression draftIn(const QString &folder)
+{
+    return QRegularExpression(QRegularExpression::anchoredPattern(
+        QRegularExpression::escape(folder)
+        + QStringLiteral("/Veldspar-[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}\\.json")));
+}
 } // namespace
 
 // One information dialog was shown: the message alone, no Cancel, no input field.
@@ -916,8 +952,8 @@ private Q_SLOTS:
         const QList<QStringList> calls = importCalls(world);
         QCOMPARE(calls.size(), 2);
         const QRegularExpression name(QRegularExpression::anchoredPattern(
-            QRegularExpression::escape(QDir(world.tempDir()).absolutePath())
-            + QStringLiteral("/Veldspar-[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}\\.json")));
+            QRegularExpression::escape(world.runtimeDir())
+            + QStringLiteral("/Veldspar/Veldspar-[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}\\.json")));
         for (const QStringList &call : calls) {
             QCOMPARE(call.at(1), world.configPath());
             QVERIFY2(name.match(call.at(3)).hasMatch(), qPrintable(call.at(3)));
@@ -1023,6 +1059,110 @@ private Q_SLOTS:
         COMPARE_ONE_INFORMATION(answerer, QStringLiteral("Caf\uFFFD config rejected: \uFFFD\uFFFD\n"));
         QCOMPARE(world.readConfig(), original);
         QCOMPARE(app.app().draftText(), QString::fromUtf8(original));
+    }
+
+    void draftIsReadableOnlyByItsOwner()
+    {
+        const QJsonObject entry = radio(QStringLiteral("10.0.0.1"), QStringLiteral("1111-1111-1111-1111"));
+        TestWorld world;
+        world.writeConfig(configWith({entry}));
+        recordDraftAtImport(world);
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+
+        QCOMPARE(app.statusText(), saved);
+        const SeenDraft draft = seenDraft(world);
+        QVERIFY2(draftIn(world.runtimeDir() + QStringLiteral("/Veldspar")).match(draft.path).hasMatch(),
+                 qPrintable(draft.path));
+        QCOMPARE(draft.fileMode, QStringLiteral("600"));
+        QCOMPARE(draft.folderMode, QStringLiteral("700"));
+        QVERIFY(!QFile::exists(draft.path));
+        QCOMPARE(world.readConfig(), configWith({withKey(entry, QStringLiteral("enabled"), false)}));
+        QVERIFY(answerer.shown().isEmpty());
+    }
+
+    void draftAvoidsFoldersThatAreNotPrivate_data()
+    {
+        QTest::addColumn<QString>("situation");
+        QTest::newRow("no runtime folder, temporary folder missing") << QStringLiteral("unset");
+        QTest::newRow("runtime folder missing") << QStringLiteral("missing");
+        QTest::newRow("runtime folder given as a relative path") << QStringLiteral("relative");
+        QTest::newRow("runtime folder others may enter") << QStringLiteral("open");
+        QTest::newRow("runtime draft folder is a link") << QStringLiteral("link");
+        QTest::newRow("runtime draft folder is a file") << QStringLiteral("file");
+        QTest::newRow("cache folder open to others") << QStringLiteral("open cache");
+    }
+
+    void draftAvoidsFoldersThatAreNotPrivate()
+    {
+        QFETCH(QString, situation);
+        const QJsonObject entry = radio(QStringLiteral("10.0.0.1"), QStringLiteral("1111-1111-1111-1111"));
+        TestWorld world;
+        world.writeConfig(configWith({entry}));
+        recordDraftAtImport(world);
+        const QString elsewhere = world.root() + QStringLiteral("/elsewhere");
+        QVERIFY(QDir().mkpath(elsewhere));
+        const QString cache = world.home() + QStringLiteral("/.cache/org.kestrum.Veldspar.configure");
+        qputenv("TMPDIR", QFile::encodeName(world.root() + QStringLiteral("/no-such-folder")));
+        if (situation == QStringLiteral("unset") || situation == QStringLiteral("open cache"))
+            qunsetenv("XDG_RUNTIME_DIR");
+        if (situation == QStringLiteral("missing"))
+            qputenv("XDG_RUNTIME_DIR", QFile::encodeName(world.root() + QStringLiteral("/no-such-runtime")));
+        if (situation == QStringLiteral("relative"))
+            qputenv("XDG_RUNTIME_DIR", "run");
+        if (situation == QStringLiteral("open"))
+            QVERIFY(QFile::setPermissions(world.runtimeDir(), QFile::permissions(world.runtimeDir())
+                                                                  | QFile::ReadOther | QFile::ExeOther));
+        if (situation == QStringLiteral("link"))
+            QVERIFY(QFile::link(elsewhere, world.runtimeDir() + QStringLiteral("/Veldspar")));
+        if (situation == QStringLiteral("file"))
+            writeTestFile(world.runtimeDir() + QStringLiteral("/Veldspar"), "in the way");
+        if (situation == QStringLiteral("open cache")) {
+            QVERIFY(QDir().mkpath(cache));
+            QVERIFY(QFile::setPermissions(cache, QFile::permissions(cache) | QFile::ReadOther | QFile::ExeOther
+                                                     | QFile::ReadGroup | QFile::ExeGroup));
+        }
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+
+        QCOMPARE(app.statusText(), saved);
+        QVERIFY(answerer.shown().isEmpty());
+        const SeenDraft draft = seenDraft(world);
+        QVERIFY2(draftIn(cache).match(draft.path).hasMatch(), qPrintable(draft.path));
+        QCOMPARE(draft.fileMode, QStringLiteral("600"));
+        QCOMPARE(draft.folderMode, QStringLiteral("700"));
+        QVERIFY(!QFile::exists(draft.path));
+        QCOMPARE(QDir(elsewhere).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList());
+        QCOMPARE(world.readConfig(), configWith({withKey(entry, QStringLiteral("enabled"), false)}));
+    }
+
+    void draftWithNowhereToGoIsReportedAndLeavesTheFile()
+    {
+        const QByteArray original = configWith({radio(QStringLiteral("10.0.0.1"), QStringLiteral("1111-1111-1111-1111"))});
+        TestWorld world;
+        world.writeConfig(original);
+        qunsetenv("XDG_RUNTIME_DIR");
+        // The cache folder cannot be made: a file is in the way.
+        writeTestFile(world.home() + QStringLiteral("/.cache"), "not a folder");
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+
+        QCOMPARE(answerer.shown().size(), 1);
+        QVERIFY2(answerer.shown().constFirst().texts.value(0).startsWith(QStringLiteral("Save failed: Error Domain=")),
+                 qPrintable(answerer.shown().constFirst().texts.value(0)));
+        QVERIFY(importCalls(world).isEmpty());
+        QCOMPARE(world.readConfig(), original);
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(original));
+        QCOMPARE(world.leftoverTemporaryFiles(), QStringList());
     }
 
     // Import of an earlier product's config.json through "Import…".

@@ -3,8 +3,10 @@
 #include "platform/Background.h"
 #include "platform/Bundle.h"
 #include "platform/Error.h"
+#include "platform/Files.h"
 #include "platform/Json.h"
 #include "platform/Paths.h"
+#include "platform/PrivateFolder.h"
 #include "platform/Process.h"
 
 #include <QDir>
@@ -146,6 +148,43 @@ private Q_SLOTS:
         QCOMPARE(resourcePath(QStringLiteral("Veldspar")), dir.path() + QStringLiteral("/Veldspar.app/Resources/Veldspar"));
         setBundleLocationForTesting(QString());
         QCOMPARE(bundleLocation(), QCoreApplication::applicationDirPath());
+    }
+
+    void privateFileIsNewAndForItsOwnerOnly()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("draft.json"));
+        writeNewPrivateFile(path, "{}");
+        QCOMPARE(readTestFile(path), QByteArray("{}"));
+        QCOMPARE(QFileInfo(path).permissions() & ~(QFile::ReadUser | QFile::WriteUser),
+                 QFile::ReadOwner | QFile::WriteOwner);
+
+        // A name someone prepared, as a link to a file they would read, is refused as it is.
+        const QString target = dir.filePath(QStringLiteral("target"));
+        writeTestFile(target, "theirs");
+        const QString link = dir.filePath(QStringLiteral("link.json"));
+        QVERIFY(QFile::link(target, link));
+        QVERIFY_THROWS_EXCEPTION(Error, writeNewPrivateFile(link, "mine"));
+        QCOMPARE(readTestFile(target), QByteArray("theirs"));
+    }
+
+    void privateFolderRefusesWhatItCannotTrust()
+    {
+        QTemporaryDir dir;
+        const QString made = dir.filePath(QStringLiteral("a/b/private"));
+        makePrivateFolder(made);
+        QCOMPARE(QFileInfo(made).permissions() & ~(QFile::ReadUser | QFile::WriteUser | QFile::ExeUser),
+                 QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+
+        const QString elsewhere = dir.filePath(QStringLiteral("elsewhere"));
+        QVERIFY(QDir().mkdir(elsewhere));
+        const QString link = dir.filePath(QStringLiteral("link"));
+        QVERIFY(QFile::link(elsewhere, link));
+        QVERIFY_THROWS_EXCEPTION(Error, makePrivateFolder(link));
+        writeTestFile(dir.filePath(QStringLiteral("file")), "x");
+        QVERIFY_THROWS_EXCEPTION(Error, makePrivateFolder(dir.filePath(QStringLiteral("file"))));
+        QVERIFY_THROWS_EXCEPTION(Error, makePrivateFolder(QStringLiteral("relative/folder")));
+        QVERIFY_THROWS_EXCEPTION(Error, makePrivateFolder(QStringLiteral("/")));
     }
 
     void supportFolderFollowsHome()
