@@ -5,6 +5,7 @@
 #include "platform/Bundle.h"
 #include "platform/Error.h"
 #include "platform/Files.h"
+#include "platform/Outcome.h"
 #include "platform/Paths.h"
 #include "platform/Process.h"
 #include "platform/SystemTools.h"
@@ -44,7 +45,8 @@ void AppDelegate::finishUninstall()
 }
 
 // The app's folder is not the user's to move (installed system-wide, say): pkexec asks for an
-// administrator and moves it into the user's Trash, never overwriting anything there.
+// administrator and moves it into the user's Trash, never overwriting anything there. The
+// prompt may stay up for a long while, so pkexec waits on the worker pool, not in the window.
 void AppDelegate::removeInstalledAppWithAuthorization(const QString &appLocation)
 {
     if (!makeTrashFolders()) {
@@ -55,32 +57,36 @@ void AppDelegate::removeInstalledAppWithAuthorization(const QString &appLocation
     }
     const QString name = trashedAppName();
     const QString destination = trashFilesFolder() + u'/' + name;
+    const QString program = pkexecProgram();
 
-    try {
-        const ProcessResult move = runProcess(pkexecProgram(), privilegedMoveArguments(appLocation, destination));
-        if (!move.succeeded()) {
-            busy = false;
-            setStatus(retryText);
-            const QString said = move.text().trimmed();
-            status->setToolTip(said.isEmpty() ? QStringLiteral("pkexec ended with status %1").arg(move.exitCode) : said);
-            return;
-        }
-    } catch (const Error &) {
-        // pkexec could not be started; whether the app is gone decides, as below.
-    }
-
-    if (pathExists(appLocation)) {
-        busy = false;
-        setStatus(retryText);
-        status->setToolTip(QString());
-        return;
-    }
-    // The Trash lists an item by its record; without one the moved app would be a stray file.
-    try {
-        writeFileAtomically(trashInfoPath(name), trashInfo(appLocation, QDateTime::currentDateTime()));
-    } catch (const Error &) {
-    }
-    finishDataRemoval();
+    runInBackground(
+        this,
+        [program, appLocation, destination] {
+            return attempt([&] { return runProcess(program, privilegedMoveArguments(appLocation, destination)); });
+        },
+        [this, appLocation, name](const Outcome<ProcessResult> &move) {
+            // When pkexec could not be started, whether the app is gone decides, as below.
+            if (move.value && !move.value->succeeded()) {
+                busy = false;
+                setStatus(retryText);
+                const QString said = move.value->text().trimmed();
+                const QString ended = QStringLiteral("pkexec ended with status %1").arg(move.value->exitCode);
+                status->setToolTip(said.isEmpty() ? ended : said);
+                return;
+            }
+            if (pathExists(appLocation)) {
+                busy = false;
+                setStatus(retryText);
+                status->setToolTip(QString());
+                return;
+            }
+            // The Trash lists an item by its record; without one the moved app would be a stray file.
+            try {
+                writeFileAtomically(trashInfoPath(name), trashInfo(appLocation, QDateTime::currentDateTime()));
+            } catch (const Error &) {
+            }
+            finishDataRemoval();
+        });
 }
 
 void AppDelegate::finishDataRemoval()

@@ -9,6 +9,7 @@
 #include "app/ServiceButton.h"
 #include "app/StatusLabel.h"
 #include "platform/Process.h"
+#include "platform/SystemTools.h"
 #include "platform/Trash.h"
 #include "service/ServiceStatus.h"
 
@@ -819,6 +820,56 @@ private Q_SLOTS:
         QVERIFY2(info.startsWith("[Trash Info]\nPath=" + QUrl::toPercentEncoding(app, "/") + "\nDeletionDate="),
                  info.constData());
         QVERIFY(info.contains("%27") && info.contains("%22") && info.contains("%5C") && info.contains("%20"));
+        QVERIFY(!world.configExists());
+    }
+
+    void windowKeepsTurningWhileThePrivilegedMoveWaits()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({}));
+        world.moveBundle(u"locked/Veldspar.app"_s);
+        const QString app = world.bundle();
+        const QString parent = QFileInfo(app).path();
+        QVERIFY(QFile::setPermissions(parent, QFile::ReadOwner | QFile::ExeOwner));
+        // pkexec as a user meets it: the prompt stays up a while before the move happens.
+        const QString started = world.root() + u"/move.started"_s;
+        const QString answered = world.root() + u"/move.answered"_s;
+        const QString slowPkexec = world.binFolder() + u"/slow-pkexec"_s;
+        writeTestFile(slowPkexec, "#!/bin/sh\ntouch '" + QFile::encodeName(started) + "'\nsleep 1.5\ntouch '"
+                                      + QFile::encodeName(answered) + "'\nexec '"
+                                      + QFile::encodeName(world.binFolder()) + "/pkexec' \"$@\"\n");
+        QFile::setPermissions(slowPkexec, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        setPkexecProgramForTesting(slowPkexec);
+        RunningApp running(world);
+        QVERIFY(waitForStatus(running));
+        DialogAnswerer answers;
+        // Counts the turns of the event loop while the prompt is up, and what the window says then.
+        int ticksWhilePrompting = 0;
+        bool busyWhilePrompting = false;
+        QString statusWhilePrompting;
+        QTimer ticker;
+        ticker.setInterval(20);
+        connect(&ticker, &QTimer::timeout, [&] {
+            if (QFileInfo::exists(started) && !QFileInfo::exists(answered)) {
+                ++ticksWhilePrompting;
+                busyWhilePrompting = running.app().isBusy();
+                statusWhilePrompting = running.statusText();
+            }
+        });
+        ticker.start();
+        const int code = runEventLoop([&] { running.click(running.button(u"Uninstall"_s)); });
+        QFile::setPermissions(parent, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        QCOMPARE(code, 0);
+        QVERIFY2(ticksWhilePrompting >= 2, qPrintable(QString::number(ticksWhilePrompting)));
+        QVERIFY(busyWhilePrompting);
+        QCOMPARE(statusWhilePrompting, u"Removing Veldspar\u2026"_s);
+        // The outcome is the one the waiting move had: the app is in the Trash, recorded there.
+        QCOMPARE(world.pkexecCalls().size(), 1);
+        const QString destination = world.pkexecCalls().first().value(4);
+        QVERIFY(!QFileInfo::exists(app));
+        QVERIFY(QFileInfo(destination + u"/Resources"_s).isDir());
+        QVERIFY(QFile::exists(world.home() + u"/.local/share/Trash/info/"_s + QFileInfo(destination).fileName()
+                              + u".trashinfo"_s));
         QVERIFY(!world.configExists());
     }
 
