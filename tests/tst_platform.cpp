@@ -12,6 +12,7 @@
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
+#include <QProcess>
 #include <QTemporaryDir>
 #include <QThread>
 #include <QtTest>
@@ -185,6 +186,58 @@ private Q_SLOTS:
         QVERIFY_THROWS_EXCEPTION(Error, makePrivateFolder(dir.filePath(QStringLiteral("file"))));
         QVERIFY_THROWS_EXCEPTION(Error, makePrivateFolder(QStringLiteral("relative/folder")));
         QVERIFY_THROWS_EXCEPTION(Error, makePrivateFolder(QStringLiteral("/")));
+    }
+
+    // The app as a user starts it: through a link to its bundle, by a relative path, through
+    // PATH, from a working folder reached through a link. The location keeps the links as
+    // given, so that the uninstall acts on what the user named, never on what it points to.
+    void bundleLocationIsThePathAsStarted_data()
+    {
+        QTest::addColumn<QString>("command");
+        QTest::addColumn<QString>("expected");
+        const QString link = QStringLiteral("Applications/Veldspar.app");
+        const QString real = QStringLiteral("store/Veldspar.app");
+        const auto row = [](const char *name, const char *command, const QString &expected) {
+            QTest::newRow(name) << QString::fromUtf8(command) << expected;
+        };
+        row("absolute path through a link", "exec \"$ROOT/Applications/Veldspar.app/Veldspar\"", link);
+        row("relative path through a link", "exec Applications/Veldspar.app/Veldspar", link);
+        row("path with dot-dot", "cd store && exec ../Applications/./Veldspar.app/Veldspar", link);
+        row("found on PATH", "PATH=\"$ROOT/Applications/Veldspar.app:$PATH\" exec Veldspar", link);
+        row("relative PATH entry", "cd Applications && PATH=\"Veldspar.app:$PATH\" exec Veldspar", link);
+        row("working folder through a link", "cd Applications/Veldspar.app && exec ./Veldspar", link);
+        row("link to the executable", "exec \"$ROOT/bin/veldspar\"", link);
+        row("real bundle", "exec store/Veldspar.app/Veldspar", real);
+        // A name that does not lead to the running program is not believed.
+        row("misleading program name", "exec -a \"$ROOT/Applications/Other.app/Veldspar\" store/Veldspar.app/Veldspar",
+            real);
+    }
+
+    void bundleLocationIsThePathAsStarted()
+    {
+        QFETCH(QString, command);
+        QFETCH(QString, expected);
+        QTemporaryDir dir;
+        const QString root = QDir(dir.path()).canonicalPath();
+        const QString real = root + QStringLiteral("/store/Veldspar.app");
+        QVERIFY(QDir().mkpath(real + QStringLiteral("/Resources")));
+        QVERIFY(QDir().mkpath(root + QStringLiteral("/Applications/Other.app")));
+        QVERIFY(QFile::copy(QStringLiteral(VELDSPAR_BUNDLE_LOCATION_PROBE), real + QStringLiteral("/Veldspar")));
+        QVERIFY(QFile::link(QStringLiteral("../store/Veldspar.app"), root + QStringLiteral("/Applications/Veldspar.app")));
+        QVERIFY(QDir().mkpath(root + QStringLiteral("/bin")));
+        QVERIFY(QFile::link(QStringLiteral("../Applications/Veldspar.app/Veldspar"), root + QStringLiteral("/bin/veldspar")));
+
+        QProcess shell;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("ROOT"), root);
+        environment.insert(QStringLiteral("PWD"), root);
+        environment.insert(QStringLiteral("PATH"), QStringLiteral("/usr/bin:/bin"));
+        shell.setProcessEnvironment(environment);
+        shell.setWorkingDirectory(root);
+        shell.start(QStringLiteral("/bin/bash"), {QStringLiteral("-c"), command});
+        QVERIFY(shell.waitForFinished(30000));
+        QCOMPARE(shell.exitCode(), 0);
+        QCOMPARE(QFile::decodeName(shell.readAllStandardOutput()), root + u'/' + expected);
     }
 
     void supportFolderFollowsHome()

@@ -8,6 +8,7 @@
 #include "app/AppDelegate.h"
 #include "app/ServiceButton.h"
 #include "app/StatusLabel.h"
+#include "platform/Bundle.h"
 #include "platform/Process.h"
 #include "platform/SystemTools.h"
 #include "platform/Trash.h"
@@ -786,6 +787,73 @@ private Q_SLOTS:
         QVERIFY(QFileInfo(world.bundle()).isDir());
         QVERIFY(world.configExists());
         QVERIFY(!app.app().isBusy());
+    }
+
+    // Started through a link named "Veldspar.app", the app's location is the link (see
+    // tst_platform's bundleLocationIsThePathAsStarted): the uninstall takes the link away and
+    // leaves the bundle it points to.
+    void uninstallThroughALinkRemovesTheLinkOnly_data()
+    {
+        QTest::addColumn<bool>("privileged");
+        QTest::newRow("ordinary move") << false;
+        QTest::newRow("privileged move") << true;
+    }
+
+    void uninstallThroughALinkRemovesTheLinkOnly()
+    {
+        QFETCH(bool, privileged);
+        TestWorld world;
+        world.writeConfig(configWith({}));
+        world.moveBundle(u"store/Veldspar.app"_s);
+        const QString real = world.bundle();
+        const QString applications = world.root() + u"/Applications"_s;
+        const QString link = applications + u"/Veldspar.app"_s;
+        QVERIFY(QDir().mkpath(applications));
+        QVERIFY(QFile::link(real, link));
+        setBundleLocationForTesting(link);
+        if (privileged)
+            QVERIFY(QFile::setPermissions(applications, QFile::ReadOwner | QFile::ExeOwner));
+        RunningApp running(world);
+        QVERIFY(waitForStatus(running));
+        DialogAnswerer answers;
+        const int code = runEventLoop([&] { running.click(running.button(u"Uninstall"_s)); });
+        QFile::setPermissions(applications, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        QCOMPARE(code, 0);
+        QVERIFY(!QFileInfo(link).exists() && !QFileInfo(link).isSymLink());
+        QVERIFY(QFileInfo(real + u"/Resources/ManageService.command"_s).isFile());
+        QCOMPARE(world.serviceActions(), QStringList({u"remove"_s}));
+        const QDir trash(world.home() + u"/.local/share/Trash/files"_s);
+        const QFileInfoList trashed = trash.entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System);
+        QCOMPARE(trashed.size(), 1);
+        QVERIFY(trashed.first().isSymLink());
+        QCOMPARE(trashed.first().symLinkTarget(), real);
+        const QByteArray info = readTestFile(world.home() + u"/.local/share/Trash/info/"_s + trashed.first().fileName()
+                                             + u".trashinfo"_s);
+        QVERIFY2(info.startsWith("[Trash Info]\nPath=" + QUrl::toPercentEncoding(link, "/") + '\n'), info.constData());
+        QCOMPARE(world.pkexecCalls().size(), privileged ? 1 : 0);
+        if (privileged)
+            QCOMPARE(world.pkexecCalls().first().value(3), link);
+        QVERIFY(!world.configExists());
+    }
+
+    void uninstallThroughALinkOfAnotherNameLeavesEverything()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({}));
+        world.moveBundle(u"store/Veldspar.app"_s);
+        const QString link = world.root() + u"/Veldspar-beta.app"_s;
+        QVERIFY(QFile::link(world.bundle(), link));
+        setBundleLocationForTesting(link);
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        DialogAnswerer answers;
+        app.click(app.button(u"Uninstall"_s));
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(world.serviceActions(), QStringList({u"remove"_s}));
+        QCOMPARE(app.statusText(), u"Service removed. Cannot identify the installed app."_s);
+        QVERIFY(QFileInfo(link).isSymLink());
+        QVERIFY(QFileInfo(world.bundle()).isDir());
+        QVERIFY(world.configExists());
     }
 
     void privilegedMoveGetsTheExactPathAndTheTrashRecordsIt()
