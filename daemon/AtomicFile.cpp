@@ -5,6 +5,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 
 #include <cerrno>
 #include <cstring>
@@ -49,37 +50,69 @@ mode_t modeFor(const QByteArray &path)
     ::umask(mask);
     return 0666 & ~mask;
 }
+
+void syncFolder(const QString &folder)
+{
+    const int folderFd = ::open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folderFd >= 0) {
+        ::fsync(folderFd);
+        ::close(folderFd);
+    }
+}
+
+// mkstemp's six characters.
+const QString temporarySuffix = u"\\.[A-Za-z0-9]{6}"_s;
 } // namespace
 
-void writeFileAtomically(const QString &path, const QByteArray &bytes)
+PendingFile::PendingFile(const QString &path, const QByteArray &bytes) : m_path(path)
 {
     const QFileInfo info(path);
     const QString folder = info.absolutePath();
     if (!QDir().mkpath(folder))
         throw Failure{u"Cannot create the folder %1."_s.arg(QDir::toNativeSeparators(folder))};
 
-    const QByteArray target = QFile::encodeName(info.absoluteFilePath());
+    m_target = QFile::encodeName(info.absoluteFilePath());
     QByteArray temporary = QFile::encodeName(folder + u"/."_s + info.fileName() + u".XXXXXX"_s);
     const int fd = ::mkstemp(temporary.data());
     if (fd < 0)
         cannotWrite(path, errno);
 
-    const bool written = writeAll(fd, bytes) && ::fchmod(fd, modeFor(target)) == 0 && ::fsync(fd) == 0;
+    const bool written = writeAll(fd, bytes) && ::fchmod(fd, modeFor(m_target)) == 0 && ::fsync(fd) == 0;
     const int writeError = errno;
     if (::close(fd) != 0 || !written) {
         const int error = written ? errno : writeError;
         ::unlink(temporary.constData());
         cannotWrite(path, error);
     }
-    if (::rename(temporary.constData(), target.constData()) != 0) {
-        const int error = errno;
-        ::unlink(temporary.constData());
-        cannotWrite(path, error);
-    }
+    m_temporary = temporary;
+}
+
+PendingFile::~PendingFile()
+{
+    if (!m_committed)
+        ::unlink(m_temporary.constData());
+}
+
+void PendingFile::commit()
+{
+    if (::rename(m_temporary.constData(), m_target.constData()) != 0)
+        cannotWrite(m_path, errno);
+    m_committed = true;
     // The rename itself must reach the disk too.
-    const int folderFd = ::open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folderFd >= 0) {
-        ::fsync(folderFd);
-        ::close(folderFd);
-    }
+    syncFolder(QFileInfo(m_path).absolutePath());
+}
+
+void writeFileAtomically(const QString &path, const QByteArray &bytes)
+{
+    PendingFile file(path, bytes);
+    file.commit();
+}
+
+void removeLeftoverTemporaries(const QString &folder, const QString &finalName)
+{
+    const QRegularExpression leftover(u"^\\.(?:"_s + finalName + u")"_s + temporarySuffix + u'$');
+    const QDir dir(folder);
+    for (const QString &name : dir.entryList(QDir::Files | QDir::Hidden | QDir::NoSymLinks))
+        if (leftover.match(name).hasMatch())
+            QFile::remove(dir.filePath(name));
 }

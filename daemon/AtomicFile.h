@@ -3,8 +3,32 @@
 #include <QByteArray>
 #include <QString>
 
-// Replaces the file at path with bytes so that a reader sees either the old or the whole new
-// file, and the new one survives a power cut once this returns: a temporary file in the same
-// folder, written and synced, renamed over path, then the folder synced. Creates the folder
-// when it is missing. Throws Failure, leaving path as it was.
+// A new version of the file at path, written and synced to a hidden temporary file in the same
+// folder (".<name>.XXXXXX") but not yet in place. commit() renames it over path, so a reader
+// sees either the old or the whole new file, and syncs the folder so the new one survives a
+// power cut; until then path is untouched, and a PendingFile dropped uncommitted removes its
+// temporary file. The constructor creates the folder when it is missing. Both throw Failure.
+class PendingFile
+{
+public:
+    PendingFile(const QString &path, const QByteArray &bytes);
+    ~PendingFile();
+    PendingFile(const PendingFile &) = delete;
+    PendingFile &operator=(const PendingFile &) = delete;
+
+    void commit();
+
+private:
+    QString m_path;
+    QByteArray m_target;
+    QByteArray m_temporary;
+    bool m_committed = false;
+};
+
+// Both steps of PendingFile at once.
 void writeFileAtomically(const QString &path, const QByteArray &bytes);
+
+// Removes, from folder, the temporary files that a PendingFile killed before it finished
+// leaves behind: hidden regular files ".<name>.XXXXXX" whose <name> matches finalName, a
+// regular expression without anchors. Only safe while no other writer of those files is at work.
+void removeLeftoverTemporaries(const QString &folder, const QString &finalName);

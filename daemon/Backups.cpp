@@ -8,59 +8,69 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 
+#include <algorithm>
+
 using namespace Qt::StringLiterals;
 
 namespace {
 const QString backupFolderName = u"backups"_s;
+const QString stampFormat = u"yyyy-MM-dd'T'HH-mm-ss.zzz"_s;
 
-QString backupName(const QDateTime &time)
+QString backupName(const QDateTime &time) { return u"config-"_s + time.toUTC().toString(stampFormat) + u"Z.json"_s; }
+
+QDateTime timeOf(const QString &name)
 {
-    return u"config-"_s + time.toUTC().toString(u"yyyy-MM-dd'T'HH-mm-ss.zzz'Z'"_s) + u".json"_s;
+    const QDateTime stamp = QDateTime::fromString(name.mid(7, 23), stampFormat);
+    return QDateTime(stamp.date(), stamp.time(), Qt::UTC);
+}
+
+// Fixed-width UTC names: the alphabetical order is the order of age.
+QStringList backupsOldestFirst(const QString &folder)
+{
+    static const QRegularExpression pattern(u"^"_s + backupNamePattern() + u'$');
+    QStringList backups;
+    for (const QString &name : QDir(folder).entryList(QDir::Files, QDir::Name))
+        if (pattern.match(name).hasMatch())
+            backups << name;
+    return backups;
 }
 } // namespace
 
-QString backUp(const QString &path, const QDateTime &now)
-{
-    QFile current(path);
-    if (!current.exists())
-        return {};
-    if (!current.open(QIODevice::ReadOnly))
-        throw Failure{u"Cannot read the current configuration %1 to back it up: %2."_s.arg(
-            QDir::toNativeSeparators(path), current.errorString())};
-    const QByteArray bytes = current.readAll();
-    if (current.error() != QFileDevice::NoError)
-        throw Failure{u"Cannot read the current configuration %1 to back it up: %2."_s.arg(
-            QDir::toNativeSeparators(path), current.errorString())};
+QString backupFolderFor(const QString &configPath) { return QFileInfo(configPath).absolutePath() + u'/' + backupFolderName; }
 
-    const QString folder = QFileInfo(path).absolutePath() + u'/' + backupFolderName;
-    if (!QDir().mkpath(folder))
-        throw Failure{u"Cannot back up the current configuration: cannot create the folder %1."_s.arg(
-            QDir::toNativeSeparators(folder))};
-    // Two saves within one millisecond must not share a name.
-    QDateTime time = now;
-    QString backup = folder + u'/' + backupName(time);
-    while (QFileInfo::exists(backup)) {
-        time = time.addMSecs(1);
-        backup = folder + u'/' + backupName(time);
+QString backupNamePattern() { return u"config-\\d{4}-\\d{2}-\\d{2}T\\d{2}-\\d{2}-\\d{2}\\.\\d{3}Z\\.json"_s; }
+
+QString nextBackupPath(const QString &folder, const QDateTime &now)
+{
+    QDateTime time = now.toUTC();
+    const QStringList existing = backupsOldestFirst(folder);
+    if (!existing.isEmpty()) {
+        const QDateTime newest = timeOf(existing.last());
+        if (newest.isValid() && newest >= time)
+            time = newest.addMSecs(1);
     }
+    // Anything else of that name (not a backup, so not seen above) is not overwritten either.
+    while (QFileInfo::exists(folder + u'/' + backupName(time)))
+        time = time.addMSecs(1);
+    return folder + u'/' + backupName(time);
+}
+
+QString writeBackup(const QString &folder, const QByteArray &bytes, const QDateTime &now)
+{
+    const QString backup = nextBackupPath(folder, now);
     try {
         writeFileAtomically(backup, bytes);
     } catch (const Failure &failure) {
         throw Failure{u"Cannot back up the current configuration: "_s + failure.message};
     }
-    pruneBackups(folder);
     return backup;
 }
 
-void pruneBackups(const QString &folder, int keep)
+void pruneBackups(const QString &folder, int keep, const QString &spared)
 {
-    static const QRegularExpression pattern(
-        u"^config-\\d{4}-\\d{2}-\\d{2}T\\d{2}-\\d{2}-\\d{2}\\.\\d{3}Z\\.json$"_s);
-    QStringList backups;
-    for (const QString &name : QDir(folder).entryList(QDir::Files, QDir::Name))
-        if (pattern.match(name).hasMatch())
-            backups << name;
-    // Fixed-width UTC names: the alphabetical order is the order of age.
-    while (backups.size() > keep)
+    QStringList backups = backupsOldestFirst(folder);
+    backups.removeAll(spared);
+    const int keepOthers = spared.isEmpty() || !QFileInfo::exists(folder + u'/' + spared) ? keep : keep - 1;
+    while (backups.size() > std::max(keepOthers, 0))
         QFile::remove(folder + u'/' + backups.takeFirst());
 }

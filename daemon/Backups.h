@@ -1,15 +1,28 @@
 #pragma once
 
+#include <QByteArray>
 #include <QDateTime>
 #include <QString>
 
 inline constexpr int keptBackups = 20;
 
-// Copies the file at path into the folder "backups" beside it, named
-// config-<UTC date and time>.json (to the millisecond, so names sort by age), then deletes
-// all but the newest keptBackups there. Returns the backup's path, or an empty text when
-// there is no file to back up. Throws Failure when the copy cannot be made.
-QString backUp(const QString &path, const QDateTime &now = QDateTime::currentDateTimeUtc());
+// The folder "backups" beside the configuration at configPath.
+QString backupFolderFor(const QString &configPath);
 
-// Deletes the oldest backups in folder until at most keep remain; other files are left alone.
-void pruneBackups(const QString &folder, int keep = keptBackups);
+// What a backup's name looks like, config-<UTC date and time to the millisecond>.json, as a
+// regular expression without anchors.
+QString backupNamePattern();
+
+// The path for the next backup in folder: named after now, but always after the newest backup
+// already there, so that it sorts as the newest even when the clock was once ahead (it is then
+// never the one that pruning removes) and never takes an existing backup's name.
+QString nextBackupPath(const QString &folder, const QDateTime &now);
+
+// Writes bytes, whole or not at all, as the next backup in folder (which must exist). Returns
+// its path. Throws Failure.
+QString writeBackup(const QString &folder, const QByteArray &bytes,
+                    const QDateTime &now = QDateTime::currentDateTimeUtc());
+
+// Deletes the oldest backups in folder until at most keep remain, never the one named spared;
+// other files are left alone.
+void pruneBackups(const QString &folder, int keep = keptBackups, const QString &spared = {});

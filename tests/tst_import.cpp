@@ -1,0 +1,412 @@
+// The service executable's import mode, where it can lose or corrupt a configuration: failing
+// disks, clocks set back, FIFOs and devices, concurrent saves, links and kills half-way.
+#include "TestSupport.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QMap>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QSet>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QtTest>
+
+#include <csignal>
+#include <fcntl.h>
+#include <memory>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+const QString serviceProgram = QStringLiteral(VELDSPAR_SERVICE_EXECUTABLE);
+
+struct ImportRun
+{
+    bool finished = false;
+    int status = -1;
+    QString output; // standard output and error together, as the app reads them
+};
+
+ImportRun runImport(const QString &config, const QString &file, const std::function<void()> &inChild = {})
+{
+    QProcess process;
+    process.setProgram(serviceProgram);
+    process.setArguments({u"--config"_s, config, u"--import"_s, file});
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    if (inChild)
+        process.setChildProcessModifier(inChild);
+    process.start();
+    ImportRun run;
+    // A bound for "does not hang", far beyond what any import takes.
+    run.finished = process.waitForFinished(30000);
+    if (!run.finished) {
+        process.kill();
+        process.waitForFinished();
+    }
+    run.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.output = QString::fromUtf8(process.readAll()).trimmed();
+    return run;
+}
+
+// A configuration of count radios whose texts all carry tag, so that no two tags give the same bytes.
+QByteArray documentOf(const QString &tag, int count = 1)
+{
+    QList<QJsonObject> radios;
+    for (int i = 0; i < count; ++i)
+        radios << radio(u"10.%1.%2.%3"_s.arg(i / 65536 % 256).arg(i / 256 % 256).arg(i % 256), u"S-%1-%2"_s.arg(tag).arg(i),
+                        u"Radio %1 of %2"_s.arg(i).arg(tag));
+    return configWith(radios);
+}
+
+QString backupFolderOf(const QString &config) { return QFileInfo(config).path() + u"/backups"_s; }
+
+// Every backup by name, with its bytes.
+QMap<QString, QByteArray> backupsOf(const QString &config)
+{
+    QMap<QString, QByteArray> backups;
+    const QDir folder(backupFolderOf(config));
+    for (const QString &name : folder.entryList(QDir::Files | QDir::Hidden, QDir::Name))
+        backups.insert(name, readTestFile(folder.filePath(name)));
+    return backups;
+}
+
+QStringList hiddenFilesIn(const QString &folder)
+{
+    QStringList hidden;
+    for (const QString &name : QDir(folder).entryList(QDir::Files | QDir::Hidden | QDir::System, QDir::Name))
+        if (name.startsWith(u'.'))
+            hidden << name;
+    return hidden;
+}
+
+QString backupNameAt(const QString &stamp) { return u"config-"_s + stamp + u"Z.json"_s; }
+
+// The file path after "the previous configuration is in" in the import's one line.
+QString reportedBackup(const QString &output)
+{
+    const QRegularExpressionMatch match = QRegularExpression(u"the previous configuration is in (.+)\\.$"_s).match(output);
+    return match.hasMatch() ? match.captured(1) : QString();
+}
+
+void makeFifo(const QString &path) { QCOMPARE(::mkfifo(QFile::encodeName(path).constData(), 0600), 0); }
+
+void makeSparseFile(const QString &path, qint64 size)
+{
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    QVERIFY(file.resize(size));
+}
+
+// In the child: writes beyond bytes fail with EFBIG, as on a full disk, instead of killing it.
+std::function<void()> filesLimitedTo(rlim_t bytes)
+{
+    return [bytes] {
+        ::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{bytes, bytes};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    };
+}
+
+// In the child: a reader that takes in a device whole dies of it rather than eat the machine.
+// (The sanitizer's shadow memory needs an unbounded address space.)
+void memoryLimited()
+{
+#if !defined(__SANITIZE_ADDRESS__)
+    const rlimit limit{rlim_t(2) << 30, rlim_t(2) << 30};
+    ::setrlimit(RLIMIT_AS, &limit);
+#endif
+}
+
+} // namespace
+
+class ImportTest : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+
+    QString path(const QString &name) const { return m_dir.filePath(name); }
+
+private Q_SLOTS:
+    // ---- writing: the new file first, then the backup, then the rename, then pruning ----
+
+    void aFailingDiskLeavesTheConfigurationAndItsBackupsAsTheyWere()
+    {
+        const QString config = path(u"full-disk/config.json"_s);
+        const QByteArray previous = documentOf(u"previous"_s);
+        writeTestFile(config, previous);
+        for (int i = 0; i < 20; ++i)
+            writeTestFile(backupFolderOf(config) + u'/' + backupNameAt(u"2020-01-01T00-00-00.%1"_s.arg(i, 3, 10, QChar(u'0'))),
+                          documentOf(u"history-%1"_s.arg(i)));
+        const QMap<QString, QByteArray> history = backupsOf(config);
+        const QByteArray next = documentOf(u"next"_s, 50);
+        QVERIFY(previous.size() < next.size() / 2);
+        writeTestFile(path(u"full-disk.json"_s), next);
+
+        // Twenty failed saves in a row: each must change nothing at all.
+        for (int attempt = 0; attempt < 20; ++attempt) {
+            const ImportRun run = runImport(config, path(u"full-disk.json"_s), filesLimitedTo(rlim_t(next.size() / 2)));
+            QVERIFY(run.finished);
+            QCOMPARE(run.status, 1);
+            QCOMPARE(run.output, u"Cannot write %1: File too large."_s.arg(config));
+        }
+        QCOMPARE(readTestFile(config), previous);
+        QCOMPARE(backupsOf(config), history);
+        QCOMPARE(hiddenFilesIn(QFileInfo(config).path()), QStringList());
+
+        // The same save with room enough succeeds, backs up the previous file and keeps twenty.
+        const ImportRun saved = runImport(config, path(u"full-disk.json"_s));
+        QCOMPARE(saved.status, 0);
+        QCOMPARE(readTestFile(config), next);
+        QCOMPARE(readTestFile(reportedBackup(saved.output)), previous);
+        QCOMPARE(backupsOf(config).size(), 20);
+    }
+
+    void theNewBackupIsKeptWhenTheClockWasOnceAhead()
+    {
+        const QString config = path(u"clock/config.json"_s);
+        const QByteArray previous = documentOf(u"previous"_s);
+        writeTestFile(config, previous);
+        // Made while the clock said 2099.
+        for (int i = 0; i < 20; ++i)
+            writeTestFile(backupFolderOf(config) + u'/' + backupNameAt(u"2099-01-01T00-00-00.%1"_s.arg(i, 3, 10, QChar(u'0'))),
+                          documentOf(u"future-%1"_s.arg(i)));
+        writeTestFile(path(u"clock.json"_s), documentOf(u"next"_s));
+
+        const ImportRun run = runImport(config, path(u"clock.json"_s));
+        QCOMPARE(run.status, 0);
+        const QString backup = reportedBackup(run.output);
+        QVERIFY2(!backup.isEmpty(), qPrintable(run.output));
+        QCOMPARE(readTestFile(backup), previous);
+        const QStringList names = backupsOf(config).keys();
+        QCOMPARE(names.size(), 20);
+        // The newest by name, so the next prune cannot take it either; the oldest went instead.
+        QCOMPARE(names.last(), QFileInfo(backup).fileName());
+        QVERIFY(!names.contains(backupNameAt(u"2099-01-01T00-00-00.000"_s)));
+    }
+
+    // ---- reading: only regular files, and only so much ----
+
+    void onlyARegularFileIsImported_data()
+    {
+        QTest::addColumn<QString>("kind");
+        QTest::newRow("FIFO") << u"fifo"_s;
+        QTest::newRow("device reporting no size") << u"device"_s;
+    }
+
+    void onlyARegularFileIsImported()
+    {
+        QFETCH(QString, kind);
+        const QString config = path(u"irregular-%1/config.json"_s.arg(kind));
+        const QByteArray previous = documentOf(u"previous"_s);
+        writeTestFile(config, previous);
+        QString file = u"/dev/zero"_s;
+        if (kind == u"fifo"_s) {
+            file = path(u"irregular.fifo"_s);
+            makeFifo(file);
+        }
+        const ImportRun run = runImport(config, file, memoryLimited);
+        QVERIFY2(run.finished, "the import waited for ever");
+        QCOMPARE(run.status, 1);
+        QCOMPARE(run.output, u"%1 is not a regular file."_s.arg(file));
+        QCOMPARE(readTestFile(config), previous);
+        QVERIFY(backupsOf(config).isEmpty());
+    }
+
+    void aHugeFileIsRefusedUnread()
+    {
+        const QString config = path(u"huge/config.json"_s);
+        writeTestFile(config, documentOf(u"previous"_s));
+        makeSparseFile(path(u"huge.json"_s), qint64(3) << 30);
+        const ImportRun run = runImport(config, path(u"huge.json"_s), memoryLimited);
+        QCOMPARE(run.status, 1);
+        QCOMPARE(run.output, u"%1 is too large to be a configuration."_s.arg(path(u"huge.json"_s)));
+        QCOMPARE(readTestFile(config), documentOf(u"previous"_s));
+    }
+
+    // ---- concurrent saves ----
+
+    void concurrentImportsLoseNoDocument()
+    {
+        const QString config = path(u"concurrent/config.json"_s);
+        const QByteArray first = documentOf(u"first"_s, 200);
+        writeTestFile(config, first);
+        QList<QByteArray> documents;
+        std::vector<std::unique_ptr<QProcess>> imports;
+        for (int i = 0; i < 10; ++i) {
+            documents << documentOf(u"concurrent-%1"_s.arg(i), 200);
+            const QString file = path(u"concurrent-%1.json"_s.arg(i));
+            writeTestFile(file, documents.last());
+            imports.push_back(std::make_unique<QProcess>());
+            imports.back()->setProcessChannelMode(QProcess::MergedChannels);
+            imports.back()->start(serviceProgram, {u"--config"_s, config, u"--import"_s, file});
+        }
+        int succeeded = 0;
+        for (qsizetype i = 0; i < documents.size(); ++i) {
+            QVERIFY(imports[size_t(i)]->waitForFinished(60000));
+            QVERIFY2(imports[size_t(i)]->exitCode() == 0, imports[size_t(i)]->readAll().constData());
+            ++succeeded;
+        }
+        QList<QByteArray> stored = backupsOf(config).values();
+        stored << readTestFile(config);
+        QCOMPARE(succeeded, 10);
+        QVERIFY(stored.contains(first));
+        for (qsizetype i = 0; i < documents.size(); ++i)
+            QVERIFY2(stored.contains(documents.at(i)), qPrintable(u"document %1 is nowhere"_s.arg(i)));
+        QCOMPARE(stored.size(), 11);
+    }
+
+    void aSaveWaitsForAnotherOnlySoLong()
+    {
+        const QString folder = path(u"locked"_s);
+        const QString config = folder + u"/config.json"_s;
+        const QByteArray previous = documentOf(u"previous"_s);
+        writeTestFile(config, previous);
+        // What a killed save left; not ours to clean while another save may be writing it.
+        writeTestFile(folder + u"/.config.json.Ab12Cd"_s, "half");
+        writeTestFile(path(u"locked.json"_s), documentOf(u"next"_s));
+
+        const int held = ::open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        QVERIFY(held >= 0);
+        QCOMPARE(::flock(held, LOCK_EX), 0);
+        const ImportRun run = runImport(config, path(u"locked.json"_s));
+        ::close(held);
+        QVERIFY(run.finished);
+        QCOMPARE(run.status, 1);
+        QCOMPARE(run.output, u"Another save into %1 has not finished within 10 seconds; nothing was changed."_s.arg(folder));
+        QCOMPARE(readTestFile(config), previous);
+        QVERIFY(backupsOf(config).isEmpty());
+        QCOMPARE(readTestFile(folder + u"/.config.json.Ab12Cd"_s), QByteArray("half"));
+
+        // Once let go, the next save goes through.
+        QCOMPARE(runImport(config, path(u"locked.json"_s)).status, 0);
+        QCOMPARE(readTestFile(config), documentOf(u"next"_s));
+    }
+
+    // ---- links and leftovers ----
+
+    void aLinkedConfigurationIsWrittenThroughToItsTarget()
+    {
+        const QString config = path(u"linked/config.json"_s);
+        const QString target = path(u"elsewhere/real.json"_s);
+        const QByteArray previous = documentOf(u"previous"_s);
+        writeTestFile(target, previous);
+        QVERIFY(QDir().mkpath(path(u"linked"_s)));
+        QCOMPARE(::symlink("../elsewhere/real.json", QFile::encodeName(config).constData()), 0);
+        writeTestFile(path(u"linked.json"_s), documentOf(u"next"_s));
+
+        const ImportRun run = runImport(config, path(u"linked.json"_s));
+        QCOMPARE(run.status, 0);
+        QVERIFY(QFileInfo(config).isSymLink());
+        QCOMPARE(QFileInfo(config).symLinkTarget(), QFileInfo(target).absoluteFilePath());
+        QCOMPARE(readTestFile(target), documentOf(u"next"_s));
+        QCOMPARE(backupsOf(config).values(), QList<QByteArray>{previous});
+        QCOMPARE(hiddenFilesIn(path(u"elsewhere"_s)), QStringList());
+    }
+
+    void aLinkToNothingIsRefused()
+    {
+        const QString config = path(u"dangling/config.json"_s);
+        QVERIFY(QDir().mkpath(path(u"dangling"_s)));
+        QCOMPARE(::symlink("gone.json", QFile::encodeName(config).constData()), 0);
+        writeTestFile(path(u"dangling.json"_s), documentOf(u"next"_s));
+
+        const ImportRun run = runImport(config, path(u"dangling.json"_s));
+        QCOMPARE(run.status, 1);
+        QCOMPARE(run.output, u"Cannot write %1: it is a link to %2, which does not exist."_s.arg(
+                                 config, path(u"dangling/gone.json"_s)));
+        QVERIFY(QFileInfo(config).isSymLink());
+        QVERIFY(!QFileInfo::exists(path(u"dangling/gone.json"_s)));
+    }
+
+    void leftoversOfAKilledSaveAreCleanedAtTheNextOne()
+    {
+        const QString folder = path(u"leftovers"_s);
+        const QString config = folder + u"/config.json"_s;
+        writeTestFile(config, documentOf(u"previous"_s));
+        const QStringList ours{u".config.json.Ab12Cd"_s, u"backups/.config-2020-01-01T00-00-00.000Z.json.Zz99Yy"_s};
+        const QStringList others{u".config.json.keep-me"_s, u".other.json.Ab12Cd"_s, u"config.json.Ab12Cd"_s,
+                                 u"backups/.notes.Ab12Cd"_s};
+        for (const QString &name : ours + others)
+            writeTestFile(folder + u'/' + name, "left");
+        writeTestFile(path(u"leftovers.json"_s), documentOf(u"next"_s));
+
+        QCOMPARE(runImport(config, path(u"leftovers.json"_s)).status, 0);
+        for (const QString &name : ours)
+            QVERIFY2(!QFileInfo::exists(folder + u'/' + name), qPrintable(name));
+        for (const QString &name : others)
+            QVERIFY2(readTestFile(folder + u'/' + name) == "left", qPrintable(name));
+    }
+
+    // ---- kill -9 at any moment ----
+
+    void aKilledImportLeavesTheOldOrTheNewFileWhole()
+    {
+        const QString config = path(u"killed/config.json"_s);
+        const QString file = path(u"killed.json"_s);
+        // A few hundred KiB, so that many kills land inside the writing.
+        const auto version = [](int n) { return documentOf(u"v%1"_s.arg(n), 1200); };
+        QByteArray current = version(0);
+        writeTestFile(config, current);
+        QSet<QByteArray> imported{current};
+
+        // How long one import takes here, to spread the kills over its whole run.
+        writeTestFile(file, version(1));
+        QElapsedTimer clock;
+        clock.start();
+        QCOMPARE(runImport(config, file).status, 0);
+        const qint64 spanUs = std::max<qint64>(clock.nsecsElapsed() / 1000, 1000);
+        current = version(1);
+        imported << current;
+
+        const quint32 seed = QRandomGenerator::global()->generate();
+        qInfo("seed %u; one import takes %lld us", seed, spanUs);
+        QRandomGenerator random(seed);
+        QElapsedTimer total;
+        total.start();
+        int runs = 0;
+        int changed = 0;
+        for (int n = 2; runs < 150 && (runs < 100 || total.elapsed() < 20000); ++n, ++runs) {
+            const QByteArray next = version(n);
+            writeTestFile(file, next);
+            imported << next;
+            QProcess process;
+            process.start(serviceProgram, {u"--config"_s, config, u"--import"_s, file});
+            QVERIFY(process.waitForStarted());
+            QThread::usleep(random.bounded(quint32(spanUs * 12 / 10)));
+            process.kill();
+            QVERIFY(process.waitForFinished(10000));
+
+            const QByteArray now = readTestFile(config);
+            QVERIFY2(now == current || now == next, qPrintable(u"run %1 (seed %2): config.json is neither"_s.arg(runs).arg(seed)));
+            changed += now == next;
+            current = now;
+            const QMap<QString, QByteArray> backups = backupsOf(config);
+            for (auto it = backups.begin(); it != backups.end(); ++it)
+                QVERIFY2(it.key().startsWith(u'.') || imported.contains(it.value()),
+                         qPrintable(u"run %1 (seed %2): backup %3 is damaged"_s.arg(runs).arg(seed).arg(it.key())));
+        }
+        qInfo("%d kills, %d of them after the file was replaced", runs, changed);
+        QVERIFY(runs >= 100);
+
+        // The next whole save cleans up what the kills left.
+        writeTestFile(file, version(0));
+        QCOMPARE(runImport(config, file).status, 0);
+        QCOMPARE(hiddenFilesIn(QFileInfo(config).path()), QStringList());
+        QCOMPARE(hiddenFilesIn(backupFolderOf(config)), QStringList());
+    }
+};
+
+QTEST_MAIN(ImportTest)
+#include "tst_import.moc"
