@@ -1,11 +1,11 @@
 #include "daemon/Service.h"
 
 #include "daemon/Log.h"
+#include "daemon/RegularFile.h"
 #include "daemon/StopSignals.h"
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 
 #include <csignal>
 
@@ -42,20 +42,27 @@ void Service::note(const QString &line)
 void Service::reload()
 {
     const QString path = QDir::toNativeSeparators(m_settings.configPath);
-    QFile file(m_settings.configPath);
-    if (!file.exists()) {
+    // Bounded: a FIFO or a huge file in its place must neither block the service nor exhaust it.
+    const FileContents file = readRegularFile(m_settings.configPath, largestConfiguration);
+    if (file.problem == FileContents::Problem::Missing) {
         m_seen.reset();
         note(m_loaded ? u"The configuration %1 is gone; keeping the previous one."_s.arg(path)
                       : u"No configuration at %1 yet; nothing is announced until it appears."_s.arg(path));
         return;
     }
-    if (!file.open(QIODevice::ReadOnly)) {
+    if (file.problem == FileContents::Problem::Unreadable) {
         m_seen.reset();
         note(u"Cannot read the configuration %1: %2; %3"_s.arg(
-            path, file.errorString(), m_loaded ? u"keeping the previous one."_s : u"nothing is announced."_s));
+            path, file.reason, m_loaded ? u"keeping the previous one."_s : u"nothing is announced."_s));
         return;
     }
-    const QByteArray bytes = file.readAll();
+    if (file.problem != FileContents::Problem::None) {
+        m_seen.reset();
+        note(m_loaded ? u"Keeping the previous configuration: %1"_s.arg(file.message)
+                      : u"Cannot use the configuration; nothing is announced until it is fixed. %1"_s.arg(file.message));
+        return;
+    }
+    const QByteArray &bytes = file.bytes;
     if (m_seen == bytes)
         return;
     m_seen = bytes;

@@ -1,5 +1,6 @@
-// The service executable's import mode, where it can lose or corrupt a configuration: failing
-// disks, clocks set back, FIFOs and devices, concurrent saves, links and kills half-way.
+// The service executable's import mode and the service's reading of config.json, where they
+// can lose or corrupt a configuration: failing disks, clocks set back, FIFOs and devices,
+// concurrent saves, links and kills half-way.
 #include "TestSupport.h"
 
 #include <QDir>
@@ -108,6 +109,11 @@ void makeSparseFile(const QString &path, qint64 size)
     QVERIFY(file.resize(size));
 }
 
+void renameOver(const QString &from, const QString &to)
+{
+    QCOMPARE(::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()), 0);
+}
+
 // In the child: writes beyond bytes fail with EFBIG, as on a full disk, instead of killing it.
 std::function<void()> filesLimitedTo(rlim_t bytes)
 {
@@ -128,6 +134,40 @@ void memoryLimited()
 #endif
 }
 
+// The service, with its log on standard error and its beacons kept off the real networks.
+class RunningService
+{
+public:
+    explicit RunningService(const QString &config)
+    {
+        m_process.setProgram(serviceProgram);
+        m_process.setArguments({u"--config"_s, config, u"--broadcast"_s, u"127.0.0.1:9"_s});
+        m_process.start();
+        m_process.waitForStarted();
+    }
+    ~RunningService()
+    {
+        if (m_process.state() != QProcess::NotRunning) {
+            m_process.kill();
+            m_process.waitForFinished();
+        }
+    }
+    QString log()
+    {
+        m_log += QString::fromUtf8(m_process.readAllStandardError());
+        return m_log;
+    }
+    // True when SIGTERM ended it within the bound.
+    bool stops()
+    {
+        ::kill(pid_t(m_process.processId()), SIGTERM);
+        return m_process.waitForFinished(5000);
+    }
+
+private:
+    QProcess m_process;
+    QString m_log;
+};
 } // namespace
 
 class ImportTest : public QObject
@@ -233,6 +273,35 @@ private Q_SLOTS:
         QCOMPARE(run.status, 1);
         QCOMPARE(run.output, u"%1 is too large to be a configuration."_s.arg(path(u"huge.json"_s)));
         QCOMPARE(readTestFile(config), documentOf(u"previous"_s));
+    }
+
+    void theServiceKeepsItsConfigurationWhenAnUnreadableFileTakesItsPlace_data()
+    {
+        QTest::addColumn<QString>("kind");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("FIFO") << u"fifo"_s << u"is not a regular file."_s;
+        QTest::newRow("huge sparse file") << u"huge"_s << u"is too large to be a configuration."_s;
+    }
+
+    void theServiceKeepsItsConfigurationWhenAnUnreadableFileTakesItsPlace()
+    {
+        QFETCH(QString, kind);
+        QFETCH(QString, reason);
+        const QString config = path(u"service-%1/config.json"_s.arg(kind));
+        writeTestFile(config, documentOf(u"good"_s));
+        RunningService service(config);
+        QTRY_VERIFY_WITH_TIMEOUT(service.log().contains(u"Configuration loaded:"_s), 5000);
+
+        const QString replacement = config + u".new"_s;
+        if (kind == u"fifo"_s)
+            makeFifo(replacement);
+        else
+            makeSparseFile(replacement, qint64(64) << 20);
+        renameOver(replacement, config);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            service.log().contains(u"Keeping the previous configuration: %1 %2"_s.arg(config, reason)), 5000);
+        QCOMPARE(service.log().count(u"Configuration loaded"_s), 1);
+        QVERIFY2(service.stops(), qPrintable(service.log()));
     }
 
     // ---- concurrent saves ----
