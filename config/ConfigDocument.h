@@ -19,8 +19,9 @@ QJsonObject emptyDocument();
 // True for a non-empty object whose "radios" is an array of objects.
 bool isConfiguration(const QJsonObject &document);
 
-// Parses text into a configuration; throws Error for invalid JSON, a non-object top level,
-// or a document that is not a configuration ("Invalid configuration").
+// Parses text into a configuration; throws Error for invalid JSON (including bytes that are not
+// UTF-8 and unpaired surrogate escapes such as "\ud800", which the service refuses too), a
+// non-object top level, or a document that is not a configuration ("Invalid configuration").
 QJsonObject parseConfiguration(const QByteArray &bytes);
 
 // The radios the table shows; empty for anything that is not a usable configuration.

@@ -8,6 +8,7 @@
 #include <QJsonParseError>
 
 #include <cmath>
+#include <optional>
 
 using namespace Qt::StringLiterals;
 
@@ -18,6 +19,50 @@ QString shown(const QJsonValue &value)
     const QByteArray array = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
     const QString text = QString::fromUtf8(array.mid(1, array.size() - 2));
     return text.size() > 40 ? text.left(39) + u'\u2026' : text;
+}
+
+// The first text, key or value, that is not valid Unicode: an escape such as "\ud800" gives a
+// lone surrogate, which UTF-8 cannot carry.
+std::optional<QString> unpairedSurrogateIn(const QJsonValue &value)
+{
+    const auto invalid = [](const QString &text) -> std::optional<QString> {
+        if (text.isValidUtf16())
+            return std::nullopt;
+        return text;
+    };
+    if (value.isString())
+        return invalid(value.toString());
+    if (value.isArray()) {
+        for (const QJsonValue &item : value.toArray())
+            if (const std::optional<QString> found = unpairedSurrogateIn(item))
+                return found;
+    }
+    if (value.isObject()) {
+        const QJsonObject object = value.toObject();
+        for (auto it = object.begin(); it != object.end(); ++it) {
+            if (const std::optional<QString> found = invalid(it.key()))
+                return found;
+            if (const std::optional<QString> found = unpairedSurrogateIn(it.value()))
+                return found;
+        }
+    }
+    return std::nullopt;
+}
+
+// The first lone surrogate of text, as its escape.
+QString firstLoneSurrogate(const QString &text)
+{
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const QChar c = text.at(i);
+        // A low surrogate that follows its high one is skipped below, so any other is alone.
+        const bool paired = c.isHighSurrogate() ? i + 1 < text.size() && text.at(i + 1).isLowSurrogate()
+                                                : !c.isLowSurrogate();
+        if (!paired)
+            return u"\\u%1"_s.arg(uint(c.unicode()), 4, 16, QChar(u'0'));
+        if (c.isHighSurrogate())
+            ++i;
+    }
+    return {};
 }
 
 QString optionalText(const QJsonObject &radio, const QString &key)
@@ -36,6 +81,9 @@ std::variant<Configuration, QString> readConfiguration(const QByteArray &bytes)
 {
     if (bytes.trimmed().isEmpty())
         return u"The configuration is empty."_s;
+    // Qt's parser takes any byte after a backslash; the app reads only UTF-8.
+    if (!QByteArrayView(bytes).isValidUtf8())
+        return u"The configuration is not UTF-8 text."_s;
     QJsonParseError error{};
     const QJsonDocument document = QJsonDocument::fromJson(bytes, &error);
     if (error.error != QJsonParseError::NoError)
@@ -43,6 +91,8 @@ std::variant<Configuration, QString> readConfiguration(const QByteArray &bytes)
     if (!document.isObject())
         return u"The configuration must be a JSON object with a \"radios\" list."_s;
     const QJsonObject top = document.object();
+    if (const std::optional<QString> text = unpairedSurrogateIn(top))
+        return u"The configuration has an unpaired surrogate \"%1\" in a text."_s.arg(firstLoneSurrogate(*text));
 
     Configuration configuration;
     if (top.contains(u"broadcastIntervalMs"_s)) {

@@ -34,8 +34,10 @@ struct Configuration
     QList<ConfiguredRadio> radios;
 };
 
-// Checks a configuration document: a JSON object whose "radios" is an array of objects, each
-// with a non-empty text "ipAddress" and a text "serialNumber", and whose "broadcastIntervalMs",
-// when present, is a whole number from 250 to 60000. Any other key is allowed. Returns the
-// configuration, or one sentence that says what is wrong and where.
+// Checks a configuration document: UTF-8 text (after a backslash too), with no unpaired
+// surrogate escape such as "\ud800" in any text, so that the app reads it the same way; a JSON
+// object whose "radios" is an array of objects, each with a non-empty text "ipAddress" and a
+// text "serialNumber", and whose "broadcastIntervalMs", when present, is a whole number from
+// 250 to 60000. Any other key is allowed. Returns the configuration, or one sentence that says
+// what is wrong and where.
 std::variant<Configuration, QString> readConfiguration(const QByteArray &bytes);

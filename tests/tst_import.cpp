@@ -1,7 +1,12 @@
 // The service executable's import mode and the service's reading of config.json, where they
 // can lose or corrupt a configuration: failing disks, clocks set back, FIFOs and devices,
-// concurrent saves, links and kills half-way.
+// concurrent saves, links, kills half-way, and text that the app cannot read.
 #include "TestSupport.h"
+
+#include "config/ConfigDocument.h"
+#include "config/ConfigFile.h"
+#include "daemon/Configuration.h"
+#include "platform/Error.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -416,6 +421,84 @@ private Q_SLOTS:
             QVERIFY2(!QFileInfo::exists(folder + u'/' + name), qPrintable(name));
         for (const QString &name : others)
             QVERIFY2(readTestFile(folder + u'/' + name) == "left", qPrintable(name));
+    }
+
+    // ---- text that the app cannot read ----
+
+    void importRefusesTextTheAppCannotRead_data()
+    {
+        QTest::addColumn<QByteArray>("text");
+        QTest::addColumn<QString>("message");
+        const QString notUtf8 = u"The configuration is not UTF-8 text."_s;
+        QTest::newRow("0xFF after a backslash") << QByteArray("Radio \\\xff") << notUtf8;
+        QTest::newRow("both bytes of an é after backslashes") << QByteArray("Radio \\\xc3\\\xa9") << notUtf8;
+        QTest::newRow("lone high surrogate") << QByteArray("Radio \\ud800")
+                                             << u"The configuration has an unpaired surrogate \"\\ud800\" in a text."_s;
+        QTest::newRow("lone low surrogate") << QByteArray("\\udc00 Radio")
+                                            << u"The configuration has an unpaired surrogate \"\\udc00\" in a text."_s;
+        QTest::newRow("reversed pair") << QByteArray("\\udc00\\ud800")
+                                       << u"The configuration has an unpaired surrogate \"\\udc00\" in a text."_s;
+    }
+
+    void importRefusesTextTheAppCannotRead()
+    {
+        QFETCH(QByteArray, text);
+        QFETCH(QString, message);
+        const QString config = path(u"text/config.json"_s);
+        const QByteArray previous = documentOf(u"previous"_s);
+        writeTestFile(config, previous);
+        writeTestFile(path(u"text.json"_s),
+                      R"({"radios": [{"ipAddress": "10.0.0.1", "serialNumber": "T-1", "name": ")" + text + R"("}]})");
+        const ImportRun run = runImport(config, path(u"text.json"_s));
+        QCOMPARE(run.status, 1);
+        QCOMPARE(run.output, message);
+        QCOMPARE(readTestFile(config), previous);
+    }
+
+    void theServiceAndTheAppAgreeOnText_data()
+    {
+        QTest::addColumn<QByteArray>("text");
+        QTest::addColumn<bool>("readable");
+        QTest::newRow("plain") << QByteArray("Radio") << true;
+        QTest::newRow("UTF-8") << QByteArray("R\xc3\xa4" "dio \xe2\x80\x94 \xf0\x9f\x93\xbb") << true;
+        QTest::newRow("escaped pair") << QByteArray("\\ud83d\\udcfb") << true;
+        QTest::newRow("escaped ASCII") << QByteArray("\\u0041\\n\\\"") << true;
+        QTest::newRow("0xFF after a backslash") << QByteArray("\\\xff") << false;
+        QTest::newRow("0xC3 after a backslash") << QByteArray("\\\xc3\\\xa9") << false;
+        QTest::newRow("raw 0xFF") << QByteArray("\xff") << false;
+        QTest::newRow("overlong slash") << QByteArray("\xc0\xaf") << false;
+        QTest::newRow("encoded surrogate") << QByteArray("\xed\xa0\x80") << false;
+        QTest::newRow("lone high surrogate") << QByteArray("\\ud800") << false;
+        QTest::newRow("lone low surrogate") << QByteArray("\\udfff") << false;
+        QTest::newRow("high surrogate at the end") << QByteArray("ok\\udbff") << false;
+    }
+
+    // The service's reader, the app's start-up reading and the app's import of a file say the
+    // same about each document: it is read, or it is refused.
+    void theServiceAndTheAppAgreeOnText()
+    {
+        QFETCH(QByteArray, text);
+        QFETCH(bool, readable);
+        for (const QByteArray &where : {QByteArray("name"), QByteArray("key")}) {
+            // The text as a name, or as a key of its own.
+            const QByteArray entry = where == "name" ? "\"name\": \"" + text + "\"" : "\"" + text + "\": true";
+            const QByteArray bytes = R"({"radios": [{"ipAddress": "10.0.0.1", "serialNumber": "T-1", )" + entry + "}]}";
+
+            const bool service = std::holds_alternative<Configuration>(readConfiguration(bytes));
+            TestWorld world;
+            world.writeConfig(bytes);
+            const RunningApp app(world);
+            const bool shown = app.rowCount() == 1;
+            bool imported = true;
+            try {
+                readConfigurationFile(world.configPath());
+            } catch (const Error &) {
+                imported = false;
+            }
+            const QByteArray row = where + ": service " + QByteArray::number(service) + ", app shows "
+                                   + QByteArray::number(shown) + ", app imports " + QByteArray::number(imported);
+            QVERIFY2(service == readable && shown == readable && imported == readable, row.constData());
+        }
     }
 
     // ---- kill -9 at any moment ----
