@@ -130,11 +130,11 @@ struct Run
     QString lastLine() const { return lines().value(lines().size() - 1); }
 };
 
-Run runVeldspar(const QStringList &arguments, int timeoutMs = 30000,
-                const std::function<void()> &inChild = {})
+Run runProgram(const QString &program, const QStringList &arguments, int timeoutMs = 30000,
+               const std::function<void()> &inChild = {})
 {
     QProcess process;
-    process.setProgram(serviceProgram);
+    process.setProgram(program);
     process.setArguments(arguments);
     process.setProcessChannelMode(QProcess::MergedChannels);
     if (inChild)
@@ -154,6 +154,11 @@ Run runVeldspar(const QStringList &arguments, int timeoutMs = 30000,
     run.status = process.exitCode();
     run.output = QString::fromUtf8(process.readAll());
     return run;
+}
+
+Run runVeldspar(const QStringList &arguments, int timeoutMs = 30000, const std::function<void()> &inChild = {})
+{
+    return runProgram(serviceProgram, arguments, timeoutMs, inChild);
 }
 
 // A run on a thread of its own, for the probes that must wait out a time-out while the other
@@ -581,6 +586,46 @@ private Q_SLOTS:
         const Run run = runVeldspar({u"--discover"_s, u"127.0.0.1:99999"_s});
         QCOMPARE(run.status, 2);
         QVERIFY2(run.output.contains(u"\"127.0.0.1:99999\" is not a radio address"_s), qPrintable(run.output));
+    }
+
+    // Addresses where the connection fails before it has even started: the failure comes
+    // while the connection is being set up, and the probe must still end, at once.
+    void discoveryEndsWhenTheConnectionFailsAtOnce_data()
+    {
+        QTest::addColumn<QString>("address");
+        QTest::newRow("IPv6 loopback") << u"::1"_s;
+        QTest::newRow("IPv4-mapped IPv6") << u"::ffff:127.0.0.1"_s;
+        QTest::newRow("limited broadcast") << u"255.255.255.255"_s;
+        QTest::newRow("multicast") << u"224.0.0.1"_s;
+        QTest::newRow("multicast with port") << u"224.0.0.1:4992"_s;
+    }
+
+    void discoveryEndsWhenTheConnectionFailsAtOnce()
+    {
+        QFETCH(QString, address);
+        // Far beyond both time-outs: a probe still running then is one that hangs.
+        const Run run = runVeldspar({u"--discover"_s, address}, 20000);
+        QVERIFY2(run.output != u"<did not finish>"_s, "the probe hangs");
+        QVERIFY(!run.crashed);
+        QVERIFY2(run.status == 1 || run.status == 2, qPrintable(run.output));
+        QVERIFY2(run.elapsedMs < 5000, qPrintable(QString::number(run.elapsedMs))); // no time-out was needed
+        QVERIFY2(run.lastLine().contains(address), qPrintable(run.output));
+        QVERIFY(!run.output.contains(u'{'));
+    }
+
+    void discoveryEndsAtOnceWithoutAnyRoute()
+    {
+        // A network namespace of its own has no route at all, not even loopback.
+        const Run probe = runProgram(u"unshare"_s, {u"-rn"_s, u"/bin/true"_s}, 10000);
+        if (probe.status != 0)
+            QSKIP(qPrintable(u"cannot make a network namespace without routes here (unshare -rn: %1)"_s.arg(probe.output.trimmed())));
+        const Run run = runProgram(u"unshare"_s, {u"-rn"_s, serviceProgram, u"--discover"_s, u"10.99.0.1"_s}, 20000);
+        QVERIFY2(run.output != u"<did not finish>"_s, "the probe hangs");
+        QCOMPARE(run.status, 1);
+        QVERIFY2(run.elapsedMs < 5000, qPrintable(QString::number(run.elapsedMs)));
+        QVERIFY2(run.lastLine().startsWith(u"Cannot reach 10.99.0.1: "_s), qPrintable(run.output));
+        QVERIFY2(run.lastLine().endsWith(u"Check that the VPN to the radio's network is connected and that the address is right."_s),
+                 qPrintable(run.output));
     }
 
     // ---- --config --import ----
