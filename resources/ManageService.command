@@ -5,8 +5,10 @@
 #
 #   enable   install (or refresh) the service from this bundle, write its unit, start it at
 #            login and (re)start it now; units of the earlier labels are taken down first
-#   disable  stop the service and remove its unit, so it no longer starts at login
-#   stop     stop the running service; it still starts at the next login
+#   disable  stop the service and remove its unit, so it no longer starts at login, under this
+#            label and the earlier ones
+#   stop     stop the running service, under this label and the earlier ones; it still starts
+#            at the next login
 #   remove   take the service down under every label and delete the installed executable;
 #            succeeds when nothing is left to remove
 #
@@ -135,15 +137,22 @@ enable() {
   user_systemctl restart "$label.service"
 }
 
+# A service set up by an earlier version still runs under its old label until taken down.
 disable() {
-  take_down "$label" || true
+  local name
+  for name in "${all_labels[@]}"; do
+    take_down "$name" || true
+  done
   user_systemctl daemon-reload
 }
 
 stop() {
-  if unit_loaded "$label"; then
-    user_systemctl stop "$label.service"
-  fi
+  local name
+  for name in "${all_labels[@]}"; do
+    if unit_loaded "$name"; then
+      user_systemctl stop "$name.service"
+    fi
+  done
 }
 
 remove() {
