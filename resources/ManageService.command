@@ -10,7 +10,7 @@
 #   stop     stop the running service, under this label and the earlier ones; it still starts
 #            at the next login
 #   remove   take the service down under every label and delete the installed executable;
-#            succeeds when nothing is left to remove
+#            succeeds when nothing is left to remove, with or without systemd
 #
 # The unit file exists exactly while the service is set up to start at login: the app reads
 # that as "Configured to start at login". Every failure prints one line saying what failed and
@@ -155,13 +155,31 @@ stop() {
   done
 }
 
+# Without systemd no unit can be loaded or running: what is left are files, and deleting them
+# (with the links that enabling made) is all that removing means.
+remove_without_systemd() {
+  local name link
+  for name in "${all_labels[@]}"; do
+    for link in "$units"/*.wants/"$name.service"; do
+      if [ -L "$link" ] || [ -e "$link" ]; then
+        rm -f -- "$link" || fail "cannot delete $link"
+      fi
+    done
+    rm -f -- "$(unit_file "$name")" || fail "cannot delete $(unit_file "$name")"
+  done
+}
+
 remove() {
   local name changed=1
-  for name in "${all_labels[@]}"; do
-    if take_down "$name"; then
-      changed=0
-    fi
-  done
+  if ! have_systemctl; then
+    remove_without_systemd
+  else
+    for name in "${all_labels[@]}"; do
+      if take_down "$name"; then
+        changed=0
+      fi
+    done
+  fi
   if [ -e "$installed" ]; then
     rm -f -- "$installed" || fail "cannot delete $installed"
   fi
@@ -170,12 +188,18 @@ remove() {
   fi
 }
 
-command -v systemctl > /dev/null 2>&1 || fail "systemctl was not found; the service needs systemd"
+have_systemctl() {
+  command -v systemctl > /dev/null 2>&1
+}
+
+need_systemctl() {
+  have_systemctl || fail "systemctl was not found; the service needs systemd"
+}
 
 case "${1:-}" in
-  enable) enable ;;
-  disable) disable ;;
-  stop) stop ;;
+  enable) need_systemctl; enable ;;
+  disable) need_systemctl; disable ;;
+  stop) need_systemctl; stop ;;
   remove) remove ;;
   *) fail "unknown action '${1:-}'; use enable, disable, stop or remove" ;;
 esac

@@ -726,6 +726,52 @@ private Q_SLOTS:
         QVERIFY(QFile::exists(world.unitFilePath(u"org.kestrum.palisade"_s)));
     }
 
+    void scriptRemoveWithoutSystemctlSucceeds_data()
+    {
+        QTest::addColumn<bool>("installed");
+        QTest::newRow("nothing installed") << false;
+        QTest::newRow("files left from an earlier install") << true;
+    }
+
+    void scriptRemoveWithoutSystemctlSucceeds()
+    {
+        QFETCH(bool, installed);
+        TestWorld world;
+        world.useRealServiceScript();
+        world.writeConfig("{\"radios\": []}");
+        const QString executable = world.home() + u"/.local/share/Veldspar/Veldspar"_s;
+        const QString wanted = world.home() + u"/.config/systemd/user/default.target.wants/org.kestrum.Veldspar.service"_s;
+        if (installed) {
+            writeTestFile(executable, "service");
+            world.writeUnitFile(u"org.kestrum.Veldspar"_s);
+            world.writeUnitFile(u"org.kestrum.palisade"_s);
+            QDir().mkpath(QFileInfo(wanted).path());
+            QVERIFY(QFile::link(world.unitFilePath(u"org.kestrum.Veldspar"_s), wanted));
+        }
+        // A PATH with every tool the script uses, but no systemctl anywhere on it.
+        const QString tools = world.root() + u"/tools-without-systemctl"_s;
+        QDir().mkpath(tools);
+        for (const QString &tool : {u"dirname"_s, u"rm"_s, u"mkdir"_s, u"mktemp"_s, u"cat"_s, u"mv"_s, u"cp"_s, u"chmod"_s})
+            QVERIFY(QFile::link(u"/usr/bin/"_s + tool, tools + u'/' + tool));
+        QProcess script;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(u"HOME"_s, world.home());
+        environment.insert(u"PATH"_s, tools);
+        script.setProcessEnvironment(environment);
+        script.setProcessChannelMode(QProcess::MergedChannels);
+        script.start(u"/bin/bash"_s, {world.resources() + u"/ManageService.command"_s, u"remove"_s});
+        QVERIFY(script.waitForFinished(30000));
+        const QString output = QString::fromUtf8(script.readAll());
+        QCOMPARE(output, QString());
+        QCOMPARE(script.exitCode(), 0);
+        QVERIFY(world.systemctlCalls().isEmpty());
+        QVERIFY(!QFile::exists(executable));
+        QVERIFY(!QFileInfo(wanted).isSymLink());
+        for (const QString &label : {u"org.kestrum.Veldspar"_s, u"org.kestrum.veldspar"_s, u"org.kestrum.palisade"_s})
+            QVERIFY2(!QFile::exists(world.unitFilePath(label)), qPrintable(label));
+        QCOMPARE(world.readConfig(), QByteArray("{\"radios\": []}"));
+    }
+
     void scriptFailuresSayWhatFailedInOneLine_data()
     {
         QTest::addColumn<QString>("action");
