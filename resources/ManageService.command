@@ -4,7 +4,8 @@
 #   ManageService.command enable|disable|stop|remove
 #
 #   enable   install (or refresh) the service from this bundle, write its unit, start it at
-#            login and (re)start it now; units of the earlier labels are taken down first
+#            login and (re)start it now; units of the earlier labels are taken down first. If
+#            systemd refuses, the unit is withdrawn again
 #   disable  stop the service and remove its unit, so it no longer starts at login, under this
 #            label and the earlier ones
 #   stop     stop the running service, under this label and the earlier ones; it still starts
@@ -125,6 +126,14 @@ WantedBy=default.target
 UNIT
 }
 
+# After a refused enable nothing may look set up: a unit file left behind reads as "Configured
+# to start at login" while nothing starts. Quietly, so that the refusal stays the one line.
+withdraw_unit() {
+  systemctl --user disable "$label.service" > /dev/null 2>&1 || true
+  rm -f -- "$(unit_file "$label")"
+  systemctl --user daemon-reload > /dev/null 2>&1 || true
+}
+
 enable() {
   local old
   for old in "${legacy_labels[@]}"; do
@@ -132,9 +141,15 @@ enable() {
   done
   install_service
   write_unit
-  user_systemctl daemon-reload
-  user_systemctl enable "$label.service"
-  user_systemctl restart "$label.service"
+  # In a subshell, so that a refusal (which exits) comes back here to withdraw the unit.
+  if ! (
+    user_systemctl daemon-reload
+    user_systemctl enable "$label.service"
+    user_systemctl restart "$label.service"
+  ); then
+    withdraw_unit
+    exit 1
+  fi
 }
 
 # A service set up by an earlier version still runs under its old label until taken down.

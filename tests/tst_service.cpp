@@ -772,6 +772,30 @@ private Q_SLOTS:
         QCOMPARE(world.readConfig(), QByteArray("{\"radios\": []}"));
     }
 
+    void scriptFailedEnableLeavesNoUnitFile_data()
+    {
+        QTest::addColumn<QString>("refused");
+        QTest::newRow("daemon-reload") << u"daemon-reload"_s;
+        QTest::newRow("enable") << u"enable"_s;
+        QTest::newRow("restart") << u"restart"_s;
+    }
+
+    void scriptFailedEnableLeavesNoUnitFile()
+    {
+        QFETCH(QString, refused);
+        TestWorld world;
+        world.useRealServiceScript();
+        world.failSystemctl(refused);
+        const TestWorld::ScriptRun run = world.runServiceScript(u"enable"_s);
+        QCOMPARE(run.status, 1);
+        // Still the one line that says what failed.
+        QVERIFY2(run.output.startsWith(u"Veldspar service: systemctl --user %1"_s.arg(refused)), qPrintable(run.output));
+        QCOMPARE(run.output.count(u'\n'), 1);
+        QVERIFY(!QFile::exists(world.unitFilePath(u"org.kestrum.Veldspar"_s)));
+        // The app's status monitor reads the missing unit file as not set up to start at login.
+        QVERIFY(QDir(world.home() + u"/.config/systemd/user"_s).entryList(QDir::Files | QDir::Hidden).isEmpty());
+    }
+
     void scriptFailuresSayWhatFailedInOneLine_data()
     {
         QTest::addColumn<QString>("action");
