@@ -5,7 +5,23 @@
 #include <QCommandLineParser>
 #include <QHostAddress>
 
+#include <algorithm>
+#include <optional>
+
 using namespace Qt::StringLiterals;
+
+namespace {
+// Plain decimal digits only, read wide enough that no value wraps before it is compared.
+std::optional<int> numberWithin(const QString &text, int lowest, int highest)
+{
+    const bool digitsOnly = !text.isEmpty() && text.size() <= 10
+                            && std::all_of(text.begin(), text.end(), [](QChar c) { return c >= u'0' && c <= u'9'; });
+    const qint64 value = digitsOnly ? text.toLongLong() : -1;
+    if (value < lowest || value > highest)
+        return std::nullopt;
+    return int(value);
+}
+} // namespace
 
 Options parseOptions(const QStringList &arguments)
 {
@@ -52,14 +68,16 @@ Options parseOptions(const QStringList &arguments)
         const std::optional<Endpoint> endpoint = parseEndpoint(text);
         const QHostAddress address(endpoint ? endpoint->host : QString());
         if (!endpoint || address.protocol() != QAbstractSocket::IPv4Protocol)
-            return invalid(u"--broadcast needs an IPv4 address, optionally with \":PORT\"; \"%1\" is not one."_s.arg(text));
+            return invalid(u"--broadcast needs an IPv4 address, optionally with \":PORT\" (PORT from 1 to 65535); "
+                           u"\"%1\" is not one."_s.arg(text));
         options.broadcast.append({address, endpoint->port});
     }
     if (parser.isSet(checkPeriod)) {
-        bool ok = false;
-        options.checkPeriodMs = parser.value(checkPeriod).toInt(&ok);
-        if (!ok || options.checkPeriodMs < 100)
-            return invalid(u"--check-period-ms needs a number of milliseconds of at least 100."_s);
+        const std::optional<int> period = numberWithin(parser.value(checkPeriod), shortestCheckPeriodMs, longestCheckPeriodMs);
+        if (!period)
+            return invalid(u"--check-period-ms needs a whole number of milliseconds from %1 to %2; \"%3\" is not one."_s.arg(
+                QString::number(shortestCheckPeriodMs), QString::number(longestCheckPeriodMs), parser.value(checkPeriod)));
+        options.checkPeriodMs = *period;
     }
 
     if (parser.isSet(discover)) {

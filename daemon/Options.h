@@ -6,6 +6,11 @@
 #include <QString>
 #include <QStringList>
 
+// The range of --check-period-ms: below it a radio across a VPN cannot answer in time; above
+// it a radio that is gone stays announced for too long.
+inline constexpr int shortestCheckPeriodMs = 100;
+inline constexpr int longestCheckPeriodMs = 60000;
+
 // What the command line asks for.
 struct Options
 {

@@ -628,6 +628,69 @@ private Q_SLOTS:
                  qPrintable(run.output));
     }
 
+    // ---- options ----
+
+    void numericOptionsOutOfRangeAreRefusedWithTheirRange_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("expected");
+        const QString period = u"--check-period-ms needs a whole number of milliseconds from 100 to 60000; \"%1\" is not one."_s;
+        const QString config = u"--config"_s;
+        const QString file = u"/nonexistent/config.json"_s;
+        for (const QString &value : {u"2000000000"_s, u"2147483648"_s, u"99999999999999999999"_s, u"60001"_s,
+                                     u"99"_s, u"0"_s, u"-1"_s, u"1e3"_s, u"abc"_s, u""_s})
+            QTest::addRow("--check-period-ms %s", qPrintable(value))
+                << QStringList{config, file, u"--check-period-ms"_s, value} << period.arg(value);
+        const QString broadcast = u"--broadcast needs an IPv4 address, optionally with \":PORT\" (PORT from 1 to 65535); "
+                                  u"\"%1\" is not one."_s;
+        for (const QString &value : {u"127.0.0.1:0"_s, u"127.0.0.1:65536"_s, u"127.0.0.1:4294967297"_s})
+            QTest::addRow("--broadcast %s", qPrintable(value))
+                << QStringList{config, file, u"--broadcast"_s, value} << broadcast.arg(value);
+        for (const QString &value : {u"127.0.0.1:0"_s, u"127.0.0.1:65536"_s, u"127.0.0.1:4294967297"_s})
+            QTest::addRow("--discover %s", qPrintable(value))
+                << QStringList{u"--discover"_s, value}
+                << u"\"%1\" is not a radio address: give an IPv4 address or host name, optionally followed by \":\" "
+                   u"and a port from 1 to 65535."_s.arg(value);
+    }
+
+    void numericOptionsOutOfRangeAreRefusedWithTheirRange()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, expected);
+        // A service that accepted the value would run on: that must fail the test, not hang it.
+        const Run run = runVeldspar(arguments, 10000);
+        QVERIFY2(run.output != u"<did not finish>"_s, "the value was accepted and the service runs");
+        QCOMPARE(run.status, 2);
+        QVERIFY2(run.lines().contains(expected), qPrintable(run.output));
+    }
+
+    void theLimitsOfTheCheckPeriodAreAccepted_data()
+    {
+        QTest::addColumn<QString>("value");
+        QTest::newRow("shortest") << u"100"_s;
+        QTest::newRow("longest") << u"60000"_s;
+    }
+
+    void theLimitsOfTheCheckPeriodAreAccepted()
+    {
+        QFETCH(QString, value);
+        RadioSim radio({u"--serial"_s, u"P-"_s + value});
+        QVERIFY(radio.listening());
+        const QString config = path(u"period-%1/config.json"_s.arg(value));
+        writeInPlace(config, configuration({radioEntry(radio.address(), u"P-"_s + value)}, 250));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        QProcess service;
+        service.setProgram(serviceProgram);
+        service.setArguments({u"--config"_s, config, u"--broadcast"_s, listener.destination(), u"--check-period-ms"_s, value});
+        service.start();
+        QVERIFY(service.waitForStarted());
+        QTRY_VERIFY_WITH_TIMEOUT(!listener.from(u"P-"_s + value).isEmpty(), 5000);
+        service.kill();
+        service.waitForFinished();
+    }
+
     // ---- --config --import ----
 
     void importWritesTheFileExactlyAndBacksUpThePreviousOne()
