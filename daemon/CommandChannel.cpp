@@ -1,5 +1,7 @@
 #include "daemon/CommandChannel.h"
 
+#include <QNetworkProxy>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -37,6 +39,8 @@ CommandChannel::CommandChannel(const Endpoint &endpoint, int connectMs, Handlers
     // Qt stops reading from the kernel once this much waits unread, so a peer that floods
     // cannot grow this process.
     m_socket.setReadBufferSize(longestRadioLine + 4096);
+    // Radios are reached directly; the system's proxy settings are not even asked.
+    m_socket.setProxy(QNetworkProxy::NoProxy);
 }
 
 void CommandChannel::start()
@@ -171,6 +175,8 @@ void CommandChannel::socketError(QAbstractSocket::SocketError error)
         return fail(connecting ? Kind::ConnectTimeout : Kind::AnswerTimeout, m_socket.errorString());
     case QAbstractSocket::NetworkError:
         return fail(connecting ? Kind::Unreachable : Kind::Closed, m_socket.errorString());
+    case QAbstractSocket::SocketResourceError:
+        return fail(Kind::NoResources, m_socket.errorString());
     default:
         return fail(Kind::Network, m_socket.errorString());
     }

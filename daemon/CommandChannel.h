@@ -25,6 +25,7 @@ struct ConnectionFailure
         AnswerTimeout,  // connected, but the answers did not come in time
         LineTooLong,    // a line longer than any radio sends
         Flood,          // more lines or bytes a second than any radio sends
+        NoResources,    // the system would not give a socket: out of file descriptors or memory
         Network,        // any other network failure (detail says which)
     };
     Kind kind = Kind::Network;

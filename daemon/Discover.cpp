@@ -51,6 +51,9 @@ QString describe(const QString &address, const Endpoint &endpoint, const Connect
                    address, QString::number(discoveryLimits.totalMs / 1000));
     case Kind::Network:
         return u"Cannot talk to %1: %2. "_s.arg(address, failure.detail) + checkTheVpn;
+    case Kind::NoResources:
+        return u"Cannot connect to %1: this computer has no file descriptors or memory left for another "
+               u"connection. Close some programs and try again."_s.arg(address);
     }
     return {};
 }

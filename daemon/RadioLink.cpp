@@ -24,6 +24,7 @@ QString lossReason(const ConnectionFailure &failure)
     case Kind::LineTooLong: return u"it sent a line longer than 64 KiB"_s;
     case Kind::Flood: return u"it sent more than a radio ever does in a second"_s;
     case Kind::Network: return failure.detail;
+    case Kind::NoResources: return u"out of file descriptors or memory"_s;
     }
     return {};
 }
@@ -32,7 +33,9 @@ RadioLink::RadioLink(const Endpoint &endpoint, int keepAliveMs, Handlers handler
     : QObject(parent), m_handlers(std::move(handlers)),
       m_channel(endpoint, connectMs,
                 {{}, [this] { opened(); }, [this](const QByteArray &line) { handleLine(line); },
-                 [this](const ConnectionFailure &failure) { lose(lossReason(failure)); }})
+                 [this](const ConnectionFailure &failure) {
+                     lose(lossReason(failure), failure.kind == ConnectionFailure::Kind::NoResources);
+                 }})
 {
     m_handshakeTimer.setSingleShot(true);
     m_handshakeTimer.setInterval(handshakeMs);
@@ -115,7 +118,7 @@ void RadioLink::keepAlive()
     m_asked.insert(m_channel.send(u"ping"_s), Ask::KeepAlive);
 }
 
-void RadioLink::lose(const QString &why)
+void RadioLink::lose(const QString &why, bool starved)
 {
     if (m_lost)
         return;
@@ -124,5 +127,8 @@ void RadioLink::lose(const QString &why)
     m_handshakeTimer.stop();
     m_keepAliveTimer.stop();
     m_channel.close();
-    m_handlers.lost(why);
+    if (starved && m_handlers.starved)
+        m_handlers.starved();
+    else
+        m_handlers.lost(why);
 }

@@ -22,6 +22,9 @@ public:
     {
         std::function<void()> ready;                    // state holds the radio's answers
         std::function<void(const QString &why)> lost;   // plain words, for the log
+        // Instead of lost when the link could not even get a socket (out of file descriptors
+        // or memory): a shortage of this process, not news about the radio.
+        std::function<void()> starved;
     };
 
     // keepAliveMs: how often the radio must answer; no answer by the next one loses it.
@@ -39,7 +42,7 @@ private:
     void handleLine(const QByteArray &line);
     void answered(Ask ask, const Reply &reply);
     void keepAlive();
-    void lose(const QString &why);
+    void lose(const QString &why, bool starved = false);
 
     Handlers m_handlers;
     CommandChannel m_channel;

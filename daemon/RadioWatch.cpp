@@ -8,6 +8,10 @@
 
 #include <QDateTime>
 
+#include <algorithm>
+#include <climits>
+#include <sys/resource.h>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -17,6 +21,42 @@ constexpr int firstRetryMs = 1000;
 constexpr int longestRetryMs = 4000;
 // A connection that held this long was a good one: the next loss starts the pauses afresh.
 constexpr int stableMs = 10000;
+
+// Every held connection is an open file. The process keeps some for itself (the configuration,
+// the beacon socket, the stop signals, Qt's own), so radios get at most the limit less these;
+// the others wait for a free one instead of leaving the service without any.
+constexpr rlim_t reservedFiles = 64;
+int openLinks = 0; // of every radio: the limit is the process's
+
+rlim_t openFileLimit()
+{
+    rlimit limit{};
+    return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : RLIM_INFINITY;
+}
+
+int linkBudget()
+{
+    static const int budget = [] {
+        const rlim_t limit = openFileLimit();
+        if (limit == RLIM_INFINITY || limit > rlim_t(INT_MAX))
+            return INT_MAX;
+        return int(std::max<rlim_t>(limit, reservedFiles + 1) - reservedFiles);
+    }();
+    return budget;
+}
+
+// Once for the whole run: with thousands of radios, a line per radio and attempt would bury
+// everything else in the log.
+void reportShortage()
+{
+    static bool reported = false;
+    if (reported)
+        return;
+    reported = true;
+    logLine(u"Out of file descriptors: this process may have %1 files open, too few for a connection to every "
+            u"radio. Radios without one are tried again as connections free up and are not announced meanwhile; "
+            u"raise LimitNOFILE in the service's unit to serve them all."_s.arg(QString::number(openFileLimit())));
+}
 } // namespace
 
 RadioWatch::RadioWatch(const ConfiguredRadio &radio, int broadcastIntervalMs, int keepAliveMs, BeaconSender &sender,
@@ -33,7 +73,12 @@ RadioWatch::RadioWatch(const ConfiguredRadio &radio, int broadcastIntervalMs, in
     connectToRadio();
 }
 
-RadioWatch::~RadioWatch() { delete m_link; }
+RadioWatch::~RadioWatch()
+{
+    if (m_link)
+        --openLinks;
+    delete m_link;
+}
 
 QString RadioWatch::label() const
 {
@@ -48,8 +93,29 @@ void RadioWatch::setBroadcastInterval(int milliseconds)
 
 void RadioWatch::connectToRadio()
 {
-    m_link = new RadioLink(m_endpoint, m_keepAliveMs, {[this] { ready(); }, [this](const QString &why) { lost(why); }}, this);
+    if (openLinks >= linkBudget())
+        return starved();
+    ++openLinks;
+    m_link = new RadioLink(m_endpoint, m_keepAliveMs,
+                           {[this] { ready(); }, [this](const QString &why) { lost(why); }, [this] { starved(); }}, this);
     m_link->start();
+}
+
+void RadioWatch::dropLink()
+{
+    if (!m_link)
+        return;
+    --openLinks;
+    m_link->deleteLater();
+    m_link = nullptr;
+}
+
+void RadioWatch::starved()
+{
+    dropLink();
+    reportShortage();
+    m_retryTimer.start(m_retryMs);
+    m_retryMs = std::min(m_retryMs * 2, longestRetryMs);
 }
 
 void RadioWatch::ready()
@@ -73,8 +139,7 @@ void RadioWatch::ready()
 
 void RadioWatch::lost(const QString &why)
 {
-    m_link->deleteLater();
-    m_link = nullptr;
+    dropLink();
     if (m_announced) {
         m_announced = false;
         m_beaconTimer.stop();

@@ -20,7 +20,8 @@ inline constexpr int defaultKeepAliveMs = 2000;
 // One enabled radio: holds a command connection to it and, while the radio answers, sends
 // its beacon at the beat with the radio's live state. A lost radio is tried again after a
 // pause that grows to a few seconds. Logs when it starts and stops being announced, never per
-// beacon.
+// beacon. Radios share the process's file descriptors: a radio that finds none free waits for
+// one, and the shortage is logged once for all.
 class RadioWatch : public QObject
 {
 public:
@@ -38,6 +39,8 @@ private:
     void connectToRadio();
     void ready();
     void lost(const QString &why);
+    void starved(); // no file descriptor for a connection: wait for one, without a line per radio
+    void dropLink();
     void sendBeacon();
 
     ConfiguredRadio m_radio;

@@ -8,6 +8,7 @@
 #include <QDir>
 
 #include <csignal>
+#include <sys/resource.h>
 
 using namespace Qt::StringLiterals;
 
@@ -111,13 +112,29 @@ void Service::apply(const Configuration &configuration)
     }
 }
 
+namespace {
+// systemd gives a user service a soft limit of 1,024 open files and a much higher hard one;
+// each radio holds a connection, so take what is allowed.
+void allowAllOpenFiles()
+{
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+} // namespace
+
 int runService(const ServiceSettings &settings)
 {
-    logLine(u"Veldspar service started with the configuration %1."_s.arg(QDir::toNativeSeparators(settings.configPath)));
-    Service service(settings);
+    // First, while files can still be opened: a service that cannot be stopped cleanly is
+    // worse than one that serves fewer radios.
     StopSignals stopSignals([](int signal) {
         logLine(signal == SIGTERM ? u"Stopping (SIGTERM)."_s : u"Stopping (SIGINT)."_s);
         QCoreApplication::quit();
     });
+    allowAllOpenFiles();
+    logLine(u"Veldspar service started with the configuration %1."_s.arg(QDir::toNativeSeparators(settings.configPath)));
+    Service service(settings);
     return QCoreApplication::exec();
 }

@@ -5,6 +5,7 @@
 #include "daemon/Service.h"
 
 #include <QCoreApplication>
+#include <QNetworkProxyFactory>
 
 using namespace Qt::StringLiterals;
 
@@ -12,6 +13,9 @@ int main(int argc, char *argv[])
 {
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(u"Veldspar"_s);
+    // Radios and beacons are reached directly. Asking the desktop's proxy settings would start
+    // a thread at the first socket, which aborts the process when no file is left for it.
+    QNetworkProxyFactory::setUseSystemConfiguration(false);
     const Options options = parseOptions(QCoreApplication::arguments());
     switch (options.mode) {
     case Options::Mode::Discover:

@@ -25,6 +25,7 @@
 #include <linux/securebits.h>
 #include <netinet/in.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <csignal>
 #include <cstdio>
@@ -346,13 +347,16 @@ private:
 class RunningService
 {
 public:
-    RunningService(const QString &configPath, const QStringList &destinations)
+    RunningService(const QString &configPath, const QStringList &destinations,
+                   const std::function<void()> &inChild = {})
     {
         QStringList arguments{u"--config"_s, configPath};
         for (const QString &destination : destinations)
             arguments << u"--broadcast"_s << destination;
         m_process.setProgram(serviceProgram);
         m_process.setArguments(arguments);
+        if (inChild)
+            m_process.setChildProcessModifier(inChild);
         m_process.start();
         m_process.waitForStarted();
     }
@@ -1423,6 +1427,59 @@ private Q_SLOTS:
         QCOMPARE(service.process().exitStatus(), QProcess::NormalExit);
         QCOMPARE(service.process().exitCode(), 0);
         QVERIFY(service.log().contains(signal == SIGTERM ? u"Stopping (SIGTERM)."_s : u"Stopping (SIGINT)."_s));
+    }
+
+    // 3,000 radios and room for 1,024 open files: most radios cannot even get a socket.
+    void outOfDescriptorsIsLoggedOnceAndTheServiceStillServesAndStops()
+    {
+        RadioSim radio({u"--serial"_s, u"FD-1"_s});
+        QVERIFY(radio.listening());
+        FullListener unreachable; // each attempt there holds its socket until it times out
+        QVERIFY(unreachable.port() != 0);
+        QList<QJsonObject> radios{radioEntry(radio.address(), u"FD-1"_s)};
+        for (int i = 1; i < 3000; ++i)
+            radios << radioEntry(u"127.0.0.1:"_s + QString::number(unreachable.port()), u"U-%1"_s.arg(i));
+        const QString config = path(u"descriptors/config.json"_s);
+        writeInPlace(config, configuration(radios, 250));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()}, [] {
+            const rlimit limit{1024, 1024};
+            ::setrlimit(RLIMIT_NOFILE, &limit);
+        });
+        QTRY_VERIFY_WITH_TIMEOUT(!listener.from(u"FD-1"_s).isEmpty(), 10000);
+        const QString exhausted = u"Out of file descriptors"_s;
+        QTRY_VERIFY_WITH_TIMEOUT(service.log().contains(exhausted), 10000);
+        // Retries go on meanwhile; the radio that has its connection stays announced.
+        QTest::qWait(4000);
+        const qint64 stillAnnounced = clock.elapsed() - 1500;
+        QVERIFY2(!listener.from(u"FD-1"_s, stillAnnounced).isEmpty(), "the connected radio is no longer announced");
+        QElapsedTimer stopping;
+        stopping.start();
+        QCOMPARE(::kill(pid_t(service.process().processId()), SIGTERM), 0);
+        QVERIFY2(service.process().waitForFinished(5000), "SIGTERM did not stop the service");
+        QCOMPARE(service.process().exitStatus(), QProcess::NormalExit);
+        QCOMPARE(service.process().exitCode(), 0);
+        const QString log = service.log();
+        QVERIFY(log.contains(u"Stopping (SIGTERM)."_s));
+        QCOMPARE(log.count(exhausted), 1);
+        QVERIFY2(!log.contains(u"Out of resources"_s), qPrintable(log.left(2000)));
+    }
+
+    void theServiceTakesEveryOpenFileItIsAllowed()
+    {
+        const QString config = path(u"open-files/config.json"_s);
+        writeInPlace(config, configuration({}, 250));
+        RunningService service(config, {u"127.0.0.1:9"_s}, [] {
+            const rlimit limit{1024, 8192};
+            ::setrlimit(RLIMIT_NOFILE, &limit);
+        });
+        QTRY_VERIFY_WITH_TIMEOUT(service.log().contains(u"Configuration loaded"_s), 5000);
+        QFile limits(u"/proc/%1/limits"_s.arg(service.process().processId()));
+        QVERIFY(limits.open(QIODevice::ReadOnly));
+        const QByteArray text = limits.readAll();
+        QVERIFY2(QRegularExpression(u"Max open files +8192 +8192 "_s).match(QString::fromUtf8(text)).hasMatch(), text.constData());
     }
 
     // ---- with the application ----
