@@ -6,6 +6,7 @@ BUNDLE     := $(BUILD_DIR)/Veldspar.app
 JOBS       ?= $(shell nproc)
 
 .PHONY: all deps configure build display run test screenshot install sanitize bench clean
+.PHONY: fuzz-build fuzz fuzz-smoke
 
 all: build
 
@@ -48,6 +49,25 @@ bench: deps
 	@cmake --build build-bench -j $(JOBS)
 	@bench/run build-bench
 
+# libFuzzer harnesses (fuzz/) in their own clang build: `make fuzz` runs each for FUZZ_SECONDS
+# (FUZZ_TARGETS picks some), growing a scratch corpus in $(FUZZ_DIR)/fuzz-work; `make fuzz-smoke`
+# runs each briefly from the seeds alone.
+FUZZ_DIR           ?= build-fuzz
+FUZZ_SECONDS       ?= 300
+FUZZ_SMOKE_SECONDS ?= 10
+FUZZ_TARGETS       ?=
+
+fuzz-build: deps
+	@cmake -S . -B $(FUZZ_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DVELDSPAR_FUZZ=ON >/dev/null
+	@cmake --build $(FUZZ_DIR) -j $(JOBS)
+
+fuzz: fuzz-build
+	@fuzz/run $(FUZZ_DIR) $(FUZZ_SECONDS) $(FUZZ_TARGETS)
+
+fuzz-smoke: fuzz-build
+	@fuzz/run --fresh $(FUZZ_DIR) $(FUZZ_SMOKE_SECONDS) $(FUZZ_TARGETS)
+
 # Packs the bundle into build/dist/Veldspar-<version>.tar.xz and prints its feed item, signed
 # with the release key that `veldspar-release generate-keys` keeps outside the repository.
 .PHONY: dist
@@ -60,4 +80,4 @@ dist: build
 	  $(BUILD_DIR)/veldspar-release appcast-item $$archive --bundle $(BUNDLE)
 
 clean:
-	@rm -rf $(BUILD_DIR) $(ASAN_DIR) build-bench
+	@rm -rf $(BUILD_DIR) $(ASAN_DIR) build-bench $(FUZZ_DIR)
