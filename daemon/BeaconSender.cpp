@@ -38,6 +38,9 @@ BeaconSender::BeaconSender(const QList<Destination> &fixed) : m_automatic(fixed.
                 texts << destination.text();
             return texts.join(u", "_s);
         }()));
+    // The socket is taken now, before the radios' connections can use up every descriptor.
+    if (!m_socket.bind(QHostAddress(QHostAddress::AnyIPv4), 0))
+        logLine(u"Cannot open the socket for beacons: %1."_s.arg(m_socket.errorString()));
     refresh();
 }
 

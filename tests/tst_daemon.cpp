@@ -4,6 +4,7 @@
 #include "TestSupport.h"
 
 #include "daemon/BeaconFields.h"
+#include "daemon/BeaconSender.h"
 #include "daemon/RadioState.h"
 
 #include <QDateTime>
@@ -13,6 +14,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QNetworkDatagram>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTcpServer>
@@ -1305,6 +1307,31 @@ private Q_SLOTS:
                  u"max_licensed_version=v4 | radio_license_id=00-1C-2D-05-1A-68 | wan_connected=1 | "
                  u"available_clients=1 | max_slices=4 | available_slices=2 | max_panadapters=4 | "
                  u"available_panadapters=1 | gui_client_stations=OFFICE WIN | gui_client_handles=0x10C05077"_s);
+    }
+
+    // The radios' connections may take every descriptor the service may open; beacons must
+    // still go out, so the sender's socket has to exist before they do.
+    void beaconsStillGoOutWhenNoDescriptorIsLeft()
+    {
+        QUdpSocket listener;
+        QVERIFY(listener.bind(QHostAddress::LocalHost, 0));
+        BeaconSender sender({{QHostAddress(QHostAddress::LocalHost), listener.localPort()}});
+
+        rlimit before{};
+        QCOMPARE(::getrlimit(RLIMIT_NOFILE, &before), 0);
+        const int spare = ::dup(0);
+        QVERIFY(spare >= 0);
+        ::close(spare);
+        rlimit exhausted = before;
+        exhausted.rlim_cur = rlim_t(spare); // the lowest free descriptor is now out of reach
+        QCOMPARE(::setrlimit(RLIMIT_NOFILE, &exhausted), 0);
+        const int refused = ::dup(0);
+        sender.send(QByteArrayLiteral("beacon"));
+        QCOMPARE(::setrlimit(RLIMIT_NOFILE, &before), 0);
+        QCOMPARE(refused, -1);
+
+        QTRY_VERIFY_WITH_TIMEOUT(listener.hasPendingDatagrams(), 5000);
+        QCOMPARE(listener.receiveDatagram().data(), QByteArrayLiteral("beacon"));
     }
 
     void aRadioCannotOverfillItsBeacon()
