@@ -49,12 +49,20 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
+#include <QThread>
 #include <QtTest>
 
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 const QString bundleIdentifier = QStringLiteral("org.kestrum.Veldspar.configure");
@@ -438,6 +446,74 @@ QString runTool(const QStringList &arguments, int *status = nullptr, QString *er
     if (errors)
         *errors = QString::fromUtf8(process.readAllStandardError());
     return QString::fromUtf8(process.readAllStandardOutput());
+}
+
+// Runs work() in a child process that sees folder as a fresh filesystem of `bytes` bytes (a
+// disk that fills up), and returns the text work() gave. Nothing when this machine lets no
+// process have a mount of its own (no mount namespace), so that the caller can skip.
+std::optional<QString> runOnSmallDisk(const QString &folder, qint64 bytes, const std::function<QString()> &work)
+{
+    constexpr int unavailable = 77;
+    int channel[2];
+    if (pipe2(channel, O_CLOEXEC) != 0)
+        return std::nullopt;
+    const QByteArray mountPoint = QFile::encodeName(folder);
+    const QByteArray options = "size=" + QByteArray::number(bytes);
+    const uid_t uid = getuid();
+    const gid_t gid = getgid();
+    const pid_t child = fork();
+    if (child < 0)
+        return std::nullopt;
+    if (child == 0) {
+        close(channel[0]);
+        auto writeFile = [](const char *path, const QByteArray &text) {
+            const int fd = open(path, O_WRONLY | O_CLOEXEC);
+            const bool written = fd >= 0 && write(fd, text.constData(), size_t(text.size())) == text.size();
+            if (fd >= 0)
+                close(fd);
+            return written;
+        };
+        if (unshare(CLONE_NEWNS) != 0) {
+            if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 || !writeFile("/proc/self/setgroups", "deny")
+                || !writeFile("/proc/self/uid_map", "0 " + QByteArray::number(uid) + " 1")
+                || !writeFile("/proc/self/gid_map", "0 " + QByteArray::number(gid) + " 1"))
+                _exit(unavailable);
+        }
+        if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0
+            || mount("veldspar-test", mountPoint.constData(), "tmpfs", 0, options.constData()) != 0)
+            _exit(unavailable);
+        const QByteArray answer = work().toUtf8();
+        const bool sent = write(channel[1], answer.constData(), size_t(answer.size())) == answer.size();
+        _exit(sent ? 0 : 1);
+    }
+    close(channel[1]);
+    QByteArray answer;
+    char buffer[4096];
+    const QDeadlineTimer deadline(60000);
+    while (!deadline.hasExpired()) {
+        pollfd readable{channel[0], POLLIN, 0};
+        if (poll(&readable, 1, int(qMin<qint64>(deadline.remainingTime(), 1000))) <= 0)
+            continue;
+        const ssize_t got = read(channel[0], buffer, sizeof buffer);
+        if (got <= 0)
+            break;
+        answer.append(buffer, got);
+    }
+    close(channel[0]);
+    int status = 0;
+    pid_t ended = 0;
+    while ((ended = waitpid(child, &status, WNOHANG)) == 0 && !deadline.hasExpired())
+        QThread::msleep(10);
+    if (ended != child) {
+        kill(child, SIGKILL); // did not finish in time
+        waitpid(child, &status, 0);
+        return QStringLiteral("(the child did not finish)");
+    }
+    if (WIFEXITED(status) && WEXITSTATUS(status) == unavailable)
+        return std::nullopt;
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        return QStringLiteral("(the child ended with status %1)").arg(status);
+    return QString::fromUtf8(answer);
 }
 } // namespace
 
@@ -1508,6 +1584,40 @@ private Q_SLOTS:
         QCOMPARE(staged, root() + QStringLiteral("/unpacked/Veldspar.app"));
         QCOMPARE(snapshot(staged), snapshot(m_lastRelease));
         QVERIFY(QFileInfo(staged + QStringLiteral("/Veldspar")).isExecutable());
+    }
+
+    // A disk that fills up while the update is unpacked fails the update: no file padded
+    // with zeros may pass for a whole one.
+    void fullDiskFailsTheUnpacking()
+    {
+        install(installedRecipe());
+        const QMap<QString, QByteArray> before = snapshot(m_bundle);
+        BundleRecipe next = installedRecipe();
+        next.version = QStringLiteral("1.1");
+        next.extraFile = QByteArray(1 << 20, 'v'); // a few bytes packed, a megabyte unpacked
+        const QByteArray archive = publish(next, QStringLiteral("/x"), ArchiveFormat::TarGz);
+        const AppcastItem item = parseAppcast(feedXml({feedItem(QStringLiteral("1.1"), QStringLiteral("https://a.example/x"),
+                                                                archive.size(), signature(archive))}),
+                                              {})
+                                     .items.first();
+        put(root() + QStringLiteral("/download"), archive);
+        const QString disk = root() + QStringLiteral("/small-disk");
+        QVERIFY(QDir().mkpath(disk));
+        const BundleInfo installed = readBundleInfo(m_bundle);
+        const QByteArray publicKey = m_keys.publicKey;
+        const std::optional<QString> outcome = runOnSmallDisk(disk, 256 * 1024, [&]() -> QString {
+            try {
+                return QStringLiteral("accepted ")
+                    + stageUpdate(root() + QStringLiteral("/download"), disk + QStringLiteral("/unpacked"), item, publicKey, installed);
+            } catch (const Error &error) {
+                return error.localizedDescription();
+            }
+        });
+        if (!outcome)
+            QSKIP("this machine gives a test no filesystem of its own");
+        QCOMPARE(*outcome, QStringLiteral("The update archive cannot be unpacked: the entry \u201cVeldspar.app/Resources/"
+                                          "payload.bin\u201d cannot be written: No space left on device."));
+        QCOMPARE(snapshot(m_bundle), before);
     }
 
     void archivesThatReachOutsideAreRefused_data()

@@ -9,6 +9,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 
+#include <cstring>
 #include <memory>
 
 namespace {
@@ -31,6 +32,18 @@ QString archiveMessage(archive *handle)
 {
     const char *text = archive_error_string(handle);
     return text ? QString::fromLocal8Bit(text) : QStringLiteral("unknown error");
+}
+
+// libarchive reports a failed write() on disk (a full disk, say) only as a warning and then
+// pads the file to its size with zeros, so anything short of ARCHIVE_OK means the entry on
+// disk is not what the archive holds.
+void expectWritten(archive *writer, int status, const QString &entry)
+{
+    if (status == ARCHIVE_OK)
+        return;
+    const int error = archive_errno(writer);
+    const QString reason = error > 0 ? QString::fromLocal8Bit(std::strerror(error)) : archiveMessage(writer);
+    throw failure(QStringLiteral("the entry \u201c%1\u201d cannot be written: %2").arg(entry, reason));
 }
 
 QString entryPath(archive_entry *entry)
@@ -103,8 +116,7 @@ void extractArchive(const QByteArray &bytes, const QString &destination)
         archive_entry_set_perm(entry, permissions);
         archive_entry_set_pathname_utf8(entry, QString(root + u'/' + relative).toUtf8().constData());
 
-        if (archive_write_header(writer.get(), entry) < ARCHIVE_WARN)
-            throw failure(archiveMessage(writer.get()));
+        expectWritten(writer.get(), archive_write_header(writer.get(), entry), written);
         if (type == AE_IFREG) {
             const void *block = nullptr;
             size_t size = 0;
@@ -115,15 +127,13 @@ void extractArchive(const QByteArray &bytes, const QString &destination)
                     break;
                 if (read < ARCHIVE_WARN)
                     throw failure(archiveMessage(reader.get()));
-                if (archive_write_data_block(writer.get(), block, size, offset) < ARCHIVE_WARN)
-                    throw failure(archiveMessage(writer.get()));
+                expectWritten(writer.get(), archive_write_data_block(writer.get(), block, size, offset), written);
             }
         }
-        if (archive_write_finish_entry(writer.get()) < ARCHIVE_WARN)
-            throw failure(archiveMessage(writer.get()));
+        expectWritten(writer.get(), archive_write_finish_entry(writer.get()), written);
         ++entries;
     }
-    if (archive_write_close(writer.get()) < ARCHIVE_WARN)
+    if (archive_write_close(writer.get()) != ARCHIVE_OK)
         throw failure(archiveMessage(writer.get()));
     if (entries == 0)
         throw failure(QStringLiteral("it is empty"));
