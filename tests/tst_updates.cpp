@@ -1634,6 +1634,45 @@ private Q_SLOTS:
         QTest::newRow("link outside") << QList<ArchiveEntry>{folder, {QStringLiteral("Veldspar.app/key"), ArchiveEntry::Kind::Link, 0777, {}, QStringLiteral("/etc/passwd"), 0}}
                                       << QStringLiteral("The update archive cannot be unpacked: the link \u201cVeldspar.app/key\u201d points "
                                                         "outside the archive's folder.");
+        const auto link = [](const char *path, const char *target) {
+            return ArchiveEntry{QString::fromUtf8(path), ArchiveEntry::Kind::Link, 0777, {}, QString::fromUtf8(target), 0};
+        };
+        const auto file = [](const char *path) {
+            return ArchiveEntry{QString::fromUtf8(path), ArchiveEntry::Kind::File, 0644, "x", {}, 0};
+        };
+        QTest::newRow("link through a link to its own folder")
+            << QList<ArchiveEntry>{folder, link("Veldspar.app/d", "."), link("Veldspar.app/e", "d/d/../../etc/passwd")}
+            << QStringLiteral("The update archive cannot be unpacked: the link \u201cVeldspar.app/e\u201d points outside the "
+                              "archive's folder.");
+        QTest::newRow("parent of a link to its own folder")
+            << QList<ArchiveEntry>{folder, link("Veldspar.app/t", "."), link("Veldspar.app/s", "t/../..")}
+            << QStringLiteral("The update archive cannot be unpacked: the link \u201cVeldspar.app/s\u201d points outside the "
+                              "archive's folder.");
+        QTest::newRow("link that a later link turns outside")
+            << QList<ArchiveEntry>{folder, link("Veldspar.app/a", "b/../../escaped"), link("Veldspar.app/b", ".")}
+            << QStringLiteral("The update archive cannot be unpacked: the link \u201cVeldspar.app/a\u201d points outside the "
+                              "archive's folder.");
+        QTest::newRow("link to a neighbour of the bundle")
+            << QList<ArchiveEntry>{folder, link("Veldspar.app/x", "../Other.app")}
+            << QStringLiteral("The update archive cannot be unpacked: the link \u201cVeldspar.app/x\u201d points outside "
+                              "\u201cVeldspar.app\u201d.");
+        QTest::newRow("file written through a link inside")
+            << QList<ArchiveEntry>{folder, link("Veldspar.app/l", "."), file("Veldspar.app/l/x")}
+            << QStringLiteral("The update archive cannot be unpacked: the entry \u201cVeldspar.app/l/x\u201d would be written "
+                              "through the link \u201cVeldspar.app/l\u201d.");
+        QTest::newRow("file written through a link to /tmp")
+            << QList<ArchiveEntry>{folder, link("Veldspar.app/l", "/tmp"), file("Veldspar.app/l/escaped")}
+            << QStringLiteral("The update archive cannot be unpacked: the link \u201cVeldspar.app/l\u201d points outside the "
+                              "archive's folder.");
+        QTest::newRow("folder in place of a link")
+            << QList<ArchiveEntry>{folder, link("Veldspar.app/l", "."),
+                                   {QStringLiteral("Veldspar.app/l"), ArchiveEntry::Kind::Folder, 0777, {}, {}, 0}}
+            << QStringLiteral("The update archive cannot be unpacked: the entry \u201cVeldspar.app/l/\u201d would be written "
+                              "through the link \u201cVeldspar.app/l\u201d.");
+        QTest::newRow("link in place of a folder")
+            << QList<ArchiveEntry>{folder, {QStringLiteral("Veldspar.app/d"), ArchiveEntry::Kind::Folder, 0777, {}, {}, 0},
+                                   link("Veldspar.app/d", "../..")}
+            << QStringLiteral("The update archive cannot be unpacked: the entry \u201cVeldspar.app/d\u201d appears twice.");
     }
 
     void archivesThatReachOutsideAreRefused()
@@ -1652,6 +1691,28 @@ private Q_SLOTS:
         }
         QVERIFY(!QFileInfo::exists(root() + QStringLiteral("/deep/escaped")));
         QVERIFY(!QFileInfo::exists(QStringLiteral("/tmp/escaped")));
+    }
+
+    void linksThatStayInsideUnpack()
+    {
+        const QList<ArchiveEntry> entries{
+            {QStringLiteral("Veldspar.app"), ArchiveEntry::Kind::Folder, 0755, {}, {}, 0},
+            {QStringLiteral("Veldspar.app/Resources"), ArchiveEntry::Kind::Folder, 0755, {}, {}, 0},
+            {QStringLiteral("Veldspar.app/Resources/app"), ArchiveEntry::Kind::Link, 0777, {}, QStringLiteral("../Veldspar"), 0},
+            {QStringLiteral("Veldspar.app/Resources/self"), ArchiveEntry::Kind::Link, 0777, {}, QStringLiteral("."), 0},
+            {QStringLiteral("Veldspar.app/Resources/up"), ArchiveEntry::Kind::Link, 0777, {}, QStringLiteral("self/self/.."), 0},
+            {QStringLiteral("Veldspar.app/Veldspar"), ArchiveEntry::Kind::File, 0755, "#!/bin/sh\n", {}, 0},
+            {QStringLiteral("Veldspar.app/later"), ArchiveEntry::Kind::Link, 0777, {}, QStringLiteral("Resources/missing"), 0},
+        };
+        const QString archivePath = root() + QStringLiteral("/links.tar.xz");
+        writeArchive(entries, archivePath);
+        const QString destination = root() + QStringLiteral("/unpacked");
+        QVERIFY(QDir().mkpath(destination));
+        extractArchive(get(archivePath), destination);
+        const QString bundle = destination + QStringLiteral("/Veldspar.app");
+        QCOMPARE(QFileInfo(bundle + QStringLiteral("/Resources/app")).symLinkTarget(), bundle + QStringLiteral("/Veldspar"));
+        QCOMPARE(get(bundle + QStringLiteral("/Resources/up/Veldspar")), QByteArray("#!/bin/sh\n"));
+        QVERIFY(QFileInfo(bundle + QStringLiteral("/later")).isSymLink());
     }
 
     void swapPutsTheNewBundleInPlace()

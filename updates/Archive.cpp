@@ -1,16 +1,19 @@
 #include "updates/Archive.h"
 
+#include "updates/UnpackedLinks.h"
 #include "updates/UpdateErrors.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QList>
 
 #include <archive.h>
 #include <archive_entry.h>
 
 #include <cstring>
 #include <memory>
+#include <sys/stat.h>
 
 namespace {
 struct ReadDeleter
@@ -59,6 +62,45 @@ bool escapes(const QString &relative)
 {
     return relative == u".." || relative.startsWith(QStringLiteral("../")) || QDir::isAbsolutePath(relative);
 }
+
+Error outsideTheArchive(const QString &link)
+{
+    return failure(QStringLiteral("the link \u201c%1\u201d points outside the archive's folder").arg(link));
+}
+
+struct UnpackedLink
+{
+    QString relative; // cleaned, relative to the destination
+    QString written;  // as the archive names it
+};
+
+// Nothing is ever written through a link (whatever it points at), and nothing replaces
+// what an earlier entry put in place: a folder may only be named again as a folder.
+void refuseWhatIsInTheWay(const QString &root, const QString &relative, const QString &written, mode_t type)
+{
+    const QString link = firstLinkOnPath(root, relative);
+    if (!link.isEmpty())
+        throw failure(QStringLiteral("the entry \u201c%1\u201d would be written through the link \u201c%2\u201d").arg(written, link));
+    struct stat existing{};
+    if (::lstat(QFile::encodeName(root + u'/' + relative).constData(), &existing) == 0
+        && !(type == AE_IFDIR && S_ISDIR(existing.st_mode)))
+        throw failure(QStringLiteral("the entry \u201c%1\u201d appears twice").arg(written));
+}
+
+void checkWhereItLeads(const QString &root, const UnpackedLink &link)
+{
+    switch (linkReach(root, link.relative)) {
+    case LinkReach::Inside:
+        return;
+    case LinkReach::OutsideItsFolder:
+        throw failure(QStringLiteral("the link \u201c%1\u201d points outside \u201c%2\u201d")
+                          .arg(link.written, link.relative.section(u'/', 0, 0)));
+    case LinkReach::OutsideRoot:
+        throw outsideTheArchive(link.written);
+    case LinkReach::Unresolvable:
+        throw failure(QStringLiteral("the link \u201c%1\u201d goes through too many links").arg(link.written));
+    }
+}
 } // namespace
 
 void extractArchive(const QByteArray &bytes, const QString &destination)
@@ -83,6 +125,7 @@ void extractArchive(const QByteArray &bytes, const QString &destination)
     if (root.isEmpty())
         throw failure(QStringLiteral("the folder %1 does not exist").arg(destination));
     int entries = 0;
+    QList<UnpackedLink> links;
     for (;;) {
         archive_entry *entry = nullptr;
         const int status = archive_read_next_header(reader.get(), &entry);
@@ -103,12 +146,13 @@ void extractArchive(const QByteArray &bytes, const QString &destination)
         if (type == AE_IFLNK) {
             const char *target = archive_entry_symlink(entry);
             const QString linkTarget = target ? QFile::decodeName(target) : QString();
-            const QString resolved = QDir::cleanPath(QFileInfo(relative).path() + u'/' + linkTarget);
-            if (linkTarget.isEmpty() || QDir::isAbsolutePath(linkTarget) || escapes(resolved))
-                throw failure(QStringLiteral("the link \u201c%1\u201d points outside the archive's folder").arg(written));
+            if (linkTarget.isEmpty() || QDir::isAbsolutePath(linkTarget))
+                throw outsideTheArchive(written);
+            links.append({relative, written});
         } else if (type != AE_IFREG && type != AE_IFDIR) {
             throw failure(QStringLiteral("the entry \u201c%1\u201d is neither a file, a folder nor a link").arg(written));
         }
+        refuseWhatIsInTheWay(root, relative, written, type);
 
         // Owner access always, so that the staged copy can be cleaned up; never set-id bits.
         mode_t permissions = archive_entry_perm(entry) & 0777;
@@ -133,6 +177,10 @@ void extractArchive(const QByteArray &bytes, const QString &destination)
         expectWritten(writer.get(), archive_write_finish_entry(writer.get()), written);
         ++entries;
     }
+    // Only now that every link exists can each be followed as the system will follow it; and
+    // before the writer closes, since closing sets the folders' times and permissions.
+    for (const UnpackedLink &link : std::as_const(links))
+        checkWhereItLeads(root, link);
     if (archive_write_close(writer.get()) != ARCHIVE_OK)
         throw failure(archiveMessage(writer.get()));
     if (entries == 0)
