@@ -726,6 +726,28 @@ private Q_SLOTS:
         }
     }
 
+    void deeplyNestedPropertyListIsRefused()
+    {
+        const auto nested = [](int depth) {
+            return "<plist><dict><key>a</key>" + QByteArray("<array>").repeated(depth)
+                + QByteArray("</array>").repeated(depth) + "</dict></plist>";
+        };
+        // The top dictionary and 99 arrays inside it are read.
+        QVariant value = readPropertyList(nested(99), QStringLiteral("Info.plist")).value(QStringLiteral("a"));
+        for (int level = 1; level < 99; ++level)
+            value = value.toList().value(0);
+        QCOMPARE(value.toList().size(), 0);
+        for (const int depth : {100, 200000}) {
+            try {
+                readPropertyList(nested(depth), QStringLiteral("Info.plist"));
+                QFAIL("a property list nested too deeply was read");
+            } catch (const Error &error) {
+                QCOMPARE(error.localizedDescription(),
+                         QStringLiteral("Info.plist is not valid: its values are nested more than 100 levels deep."));
+            }
+        }
+    }
+
     void checkIntervalHasDefaultAndFloor_data()
     {
         QTest::addColumn<std::optional<qint64>>("written");

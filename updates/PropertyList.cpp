@@ -12,9 +12,14 @@ struct Invalid
     QString reason;
 };
 
-QVariant readValue(QXmlStreamReader &reader);
+// Containers are read recursively: the depth is capped so that a hostile file cannot use
+// up the stack. Real property lists nest a handful of levels.
+constexpr int deepestNesting = 100;
 
-QVariantMap readDictionary(QXmlStreamReader &reader)
+QVariant readValue(QXmlStreamReader &reader, int depth);
+
+// depth: how many containers enclose this one, itself included.
+QVariantMap readDictionary(QXmlStreamReader &reader, int depth)
 {
     QVariantMap dictionary;
     while (reader.readNextStartElement()) {
@@ -23,20 +28,23 @@ QVariantMap readDictionary(QXmlStreamReader &reader)
         const QString key = reader.readElementText();
         if (!reader.readNextStartElement())
             throw Invalid{QStringLiteral("the key \u201c%1\u201d has no value").arg(key)};
-        dictionary.insert(key, readValue(reader));
+        dictionary.insert(key, readValue(reader, depth));
     }
     return dictionary;
 }
 
-QVariant readValue(QXmlStreamReader &reader)
+// depth: how many containers enclose this value.
+QVariant readValue(QXmlStreamReader &reader, int depth)
 {
     const QString type = reader.name().toString();
+    if ((type == u"dict" || type == u"array") && depth >= deepestNesting)
+        throw Invalid{QStringLiteral("its values are nested more than %1 levels deep").arg(deepestNesting)};
     if (type == u"dict")
-        return readDictionary(reader);
+        return readDictionary(reader, depth + 1);
     if (type == u"array") {
         QVariantList list;
         while (reader.readNextStartElement())
-            list.append(readValue(reader));
+            list.append(readValue(reader, depth + 1));
         return list;
     }
     if (type == u"true" || type == u"false") {
@@ -80,7 +88,7 @@ QVariantMap readPropertyList(const QByteArray &xml, const QString &source)
             throw Invalid{QStringLiteral("it is not a property list")};
         if (!reader.readNextStartElement() || reader.name() != u"dict")
             throw Invalid{QStringLiteral("its top level is not a dictionary")};
-        result = readDictionary(reader);
+        result = readDictionary(reader, 1);
         while (!reader.atEnd() && !reader.hasError())
             reader.readNext();
     } catch (const Invalid &invalid) {
