@@ -694,6 +694,52 @@ private Q_SLOTS:
             }
     }
 
+    // Sorting and choosing the newest item rely on a total order, odd version texts included.
+    void comparatorIsATotalOrder()
+    {
+        QStringList versions{QString()};
+        const QStringList alphabet{QStringLiteral("0"), QStringLiteral("1"), QStringLiteral("."), QStringLiteral(" "),
+                                   QStringLiteral("b"), QStringLiteral("-")};
+        for (qsizetype from = 0, length = 1; length <= 3; ++length) {
+            const qsizetype to = versions.size();
+            for (qsizetype i = from; i < to; ++i)
+                for (const QString &character : alphabet)
+                    versions << versions.at(i) + character;
+            from = to;
+        }
+        versions << QStringLiteral(".0 0") << QStringLiteral("1.0") << QStringLiteral("1.0.0") << QStringLiteral("0.0.1")
+                 << QStringLiteral("1.0b1") << QStringLiteral("1.0 1") << QStringLiteral("1..2") << QStringLiteral("01")
+                 << QStringLiteral("1.0.5") << QStringLiteral("1.0 5") << QStringLiteral("1.0 0 7") << QStringLiteral("a")
+                 << QStringLiteral("Z") << QStringLiteral("1_0") << QStringLiteral("\u0661.\u0660");
+        const qsizetype n = versions.size();
+        QList<int> order(n * n);
+        for (qsizetype i = 0; i < n; ++i)
+            for (qsizetype j = 0; j < n; ++j) {
+                const int result = compareVersions(versions.at(i), versions.at(j));
+                order[i * n + j] = (result > 0) - (result < 0);
+            }
+        const auto show = [&](qsizetype i) { return QStringLiteral("\"%1\"").arg(versions.at(i)); };
+        for (qsizetype i = 0; i < n; ++i) {
+            QVERIFY2(order[i * n + i] == 0, qPrintable(show(i)));
+            for (qsizetype j = 0; j < n; ++j)
+                QVERIFY2(order[i * n + j] == -order[j * n + i], qPrintable(show(i) + QStringLiteral(" vs ") + show(j)));
+        }
+        for (qsizetype a = 0; a < n; ++a)
+            for (qsizetype b = 0; b < n; ++b) {
+                const int ab = order[a * n + b];
+                for (qsizetype c = 0; c < n; ++c) {
+                    const int bc = order[b * n + c];
+                    const int ac = order[a * n + c];
+                    // Equal versions compare alike with everything; and a <= b <= c means a <= c.
+                    if ((ab == 0 && ac != bc) || (ab <= 0 && bc <= 0 && ac > 0))
+                        QFAIL(qPrintable(QStringLiteral("%1 %2 %3 and %3 %4 %5, but %1 %6 %5")
+                                             .arg(show(a), QString::fromLatin1(ab < 0 ? "<" : ab > 0 ? ">" : "="), show(b),
+                                                  QString::fromLatin1(bc < 0 ? "<" : bc > 0 ? ">" : "="), show(c),
+                                                  QString::fromLatin1(ac < 0 ? "<" : ac > 0 ? ">" : "="))));
+                }
+            }
+    }
+
     // -----------------------------------------------------------------------------------
     // Settings
 

@@ -39,26 +39,6 @@ QList<Part> split(const QString &version)
     return parts;
 }
 
-qsizetype numericPrefixLength(const QList<Part> &parts)
-{
-    qsizetype length = 0;
-    while (length < parts.size()
-           && (parts.at(length).type == PartType::Number || parts.at(length).type == PartType::Period))
-        ++length;
-    return length;
-}
-
-// "1.0" and "1.0.0" are the same version: the shorter leading run of numbers and periods is
-// filled up with periods and zeros to the length of the longer one.
-void pad(QList<Part> &shorter, qsizetype shorterLength, const QList<Part> &longer, qsizetype longerLength)
-{
-    for (qsizetype i = shorterLength; i < longerLength; ++i) {
-        const bool period = longer.at(i).type == PartType::Period;
-        shorter.insert(i, {period ? QStringLiteral(".") : QStringLiteral("0"),
-                           period ? PartType::Period : PartType::Number});
-    }
-}
-
 // Numbers of any length, compared without converting them to a machine integer.
 int compareNumbers(const QString &a, const QString &b)
 {
@@ -82,49 +62,94 @@ int sign(int value)
 {
     return (value > 0) - (value < 0);
 }
+
+// A version as it is compared: the numbers of its leading run of numbers and periods, then
+// the parts that follow. Each text has exactly one, so the order is a total one.
+struct Version
+{
+    QStringList numbers; // no trailing zeros: "1.0" and "1.0.0" are the same version
+    QList<Part> rest;
+};
+
+Version parse(const QString &text)
+{
+    const QList<Part> parts = split(text);
+    Version version;
+    qsizetype i = 0;
+    bool placeFilled = false;
+    for (; i < parts.size(); ++i) {
+        const Part &part = parts.at(i);
+        if (part.type == PartType::Number) {
+            version.numbers.append(part.text);
+            placeFilled = true;
+        } else if (part.type == PartType::Period) {
+            if (!placeFilled) // ".5" and "1..2": an empty place counts as a zero
+                version.numbers.append(QStringLiteral("0"));
+            placeFilled = false;
+        } else {
+            break;
+        }
+    }
+    while (!version.numbers.isEmpty() && compareNumbers(version.numbers.last(), QString()) == 0)
+        version.numbers.removeLast();
+    version.rest = parts.mid(i);
+    return version;
+}
+
+// Missing places are zeros.
+int compareNumberLists(const QStringList &a, const QStringList &b)
+{
+    for (qsizetype i = 0; i < qMax(a.size(), b.size()); ++i)
+        if (const int order = compareNumbers(a.value(i), b.value(i)))
+            return order;
+    return 0;
+}
+
+// A string ("b1", a pre-release) sorts before the end of a version, a period or a separator
+// (the two stand for the same thing) after it, and a number after everything.
+enum class Rank { String, End, Separator, Number };
+
+Rank rankOf(const QList<Part> &parts, qsizetype i)
+{
+    if (i >= parts.size())
+        return Rank::End;
+    switch (parts.at(i).type) {
+    case PartType::String:
+        return Rank::String;
+    case PartType::Number:
+        return Rank::Number;
+    case PartType::Period:
+    case PartType::Separator:
+        break;
+    }
+    return Rank::Separator;
+}
+
+// Part by part, as words are ordered in a dictionary.
+int compareRests(const QList<Part> &a, const QList<Part> &b)
+{
+    for (qsizetype i = 0; i < qMax(a.size(), b.size()); ++i) {
+        const Rank x = rankOf(a, i);
+        const Rank y = rankOf(b, i);
+        if (x != y)
+            return x < y ? -1 : 1;
+        if (x == Rank::Number) {
+            if (const int order = compareNumbers(a.at(i).text, b.at(i).text))
+                return order;
+        } else if (x == Rank::String) {
+            if (const int order = sign(a.at(i).text.compare(b.at(i).text)))
+                return order;
+        }
+    }
+    return 0;
+}
 } // namespace
 
 int compareVersions(const QString &a, const QString &b)
 {
-    QList<Part> partsA = split(a);
-    QList<Part> partsB = split(b);
-    const qsizetype prefixA = numericPrefixLength(partsA);
-    const qsizetype prefixB = numericPrefixLength(partsB);
-    if (prefixA < prefixB)
-        pad(partsA, prefixA, partsB, prefixB);
-    else if (prefixB < prefixA)
-        pad(partsB, prefixB, partsA, prefixA);
-
-    const qsizetype common = qMin(partsA.size(), partsB.size());
-    for (qsizetype i = 0; i < common; ++i) {
-        const Part &x = partsA.at(i);
-        const Part &y = partsB.at(i);
-        if (x.type == y.type) {
-            if (x.type == PartType::Number) {
-                if (const int order = compareNumbers(x.text, y.text))
-                    return order;
-            } else if (x.type == PartType::String) {
-                if (const int order = sign(x.text.compare(y.text)))
-                    return order;
-            }
-            continue; // periods and separators are equal to their own kind
-        }
-        // A number beats everything; a string loses to everything; a period and a
-        // separator stand for the same thing.
-        if (x.type == PartType::Number)
-            return 1;
-        if (y.type == PartType::Number)
-            return -1;
-        if (x.type == PartType::String)
-            return -1;
-        if (y.type == PartType::String)
-            return 1;
-    }
-    if (partsA.size() == partsB.size())
-        return 0;
-    // One side goes on: it is newer, unless what follows is a string ("1.0" > "1.0b1").
-    const bool aLonger = partsA.size() > partsB.size();
-    const Part &next = aLonger ? partsA.at(common) : partsB.at(common);
-    const int longerOrder = next.type == PartType::String ? -1 : 1;
-    return aLonger ? longerOrder : -longerOrder;
+    const Version x = parse(a);
+    const Version y = parse(b);
+    if (const int order = compareNumberLists(x.numbers, y.numbers))
+        return order;
+    return compareRests(x.rest, y.rest);
 }
