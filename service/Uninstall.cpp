@@ -11,6 +11,7 @@
 #include "platform/SystemTools.h"
 #include "platform/Trash.h"
 #include "service/UninstallRules.h"
+#include "updates/BundleSwap.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -31,6 +32,7 @@ void AppDelegate::finishUninstall()
         return;
     }
     busy = true; // held until the app quits, or a failure below opens it again
+    removeAbandonedStagingFolders(app);
     if (serviceTimer)
         serviceTimer->stop();
     setStatus(QStringLiteral("Removing Veldspar\u2026"));

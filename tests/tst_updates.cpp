@@ -5,6 +5,7 @@
 #include "TestSupport.h"
 
 #include "app/AppDelegate.h"
+#include "app/ServiceButton.h"
 
 #include "tools/veldspar-release/ArchiveWriter.h"
 #include "updates/Appcast.h"
@@ -1424,6 +1425,62 @@ private Q_SLOTS:
         QVERIFY(updater->canCheckForUpdates());
         QTRY_COMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
         expectUntouched(before);
+    }
+
+    // Staging folders that a quit or a crash left behind go at the next start; nothing else
+    // beside the bundle does, nor the staging folder of an update under way.
+    void abandonedStagingFoldersAreRemovedAtStart()
+    {
+        install(installedRecipe());
+        const QString outside = root() + QStringLiteral("/outside");
+        put(outside + QStringLiteral("/kept"), "x");
+        for (const char *name : {".Veldspar.app-update-a1B2c3", ".Veldspar.app-update-ZZZZZZ"}) {
+            const QString folder = m_applications + u'/' + QString::fromLatin1(name);
+            put(folder + QStringLiteral("/download"), randomBytes(1000));
+            writeBundle(folder + QStringLiteral("/unpacked/Veldspar.app"), installedRecipe());
+            QVERIFY(QFile::setPermissions(folder + QStringLiteral("/unpacked"), QFile::ReadOwner | QFile::ExeOwner));
+        }
+        const QStringList others{QStringLiteral(".Other.app-update-a1B2c3"), QStringLiteral(".Veldspar.app-update-a1B2c"),
+                                 QStringLiteral(".Veldspar.app-update-a1B2c34"), QStringLiteral(".Veldspar.app-previous"),
+                                 QStringLiteral("Veldspar.app-update-a1B2c3")};
+        for (const QString &name : others)
+            put(m_applications + u'/' + name + QStringLiteral("/kept"), "x");
+        put(m_applications + QStringLiteral("/.Veldspar.app-update-file01"), "a file, not a folder");
+        QVERIFY(QFile::link(outside, m_applications + QStringLiteral("/.Veldspar.app-update-link01")));
+        const std::shared_ptr<StagingFolder> inUse = StagingFolder::create(m_bundle);
+        put(inUse->archivePath(), "partial");
+
+        RecordingDriver driver;
+        auto updater = startedUpdater(driver);
+        QStringList expected = others + QStringList{QStringLiteral("Veldspar.app"), QStringLiteral(".Veldspar.app-update-file01"),
+                                                    QStringLiteral(".Veldspar.app-update-link01"),
+                                                    QFileInfo(inUse->path()).fileName()};
+        expected.sort();
+        QStringList found = besideBundle();
+        found.sort();
+        QCOMPARE(found, expected);
+        QCOMPARE(get(inUse->archivePath()), QByteArray("partial"));
+        QCOMPARE(get(outside + QStringLiteral("/kept")), QByteArray("x"));
+    }
+
+    void abandonedStagingFoldersAreRemovedAtUninstall()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({}));
+        RunningApp running(world);
+        QVERIFY(QTest::qWaitFor([&] { return running.serviceButton()->text() != QStringLiteral("Checking\u2026"); }, 10000));
+        // Left by an earlier run after this one started.
+        const QString besideApp = QFileInfo(world.bundle()).absolutePath();
+        const QString abandoned = besideApp + QStringLiteral("/.Veldspar.app-update-q1W2e3");
+        const QString other = besideApp + QStringLiteral("/.Veldspar.app-update-notours");
+        put(abandoned + QStringLiteral("/download"), "partial");
+        put(other + QStringLiteral("/kept"), "x");
+        DialogAnswerer answers;
+        const int code = runEventLoop([&] { running.click(running.button(QStringLiteral("Uninstall"))); });
+        QCOMPARE(code, 0);
+        QVERIFY(!QFileInfo::exists(world.bundle()));
+        QVERIFY(!QFileInfo::exists(abandoned));
+        QCOMPARE(get(other + QStringLiteral("/kept")), QByteArray("x"));
     }
 
     // -----------------------------------------------------------------------------------

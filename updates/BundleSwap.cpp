@@ -12,7 +12,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 QString errnoText(int error)
@@ -32,24 +34,93 @@ QString uniqueSibling(const QString &base, const QString &suffix)
         candidate = base + suffix + QString::number(n);
     return candidate;
 }
+
+
+QString stagingPrefix(const QString &bundlePath)
+{
+    return QStringLiteral(".") + QFileInfo(bundlePath).fileName() + QStringLiteral("-update-");
+}
+
+// What mkdtemp puts in place of "XXXXXX".
+bool isStagingSuffix(const QString &suffix)
+{
+    if (suffix.size() != 6)
+        return false;
+    for (const QChar c : suffix)
+        if (!(c.isDigit() || (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z')))
+            return false;
+    return true;
+}
+
+// An open, exclusively locked descriptor of the folder at path, or -1 with errno set when it
+// is locked already or path no longer names the folder that was opened.
+int lockFolder(const QString &path)
+{
+    const QByteArray name = QFile::encodeName(path);
+    const int descriptor = ::open(name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (descriptor < 0)
+        return -1;
+    int error = 0;
+    struct stat opened{};
+    struct stat named{};
+    if (::flock(descriptor, LOCK_EX | LOCK_NB) != 0 || ::fstat(descriptor, &opened) != 0)
+        error = errno;
+    else if (::lstat(name.constData(), &named) != 0 || opened.st_dev != named.st_dev || opened.st_ino != named.st_ino)
+        error = ENOENT; // removed (or replaced) after it was opened
+    if (error == 0)
+        return descriptor;
+    ::close(descriptor);
+    errno = error;
+    return -1;
+}
 } // namespace
 
 std::shared_ptr<StagingFolder> StagingFolder::create(const QString &bundlePath)
 {
     const QString folder = folderOf(bundlePath);
-    QByteArray pattern = QFile::encodeName(folder + QStringLiteral("/.") + QFileInfo(bundlePath).fileName() + QStringLiteral("-update-XXXXXX"));
-    if (!mkdtemp(pattern.data())) {
+    // Another run's clean-up may take a new folder before it is locked: then try another.
+    for (int attempt = 1;; ++attempt) {
+        QByteArray pattern = QFile::encodeName(folder + u'/' + stagingPrefix(bundlePath) + QStringLiteral("XXXXXX"));
+        int lock = -1;
+        if (mkdtemp(pattern.data()))
+            lock = lockFolder(QFile::decodeName(pattern));
+        if (lock >= 0)
+            return std::shared_ptr<StagingFolder>(new StagingFolder(QFile::decodeName(pattern), lock));
         const int error = errno;
-        throw updateError(UpdateErrorCode::NotWritable,
-                          QStringLiteral("Veldspar cannot update itself in %1: %2.").arg(folder, errnoText(error)));
+        if (attempt == 3 || error != ENOENT)
+            throw updateError(UpdateErrorCode::NotWritable,
+                              QStringLiteral("Veldspar cannot update itself in %1: %2.").arg(folder, errnoText(error)));
     }
-    return std::shared_ptr<StagingFolder>(new StagingFolder(QFile::decodeName(pattern)));
 }
 
 StagingFolder::~StagingFolder()
 {
+    // Removed while still locked, so that no clean-up works on it at the same time.
     if (!removeTree(m_path))
         qWarning("Could not remove the update staging folder %s", qPrintable(m_path));
+    ::close(m_lock);
+}
+
+void removeAbandonedStagingFolders(const QString &bundlePath)
+{
+    const QString folder = folderOf(bundlePath);
+    const QString prefix = stagingPrefix(bundlePath);
+    const QStringList names = QDir(folder).entryList({prefix + u'*'}, QDir::Dirs | QDir::Hidden | QDir::NoSymLinks | QDir::NoDotAndDotDot);
+    for (const QString &name : names) {
+        if (!name.startsWith(prefix) || !isStagingSuffix(name.mid(prefix.size())))
+            continue;
+        const QString path = folder + u'/' + name;
+        struct stat status{};
+        if (::lstat(QFile::encodeName(path).constData(), &status) != 0 || !S_ISDIR(status.st_mode)
+            || status.st_uid != ::geteuid())
+            continue;
+        const int lock = lockFolder(path);
+        if (lock < 0)
+            continue; // in use
+        if (!removeTree(path))
+            qWarning("Could not remove the abandoned update staging folder %s", qPrintable(path));
+        ::close(lock);
+    }
 }
 
 bool removeTree(const QString &path)

@@ -7,7 +7,8 @@
 
 // A hidden folder beside the bundle for one update: the download, the unpacked bundle and,
 // briefly, the old bundle. Being on the same filesystem as the bundle is what makes the swap
-// a rename. Removed with everything in it when the last owner lets go.
+// a rename. Removed with everything in it when the last owner lets go. While it lives it
+// holds a lock on its folder, which tells the clean-up below that the folder is in use.
 class StagingFolder
 {
 public:
@@ -24,9 +25,15 @@ public:
     QString unpackedPath() const { return m_path + QStringLiteral("/unpacked"); }
 
 private:
-    explicit StagingFolder(QString path) : m_path(std::move(path)) {}
+    StagingFolder(QString path, int lock) : m_path(std::move(path)), m_lock(lock) {}
     QString m_path;
+    int m_lock; // an open descriptor of the folder, locked
 };
+
+// Removes the staging folders that a quit or a crash during an earlier update left beside
+// the bundle: only folders named as StagingFolder::create names them, owned by this user
+// and not in use by a StagingFolder of this or another process.
+void removeAbandonedStagingFolders(const QString &bundlePath);
 
 // The two file-system operations the swap is made of, so that a test can make one fail.
 // Each returns 0 or an errno value.

@@ -1,6 +1,7 @@
 #include "updates/Updater.h"
 
 #include "platform/Bundle.h"
+#include "updates/BundleSwap.h"
 #include "updates/UpdateSession.h"
 #include "updates/UserDriver.h"
 #include "updates/UserSettings.h"
@@ -33,8 +34,10 @@ void Updater::start()
 {
     if (m_started)
         return;
+    const QString bundle = m_bundlePath.isEmpty() ? bundleLocation() : m_bundlePath;
+    removeAbandonedStagingFolders(bundle);
     const bool automaticBefore = automaticallyChecksForUpdates();
-    m_host = readBundleInfo(m_bundlePath.isEmpty() ? bundleLocation() : m_bundlePath);
+    m_host = readBundleInfo(bundle);
     m_configuration = updaterConfiguration(m_host);
     m_started = true;
     refreshCanCheck();
