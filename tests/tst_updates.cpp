@@ -1401,6 +1401,53 @@ private Q_SLOTS:
         QCOMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
     }
 
+    // An update is never installed while an operation runs, not even at quit; the staged
+    // copy goes, and the next check offers the update again.
+    void stagedUpdateIsNotInstalledAtQuitWhileAnOperationRuns()
+    {
+        install(installedRecipe());
+        const QMap<QString, QByteArray> before = snapshot(m_bundle);
+        publishGoodUpdate();
+        RecordingDriver driver;
+        driver.readyAnswer = InstallAnswer::Later;
+        EmberlaneUpdates updates(m_bundle, &driver);
+        updates.check();
+        QTRY_VERIFY_WITH_TIMEOUT(driver.events.contains(QStringLiteral("ready")), 20000);
+        QVERIFY(updates.updater().sessionInProgress());
+        updates.blockedReason = [] { return std::optional<QString>(gateText); };
+
+        updates.updater().installUpdateOnQuit();
+        QVERIFY(!updates.updater().sessionInProgress());
+        expectUntouched(before);
+    }
+
+    void quitDuringADownloadLeavesNothingBehind()
+    {
+        install(installedRecipe());
+        BundleRecipe next = installedRecipe();
+        next.version = QStringLiteral("1.1");
+        next.extraFile = randomBytes(200000);
+        const QByteArray archive = publish(next, QStringLiteral("/Veldspar-1.1.tar.xz"));
+        Route stalled;
+        stalled.body = archive;
+        stalled.stallAfter = archive.size() / 3;
+        m_server->serve(QStringLiteral("/Veldspar-1.1.tar.xz"), stalled);
+        serveFeed({feedItem(QStringLiteral("1.1"), m_server->url(QStringLiteral("/Veldspar-1.1.tar.xz")), archive.size(),
+                            signature(archive))});
+        const QMap<QString, QByteArray> before = snapshot(m_bundle);
+        RecordingDriver driver;
+        auto updater = startedUpdater(driver);
+        updater->checkForUpdates();
+        QTRY_VERIFY_WITH_TIMEOUT(!driver.progress.isEmpty(), 20000);
+        QCOMPARE(besideBundle().size(), 2); // the bundle and its staging folder
+
+        updater->installUpdateOnQuit();
+        QVERIFY(!updater->sessionInProgress());
+        QTRY_COMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+        expectUntouched(before);
+        m_server->release();
+    }
+
     void cancellingTheDownloadLeavesNothingBehind()
     {
         install(installedRecipe());

@@ -124,6 +124,12 @@ bool EmberlaneUpdates::shouldPostponeRelaunch(const AppcastItem &, std::function
     return true;
 }
 
+// Quitting in the middle of an operation does not make it safe to replace the app.
+bool EmberlaneUpdates::shouldInstallOnQuit(const AppcastItem &)
+{
+    return !blockedReason();
+}
+
 // Polls the gate every second, however long it stays shut, and lets the installation go on
 // at the first tick that finds it open.
 void EmberlaneUpdates::waitForTheGate()

@@ -51,6 +51,7 @@ public:
 
     std::optional<Error> shouldProceedWithUpdate(const AppcastItem &item, CheckKind check) override;
     bool shouldPostponeRelaunch(const AppcastItem &item, std::function<void()> install) override;
+    bool shouldInstallOnQuit(const AppcastItem &item) override;
 
     static const QString errorDomain; // "com.emberlane.updates"
 

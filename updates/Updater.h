@@ -69,8 +69,9 @@ public:
     void checkForUpdates();
     // A check as the schedule makes it: silent unless an update is offered.
     void checkForUpdatesInBackground();
-    // Installs an update that is ready or whose relaunch was postponed, without relaunching.
-    // Called when the application is about to quit.
+    // Installs an update that is ready or whose relaunch was postponed, without relaunching,
+    // unless the delegate says no (an operation still runs). Any other session ends, and its
+    // staging folder goes. Called when the application is about to quit.
     void installUpdateOnQuit();
 
 Q_SIGNALS:

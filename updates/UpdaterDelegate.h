@@ -33,4 +33,12 @@ public:
         Q_UNUSED(install);
         return false;
     }
+
+    // Asked when the app quits with an update staged. Return false to leave it uninstalled
+    // (its staged copy is deleted; the next check offers the update again).
+    virtual bool shouldInstallOnQuit(const AppcastItem &item)
+    {
+        Q_UNUSED(item);
+        return true;
+    }
 };

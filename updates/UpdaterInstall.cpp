@@ -164,9 +164,18 @@ bool Updater::install()
 
 void Updater::installUpdateOnQuit()
 {
-    if (!m_session
-        || (m_session->stage != UpdateSession::Stage::ReadyToInstall && m_session->stage != UpdateSession::Stage::Postponed))
+    if (!m_session)
         return;
+    if (m_session->stage != UpdateSession::Stage::ReadyToInstall && m_session->stage != UpdateSession::Stage::Postponed) {
+        // Nothing resumes a cut-short download: ending the session deletes its staging folder.
+        endSession();
+        return;
+    }
+    if (m_delegate && !m_delegate->shouldInstallOnQuit(*m_session->item)) {
+        qInfo("The staged update is not installed at quit: an operation is still running.");
+        endSession();
+        return;
+    }
     try {
         swapBundles(m_host.path, m_session->stagedBundle);
         endSession();
