@@ -1,6 +1,7 @@
 // The service executable "Veldspar" as its callers see it: the lines it prints, its exit
 // status, the files it writes and the beacons it sends. Every radio is a radio-sim on
 // 127.0.0.1 and every beacon goes to a socket of this test on 127.0.0.1 (--broadcast).
+#include "RunningService.h"
 #include "TestSupport.h"
 
 #include "daemon/BeaconFields.h"
@@ -343,42 +344,6 @@ private:
     QUdpSocket m_socket;
     QList<QByteArray> m_datagrams;
     QList<Received> m_received;
-};
-
-// The service, run as systemd runs it, with its log on standard error.
-class RunningService
-{
-public:
-    RunningService(const QString &configPath, const QStringList &destinations,
-                   const std::function<void()> &inChild = {})
-    {
-        QStringList arguments{u"--config"_s, configPath};
-        for (const QString &destination : destinations)
-            arguments << u"--broadcast"_s << destination;
-        m_process.setProgram(serviceProgram);
-        m_process.setArguments(arguments);
-        if (inChild)
-            m_process.setChildProcessModifier(inChild);
-        m_process.start();
-        m_process.waitForStarted();
-    }
-    ~RunningService()
-    {
-        if (m_process.state() != QProcess::NotRunning) {
-            m_process.kill();
-            m_process.waitForFinished();
-        }
-    }
-    QString log()
-    {
-        m_log += QString::fromUtf8(m_process.readAllStandardError());
-        return m_log;
-    }
-    QProcess &process() { return m_process; }
-
-private:
-    QProcess m_process;
-    QString m_log;
 };
 
 QJsonObject radioEntry(const QString &address, const QString &serial, const QJsonValue &enabled = true)

@@ -1,6 +1,7 @@
 // The service executable's import mode and the service's reading of config.json, where they
 // can lose or corrupt a configuration: failing disks, clocks set back, FIFOs and devices,
 // concurrent saves, links, kills half-way, and text that the app cannot read.
+#include "RunningService.h"
 #include "TestSupport.h"
 
 #include "config/ConfigDocument.h"
@@ -139,40 +140,6 @@ void memoryLimited()
 #endif
 }
 
-// The service, with its log on standard error and its beacons kept off the real networks.
-class RunningService
-{
-public:
-    explicit RunningService(const QString &config)
-    {
-        m_process.setProgram(serviceProgram);
-        m_process.setArguments({u"--config"_s, config, u"--broadcast"_s, u"127.0.0.1:9"_s});
-        m_process.start();
-        m_process.waitForStarted();
-    }
-    ~RunningService()
-    {
-        if (m_process.state() != QProcess::NotRunning) {
-            m_process.kill();
-            m_process.waitForFinished();
-        }
-    }
-    QString log()
-    {
-        m_log += QString::fromUtf8(m_process.readAllStandardError());
-        return m_log;
-    }
-    // True when SIGTERM ended it within the bound.
-    bool stops()
-    {
-        ::kill(pid_t(m_process.processId()), SIGTERM);
-        return m_process.waitForFinished(5000);
-    }
-
-private:
-    QProcess m_process;
-    QString m_log;
-};
 } // namespace
 
 class ImportTest : public QObject
@@ -294,7 +261,7 @@ private Q_SLOTS:
         QFETCH(QString, reason);
         const QString config = path(u"service-%1/config.json"_s.arg(kind));
         writeTestFile(config, documentOf(u"good"_s));
-        RunningService service(config);
+        RunningService service(config, {u"127.0.0.1:9"_s}); // beacons kept off the real networks
         QTRY_VERIFY_WITH_TIMEOUT(service.log().contains(u"Configuration loaded:"_s), 5000);
 
         const QString replacement = config + u".new"_s;
