@@ -47,6 +47,15 @@ class DiscoveryTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    // A radio the configuration could not hold afterwards is not added: the saved file would be
+    // refused by the service, or lose the key.
+    void answerWithAnUnpairedSurrogateIsRefused()
+    {
+        const Error error = failureOf(finished("Connecting\n{\"serial\\udc00Number\":\"0621-1104-6601-1641\"}\n"));
+        QCOMPARE(error.domain(), QStringLiteral("QJsonParseError"));
+        QVERIFY2(error.localizedDescription().contains(QStringLiteral("surrogate")), qPrintable(error.localizedDescription()));
+    }
+
     void progressLineThenObjectYieldsTheObject()
     {
         const QJsonObject answer = radioFromProbeOutput(

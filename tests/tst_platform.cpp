@@ -66,6 +66,10 @@ private Q_SLOTS:
         QTest::newRow("bare string") << QByteArray("\"radios\"");
         QTest::newRow("truncated object") << QByteArray("{\"radios\": [");
         QTest::newRow("invalid UTF-8 in a string") << QByteArray("{\"name\": \"\xff\"}");
+        QTest::newRow("invalid UTF-8 after a backslash") << QByteArray("{\"name\": \"\\\xff\"}");
+        QTest::newRow("unpaired surrogate in a value") << QByteArray("{\"name\": \"a\\ud800\"}");
+        QTest::newRow("unpaired surrogate in a key") << QByteArray("{\"serial\\udc00Number\": \"x\"}");
+        QTest::newRow("unpaired surrogate in an array") << QByteArray("[\"\\udfff\\ud800\"]");
         QTest::newRow("empty") << QByteArray();
     }
 
@@ -85,6 +89,8 @@ private Q_SLOTS:
     {
         QVERIFY(readJson("{\"a\": 1}").isObject());
         QVERIFY(readJson(" [1, 2] ").isArray());
+        QCOMPARE(readJson("{\"a\": \"\\ud83d\\ude00\"}").object().value(QStringLiteral("a")).toString(),
+                 QString::fromUtf8("\xf0\x9f\x98\x80")); // a pair is one character
     }
 
     void processOutputMergesBothStreamsInOrder()
