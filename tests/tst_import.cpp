@@ -99,6 +99,15 @@ QStringList hiddenFilesIn(const QString &folder)
 
 QString backupNameAt(const QString &stamp) { return u"config-"_s + stamp + u"Z.json"_s; }
 
+// Twenty backups made within one second (stamp: "yyyy-MM-ddTHH-mm-ss"), each a document tagged
+// "<tag>-<n>".
+void writeBackups(const QString &config, const QString &stamp, const QString &tag)
+{
+    for (int i = 0; i < 20; ++i)
+        writeTestFile(backupFolderOf(config) + u'/' + backupNameAt(stamp + u".%1"_s.arg(i, 3, 10, QChar(u'0'))),
+                      documentOf(u"%1-%2"_s.arg(tag).arg(i)));
+}
+
 // The file path after "the previous configuration is in" in the import's one line.
 QString reportedBackup(const QString &output)
 {
@@ -158,9 +167,7 @@ private Q_SLOTS:
         const QString config = path(u"full-disk/config.json"_s);
         const QByteArray previous = documentOf(u"previous"_s);
         writeTestFile(config, previous);
-        for (int i = 0; i < 20; ++i)
-            writeTestFile(backupFolderOf(config) + u'/' + backupNameAt(u"2020-01-01T00-00-00.%1"_s.arg(i, 3, 10, QChar(u'0'))),
-                          documentOf(u"history-%1"_s.arg(i)));
+        writeBackups(config, u"2020-01-01T00-00-00"_s, u"history"_s);
         const QMap<QString, QByteArray> history = backupsOf(config);
         const QByteArray next = documentOf(u"next"_s, 50);
         QVERIFY(previous.size() < next.size() / 2);
@@ -191,9 +198,7 @@ private Q_SLOTS:
         const QByteArray previous = documentOf(u"previous"_s);
         writeTestFile(config, previous);
         // Made while the clock said 2099.
-        for (int i = 0; i < 20; ++i)
-            writeTestFile(backupFolderOf(config) + u'/' + backupNameAt(u"2099-01-01T00-00-00.%1"_s.arg(i, 3, 10, QChar(u'0'))),
-                          documentOf(u"future-%1"_s.arg(i)));
+        writeBackups(config, u"2099-01-01T00-00-00"_s, u"future"_s);
         writeTestFile(path(u"clock.json"_s), documentOf(u"next"_s));
 
         const ImportRun run = runImport(config, path(u"clock.json"_s));
