@@ -11,6 +11,8 @@ void AppDelegate::addRadio()
         return;
     QLineEdit field;
     field.setPlaceholderText(QStringLiteral("Radio IPv4 address"));
+    // The placeholder goes once something is typed; a screen reader keeps the name.
+    field.setAccessibleName(field.placeholderText());
     if (!dialog(QStringLiteral("Add Radio"),
                 QStringLiteral("Connect your VPN and enter the radio\u2019s IP address. Its details will be read "
                                "automatically."),
