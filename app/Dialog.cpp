@@ -2,7 +2,9 @@
 
 #include "app/AppIcon.h"
 #include "app/DialogGeometry.h"
+#include "app/DialogText.h"
 #include "app/Fonts.h"
+#include "platform/WindowTitle.h"
 
 #include <QDialog>
 #include <QLabel>
@@ -37,26 +39,20 @@ struct TextStyle
     QFont::Weight weight;
 };
 
-QLabel *dialogText(QWidget *panel, const QString &text, TextStyle style, int &height)
+DialogText *dialogText(QWidget *panel, const QString &text, TextStyle style)
 {
-    auto *label = new QLabel(text, panel);
-    label->setTextFormat(Qt::PlainText); // the service's output is shown as printed, never as markup
-    const QFont font = systemFont(style.size, style.weight);
-    label->setFont(font);
     // Only the 12-point text is secondary.
-    if (style.size == 12) {
-        QPalette palette = label->palette();
-        palette.setColor(QPalette::WindowText, palette.color(QPalette::PlaceholderText));
-        label->setPalette(palette);
-    }
-    label->setWordWrap(true);
-    label->setAlignment(Qt::AlignHCenter | Qt::AlignTop);
-    // The text is laid out 388 wide inside the 396-wide label, 5 below its top.
-    label->setContentsMargins((dialogTextWidth - dialogLayoutWidth) / 2, 5, (dialogTextWidth - dialogLayoutWidth) / 2, 5);
-    const QRectF laidOut = QFontMetricsF(font).boundingRect(QRectF(0, 0, dialogLayoutWidth, 1000),
-                                                            Qt::TextWordWrap | Qt::AlignHCenter, text);
-    height = dialogLabelHeight(laidOut.height());
-    return label;
+    return new DialogText(text, systemFont(style.size, style.weight), style.size == 12, panel);
+}
+
+// What a screen reader says when the panel opens: the headline as its name, the rest as its
+// description, as if the texts had been read from the top.
+void describeForAssistiveTechnology(QDialog &panel, const QStringList &texts)
+{
+    if (texts.isEmpty())
+        return;
+    panel.setAccessibleName(texts.first());
+    panel.setAccessibleDescription(texts.mid(1).join(QLatin1Char('\n')));
 }
 } // namespace
 
@@ -68,7 +64,6 @@ bool AppDelegate::dialog(const QString &title, const QString &detail, const QStr
         qFatal("A dialog was requested before the main window exists");
 
     ModalPanel panel(main, cancel);
-    panel.setWindowTitle(QString());
     panel.setWindowModality(Qt::ApplicationModal);
 
     auto *icon = new QLabel(&panel);
@@ -76,6 +71,7 @@ bool AppDelegate::dialog(const QString &title, const QString &detail, const QStr
 
     QList<QWidget *> stacked;
     QList<int> heights;
+    QStringList shownTexts;
     const struct
     {
         const QString &text;
@@ -88,9 +84,10 @@ bool AppDelegate::dialog(const QString &title, const QString &detail, const QStr
     for (const auto &text : texts) {
         if (text.text.isEmpty())
             continue;
-        int height = 0;
-        stacked << dialogText(&panel, text.text, text.style, height);
-        heights << height;
+        DialogText *shown = dialogText(&panel, text.text, text.style);
+        stacked << shown;
+        heights << shown->neededHeight();
+        shownTexts << text.text;
     }
     if (input) {
         input->setParent(&panel);
@@ -120,8 +117,13 @@ bool AppDelegate::dialog(const QString &title, const QString &detail, const QStr
     // and leave the content off by the width of the border and the title bar.
     const QPoint middle = main->geometry().center();
     panel.setGeometry(middle.x() - dialogWidth / 2, middle.y() - geometry.height / 2, dialogWidth, geometry.height);
+    // The keyboard starts where the answer is given: the field, or else OK, not on a text.
     if (input)
         input->setFocus();
+    else
+        ok->setFocus();
+    describeForAssistiveTechnology(panel, shownTexts);
+    showNoWindowTitle(&panel);
 
     const int code = panel.exec();
     if (input)

@@ -12,9 +12,9 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QClipboard>
+#include <QDialogButtonBox>
 #include <QDir>
 #include <QFile>
-#include <QDialogButtonBox>
 #include <QFileDialog>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -24,7 +24,14 @@
 #include <QMainWindow>
 #include <QProcess>
 #include <QPushButton>
+#include <QScrollBar>
 #include <QTest>
+#include <QTextBlock>
+#include <QTextDocument>
+#include <QTextEdit>
+#include <QTextLayout>
+
+#include <cmath>
 
 void writeTestFile(const QString &path, const QByteArray &bytes)
 {
@@ -327,6 +334,29 @@ QStringList DialogAnswerer::titles() const
     return result;
 }
 
+namespace {
+// Every line of the text lies inside the visible box: no line is wider than the box, and
+// nothing lies below it.
+bool wholeTextShown(QTextEdit *text)
+{
+    const QWidget *box = text->viewport();
+    if (text->verticalScrollBar()->maximum() > 0 || text->horizontalScrollBar()->maximum() > 0)
+        return false;
+    for (QTextBlock block = text->document()->begin(); block.isValid(); block = block.next()) {
+        const QTextLayout *layout = block.layout();
+        const QPointF origin = layout->position();
+        for (int i = 0; i < layout->lineCount(); ++i) {
+            const QTextLine line = layout->lineAt(i);
+            const qreal left = origin.x() + line.naturalTextRect().left();
+            if (left < 0 || left + line.naturalTextWidth() > box->width() + 0.5
+                || origin.y() + line.y() + line.height() > box->height() + 0.5)
+                return false;
+        }
+    }
+    return true;
+}
+} // namespace
+
 void DialogAnswerer::poll()
 {
     QWidget *modal = QApplication::activeModalWidget();
@@ -340,14 +370,15 @@ void DialogAnswerer::poll()
     }
 
     ShownDialog shown;
-    QList<QLabel *> labels = modal->findChildren<QLabel *>(Qt::FindDirectChildrenOnly);
-    std::sort(labels.begin(), labels.end(), [](QLabel *a, QLabel *b) { return a->y() < b->y(); });
-    for (QLabel *label : labels) {
-        if (!label->text().isEmpty()) {
-            shown.texts << label->text();
-            shown.textFrames << label->geometry();
-            shown.textHeightsNeeded << label->heightForWidth(label->width());
-        } else if (!label->pixmap().isNull()) {
+    QList<QWidget *> views = modal->findChildren<QWidget *>(Qt::FindDirectChildrenOnly);
+    std::sort(views.begin(), views.end(), [](QWidget *a, QWidget *b) { return a->y() < b->y(); });
+    for (QWidget *view : views) {
+        if (auto *text = qobject_cast<QTextEdit *>(view)) {
+            shown.texts << text->toPlainText();
+            shown.textFrames << text->geometry();
+            shown.textHeightsNeeded << int(std::ceil(text->document()->size().height())) + 10;
+            shown.textsWhole << wholeTextShown(text);
+        } else if (auto *label = qobject_cast<QLabel *>(view); label && !label->pixmap().isNull()) {
             shown.icon = label->geometry();
         }
     }

@@ -111,6 +111,7 @@ struct ShownDialog
     QRect frame;                  // the panel itself, on screen
     QList<QRect> textFrames;      // the text labels, top to bottom
     QList<int> textHeightsNeeded; // the height each text label needs for its text at its width
+    QList<bool> textsWhole;       // every line of each text lies inside its visible box
     QRect icon;                   // empty when no image is shown
     QRect okButton;
     QRect cancelButton;           // empty when there is none

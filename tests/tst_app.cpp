@@ -5,10 +5,13 @@
 
 #include "app/AppDelegate.h"
 #include "app/DialogGeometry.h"
+#include "app/DialogText.h"
 #include "app/Fonts.h"
 #include "app/ServiceButton.h"
 #include "app/StatusLabel.h"
+#include "platform/WindowTitle.h"
 
+#include <QAccessible>
 #include <QAction>
 #include <QApplication>
 #include <QCheckBox>
@@ -27,6 +30,9 @@
 #include <QPointer>
 #include <QPushButton>
 #include <QSignalSpy>
+#include <QTextBlock>
+#include <QTextDocument>
+#include <QTextLayout>
 #include <QTest>
 #include <QUrl>
 
@@ -108,6 +114,43 @@ public:
 private:
     QTimer m_timer;
 };
+
+// Runs act() once on the first modal panel that comes up, from the event loop of its run.
+class OnModalPanel
+{
+public:
+    explicit OnModalPanel(std::function<void(QDialog *)> act) : m_act(std::move(act))
+    {
+        m_timer.setInterval(10);
+        QObject::connect(&m_timer, &QTimer::timeout, [this] {
+            auto *panel = qobject_cast<QDialog *>(QApplication::activeModalWidget());
+            if (!panel || !panel->isVisible())
+                return;
+            m_timer.stop();
+            m_act(panel);
+        });
+        m_timer.start();
+    }
+
+private:
+    std::function<void(QDialog *)> m_act;
+    QTimer m_timer;
+};
+
+QPushButton *panelButton(QDialog *panel, const QString &title)
+{
+    for (QPushButton *button : panel->findChildren<QPushButton *>())
+        if (button->text() == title)
+            return button;
+    return nullptr;
+}
+
+QList<DialogText *> panelTexts(QDialog *panel)
+{
+    QList<DialogText *> texts = panel->findChildren<DialogText *>();
+    std::sort(texts.begin(), texts.end(), [](QWidget *a, QWidget *b) { return a->y() < b->y(); });
+    return texts;
+}
 
 // Lets held answers of the stand-in go when a test ends early, before the app waits for them.
 struct ReleaseOnExit
@@ -269,6 +312,13 @@ private Q_SLOTS:
     void returnInTheInputFieldConfirms();
     void cancelEscapeAndOtherEndingsReturnFalse();
     void panelPlacesIconTextsFieldAndButtons();
+    void longWordsBreakInsideTheLine();
+    void textsKeepTheirStylesAndColours();
+    void messageTextCanBeSelectedAndCopied();
+    void returnAndEscapeAnswerFromTheText();
+    void panelIsAnnouncedByItsTexts();
+    void panelShowsNoTitleText();
+    void addRadioFieldHasAnAccessibleName();
 };
 
 void AppShellTest::init()
@@ -1231,6 +1281,203 @@ void AppShellTest::panelPlacesIconTextsFieldAndButtons()
     QCOMPARE(shown.frame, QRect(middle.x() - 230, middle.y() - height / 2, 460, height));
     QVERIFY(qAbs(shown.frame.center().x() - middle.x()) <= 1);
     QVERIFY(qAbs(shown.frame.center().y() - middle.y()) <= 1);
+}
+
+void AppShellTest::longWordsBreakInsideTheLine()
+{
+    TestWorld world;
+    RunningApp app(world);
+    DialogAnswerer answerer;
+
+    const QString host = u"radiointheremoteshackbehindtheclubvpngateway.northridgecontesstation.example.invalid"_s;
+    const QString path = u"/home/operator/.config/Veldspar/"_s + QString(120, u'x') + u"/config.json"_s;
+    const QString message = u"Cannot find "_s + host + u": no such host name is known."_s;
+    app.app().dialog(message, path, host, false, nullptr);
+
+    QCOMPARE(answerer.shown().size(), 1);
+    const ShownDialog &shown = answerer.shown().first();
+    // Shown whole and as given: nothing inserted into the words to break them.
+    QCOMPARE(shown.texts, (QStringList{message, path, host}));
+    QCOMPARE(shown.textsWhole, (QList<bool>{true, true, true}));
+    // Each word is wider than a line, so each text takes more than one line, and the panel
+    // grows by what is shown.
+    const int titleLine = QFontMetrics(systemFont(15, QFont::DemiBold)).lineSpacing();
+    QVERIFY(QFontMetrics(systemFont(15, QFont::DemiBold)).horizontalAdvance(host) > dialogLayoutWidth);
+    QVERIFY(shown.textFrames.at(2).height() >= 2 * titleLine + 10);
+    QVERIFY(shown.textFrames.at(1).height() >= 2 * QFontMetrics(systemFont(12)).lineSpacing() + 10);
+    int sum = 0;
+    for (int i = 0; i < shown.textFrames.size(); ++i) {
+        QCOMPARE(shown.textFrames.at(i).height(), shown.textHeightsNeeded.at(i));
+        sum += shown.textFrames.at(i).height() + 12;
+    }
+    QCOMPARE(shown.size, QSize(460, 156 + sum));
+}
+
+void AppShellTest::textsKeepTheirStylesAndColours()
+{
+    TestWorld world;
+    RunningApp app(world);
+    QList<QFont> fonts;
+    QList<QColor> colours;
+    QList<Qt::Alignment> alignments;
+    const OnModalPanel look([&](QDialog *panel) {
+        for (DialogText *text : panelTexts(panel)) {
+            fonts << text->font();
+            colours << text->palette().color(QPalette::Text);
+            alignments << text->document()->firstBlock().layout()->textOption().alignment();
+        }
+        panel->done(0);
+    });
+    const ModalWatchdog watchdog;
+    app.app().dialog(u"Delete configuration?"_s, u"This will remove all configured radios immediately."_s,
+                     u"Are you sure?"_s, true, nullptr);
+
+    QCOMPARE(fonts.size(), 3);
+    QCOMPARE(fonts.at(0), systemFont(15, QFont::DemiBold));
+    QCOMPARE(fonts.at(1), systemFont(12));
+    QCOMPARE(fonts.at(2), systemFont(15, QFont::DemiBold));
+    const QPalette palette = app.window()->palette();
+    QCOMPARE(colours.at(0), palette.color(QPalette::Text));
+    QCOMPARE(colours.at(1), palette.color(QPalette::PlaceholderText));
+    QCOMPARE(colours.at(2), palette.color(QPalette::Text));
+    QVERIFY(colours.at(0) != colours.at(1));
+    for (Qt::Alignment alignment : alignments)
+        QVERIFY(alignment & Qt::AlignHCenter);
+}
+
+void AppShellTest::messageTextCanBeSelectedAndCopied()
+{
+    TestWorld world;
+    RunningApp app(world);
+    const QString message = u"Cannot find radio.example.invalid: no such host name is known."_s;
+    QGuiApplication::clipboard()->clear();
+    bool readOnly = false;
+    bool selectable = false;
+    QString accessibleText;
+    const OnModalPanel copy([&](QDialog *panel) {
+        const QList<DialogText *> texts = panelTexts(panel);
+        if (texts.size() != 1)
+            return panel->done(-1);
+        DialogText *text = texts.first();
+        // As a screen reader sees it: a text it can read and select in, that cannot be edited.
+        QAccessibleInterface *iface = QAccessible::queryAccessibleInterface(text);
+        readOnly = iface->state().readOnly;
+        selectable = iface->state().selectableText && iface->textInterface();
+        if (iface->textInterface())
+            accessibleText = iface->textInterface()->text(0, iface->textInterface()->characterCount());
+        // As a keyboard user copies it: into the text, select all, copy.
+        text->setFocus(Qt::TabFocusReason);
+        QTest::keyClick(text, Qt::Key_A, Qt::ControlModifier);
+        QTest::keyClick(text, Qt::Key_C, Qt::ControlModifier);
+        // Typing changes nothing.
+        QTest::keyClicks(text, u"xyz"_s);
+        if (text->toPlainText() != message)
+            return panel->done(-1);
+        panelButton(panel, u"OK"_s)->click();
+    });
+    const ModalWatchdog watchdog;
+    QVERIFY(app.app().dialog(message, QString(), QString(), false, nullptr));
+    QVERIFY(readOnly);
+    QVERIFY(selectable);
+    QCOMPARE(accessibleText, message);
+    QCOMPARE(QGuiApplication::clipboard()->text(), message);
+}
+
+void AppShellTest::returnAndEscapeAnswerFromTheText()
+{
+    TestWorld world;
+    RunningApp app(world);
+    const ModalWatchdog watchdog;
+    for (const auto &[key, expected] : {std::pair{Qt::Key_Return, true}, std::pair{Qt::Key_Escape, false}}) {
+        bool focusWasOnOk = false;
+        const OnModalPanel press([&, key = key](QDialog *panel) {
+            focusWasOnOk = QApplication::focusWidget() == panelButton(panel, u"OK"_s);
+            if (panelTexts(panel).isEmpty())
+                return panel->done(-1);
+            DialogText *text = panelTexts(panel).first();
+            text->setFocus(Qt::MouseFocusReason);
+            QTest::keyClick(text, key);
+        });
+        QCOMPARE(app.app().dialog(u"Delete configuration?"_s, QString(), u"Are you sure?"_s, true, nullptr), expected);
+        QVERIFY(focusWasOnOk);
+    }
+}
+
+void AppShellTest::panelIsAnnouncedByItsTexts()
+{
+    TestWorld world;
+    RunningApp app(world);
+    QAccessible::Role role = QAccessible::NoRole;
+    QString name;
+    QString description;
+    QStringList textValues;
+    const OnModalPanel read([&](QDialog *panel) {
+        QAccessibleInterface *iface = QAccessible::queryAccessibleInterface(panel);
+        role = iface->role();
+        name = iface->text(QAccessible::Name);
+        description = iface->text(QAccessible::Description);
+        for (int i = 0; i < iface->childCount(); ++i) {
+            QAccessibleInterface *child = iface->child(i);
+            if (child->textInterface() && child->state().readOnly)
+                textValues << child->textInterface()->text(0, child->textInterface()->characterCount());
+        }
+        panel->done(0);
+    });
+    const ModalWatchdog watchdog;
+    app.app().dialog(u"Delete configuration?"_s, u"This will remove all configured radios immediately."_s,
+                     u"Are you sure?"_s, true, nullptr);
+
+    QCOMPARE(role, QAccessible::Dialog);
+    QCOMPARE(name, u"Delete configuration?"_s);
+    QCOMPARE(description, u"This will remove all configured radios immediately.\nAre you sure?"_s);
+    QCOMPARE(textValues, (QStringList{u"Delete configuration?"_s, u"This will remove all configured radios immediately."_s,
+                                      u"Are you sure?"_s}));
+}
+
+// Qt writes the application's name into an empty title; the panel's title bar must stay empty.
+// Under offscreen only the widget's own title can be seen; the X11 run (ctest's
+// tst_app_on_x11) reads what the window system holds.
+void AppShellTest::panelShowsNoTitleText()
+{
+    TestWorld world;
+    RunningApp app(world);
+    QString widgetTitle = u"unread"_s;
+    QString systemTitle = u"unread"_s;
+    const OnModalPanel read([&](QDialog *panel) {
+        widgetTitle = panel->windowTitle();
+        systemTitle = windowSystemTitle(panel);
+        panel->done(0);
+    });
+    const ModalWatchdog watchdog;
+    app.app().alert(u"Saved."_s);
+
+    QCOMPARE(widgetTitle, QString());
+    if (QGuiApplication::platformName() != u"xcb"_s)
+        QSKIP("The window system's title can be read back on X11 only");
+    QVERIFY(!systemTitle.isNull());
+    QCOMPARE(systemTitle, u""_s);
+}
+
+void AppShellTest::addRadioFieldHasAnAccessibleName()
+{
+    TestWorld world;
+    RunningApp app(world);
+    QString fieldName;
+    QAccessible::Role fieldRole = QAccessible::NoRole;
+    const OnModalPanel read([&](QDialog *panel) {
+        QLineEdit *field = panel->findChild<QLineEdit *>();
+        if (field) {
+            QAccessibleInterface *iface = QAccessible::queryAccessibleInterface(field);
+            fieldName = iface->text(QAccessible::Name);
+            fieldRole = iface->role();
+        }
+        panel->done(0);
+    });
+    const ModalWatchdog watchdog;
+    app.click(app.button(u"Add Radio\u2026"_s));
+
+    QCOMPARE(fieldRole, QAccessible::EditableText);
+    QCOMPARE(fieldName, u"Radio IPv4 address"_s);
 }
 
 QTEST_MAIN(AppShellTest)
