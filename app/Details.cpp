@@ -6,6 +6,7 @@
 #include <QLabel>
 #include <QListView>
 #include <QPushButton>
+#include <QSignalBlocker>
 
 // The row the table has selected, as the table remembers it. The model reads `entries`
 // directly, so after an edit has already shortened them (removing the last radio) the
@@ -40,5 +41,7 @@ void AppDelegate::updateDetails()
         it.value()->setText(content.values.value(it.key()));
     enabledButton->setEnabled(content.controlsEnabled);
     removeButton->setEnabled(content.controlsEnabled);
+    // Showing the entry is not an edit of it, so it must not reach toggleRadio.
+    const QSignalBlocker quiet(enabledButton);
     enabledButton->setChecked(content.included);
 }

@@ -214,7 +214,9 @@ QLayout *AppDelegate::buildSplitRow()
 
     enabledButton = new QCheckBox(QStringLiteral("Include in discovery"));
     enabledButton->setObjectName(QStringLiteral("enabledButton"));
-    connect(enabledButton, &QCheckBox::clicked, this, &AppDelegate::toggleRadio);
+    // Every way the box can change reaches the controller through toggled: a click, the Space
+    // key, and the accessibility toggle action, which toggles without a click.
+    connect(enabledButton, &QCheckBox::toggled, this, &AppDelegate::toggleRadio);
     detailsStack->addWidget(enabledButton, 0, Qt::AlignLeft);
 
     removeButton = button(QStringLiteral("Remove Radio"), &AppDelegate::removeRadio);

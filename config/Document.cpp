@@ -96,7 +96,7 @@ void AppDelegate::toggleRadio()
 {
     const int row = selectedRow();
     if (busy || row < 0 || row >= entries.size()) {
-        updateDetails(); // the click changed nothing, so the box shows the entry again
+        updateDetails(); // the change is refused, so the box shows the entry again
         return;
     }
     entries[row].insert(QStringLiteral("enabled"), enabledButton->checkState() == Qt::Checked);

@@ -259,6 +259,27 @@ qreal middleY(const QRect &rect)
     return (rect.top() + rect.bottom()) / 2.0;
 }
 
+// The interface assistive technology sees for a widget.
+QAccessibleInterface *accessible(QObject *object)
+{
+    return QAccessible::queryAccessibleInterface(object);
+}
+
+// Whether the saved file lists the radio at row as included.
+bool savedAsEnabled(const TestWorld &world, int row)
+{
+    const QJsonArray radios = parseObject(world.readConfig()).value(u"radios"_s).toArray();
+    return radios.at(row).toObject().value(u"enabled"_s) == QJsonValue(true);
+}
+
+// Acts on a control through its accessibility interface, as a screen reader does.
+void doAccessibleAction(QWidget *widget, const QString &action)
+{
+    QAccessibleActionInterface *actions = accessible(widget)->actionInterface();
+    QVERIFY(actions);
+    actions->doAction(action);
+}
+
 constexpr qreal fillAlpha = 0.13;
 const QColor danger(0xDA, 0x44, 0x53);
 const QColor success(0x27, 0xAE, 0x60);
@@ -298,6 +319,9 @@ private Q_SLOTS:
     void enabledAsTextCountsAsDisabled();
     void unnamedRadioShowsRadio();
     void numericFirmwareShowsADash();
+    void everyWayOfChangingTheIncludeBoxSavesOnce();
+    void showingAnotherStateInTheIncludeBoxDoesNotSave();
+    void whileBusyTheIncludeBoxReturnsToTheEntry();
 
     // Service button.
     void inactiveButtonIsPaleRedWithRedTitleCentred();
@@ -908,6 +932,130 @@ void AppShellTest::numericFirmwareShowsADash()
     QCOMPARE(app.value(u"model"_s)->text(), u"FLEX-6600"_s);
     auto *firmware = labelWithText(app.window()->centralWidget(), u"FIRMWARE"_s);
     QVERIFY(firmware && firmware->isVisible());
+}
+
+void AppShellTest::everyWayOfChangingTheIncludeBoxSavesOnce()
+{
+    TestWorld world;
+    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s)}));
+    RunningApp app(world);
+    QVERIFY(windowReady(app));
+    QCheckBox *box = app.includeBox();
+    QVERIFY(box->isChecked());
+    // A check box offers toggling; pressing is still carried out when asked for.
+    QVERIFY(accessible(box)->actionInterface()->actionNames().contains(QAccessibleActionInterface::toggleAction()));
+
+    const struct
+    {
+        QString way;
+        std::function<void()> change;
+    } ways[] = {
+        {u"mouse click"_s, [&] { app.click(box); }},
+        {u"Space key"_s,
+         [&] {
+             box->setFocus(Qt::TabFocusReason);
+             QTest::keyClick(box, Qt::Key_Space);
+         }},
+        {u"accessibility press"_s, [&] { doAccessibleAction(box, QAccessibleActionInterface::pressAction()); }},
+        {u"accessibility toggle"_s, [&] { doAccessibleAction(box, QAccessibleActionInterface::toggleAction()); }},
+    };
+    bool included = true;
+    qsizetype saves = 0;
+    for (const auto &way : ways) {
+        way.change();
+        if (QTest::currentTestFailed())
+            return;
+        included = !included;
+        // The press is animated: it lands a moment later.
+        QTRY_COMPARE_WITH_TIMEOUT(app.app().isBusy() || world.importedFiles().size() > saves, true, 2000);
+        QVERIFY(app.waitUntilIdle());
+        settle();
+        QVERIFY2(world.importedFiles().size() == saves + 1,
+                 qPrintable(u"%1: %2 saves"_s.arg(way.way).arg(world.importedFiles().size() - saves)));
+        saves = world.importedFiles().size();
+        QVERIFY2(savedAsEnabled(world, 0) == included, qPrintable(way.way));
+        QCOMPARE(app.statusText(), u"Saved. Previous configuration backed up; running service reloads automatically."_s);
+        QCOMPARE(app.rowTexts(0).at(1), included ? u"10.0.0.1  \u00B7  Enabled"_s : u"10.0.0.1  \u00B7  Disabled"_s);
+        QCOMPARE(box->isChecked(), included);
+    }
+}
+
+void AppShellTest::showingAnotherStateInTheIncludeBoxDoesNotSave()
+{
+    TestWorld world;
+    QJsonObject bravo = fullRadio(u"10.0.0.2"_s, u"2234-5678-9012-3456"_s, u"Bravo"_s);
+    bravo.insert(u"enabled"_s, false);
+    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s), bravo}));
+    RunningApp app(world);
+    QVERIFY(windowReady(app));
+    QVERIFY(app.includeBox()->isChecked());
+
+    // Selecting a radio that is left out shows the box off.
+    app.selectRow(1);
+    QVERIFY(!app.includeBox()->isChecked());
+    app.selectRow(0);
+    QVERIFY(app.includeBox()->isChecked());
+
+    // Someone else leaves Alpha out; Reload shows it.
+    QJsonObject alpha = fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s);
+    alpha.insert(u"enabled"_s, false);
+    const QByteArray changed = configWith({alpha, bravo});
+    world.writeConfig(changed);
+    app.click(app.button(u"Reload"_s));
+    QVERIFY(!app.includeBox()->isChecked());
+    settle();
+    QVERIFY(app.waitUntilIdle());
+
+    QCOMPARE(world.importedFiles().size(), 0);
+    QCOMPARE(world.calls().size(), 0);
+    QCOMPARE(world.readConfig(), changed);
+    QCOMPARE(app.statusText(), u"Configuration loaded"_s);
+}
+
+void AppShellTest::whileBusyTheIncludeBoxReturnsToTheEntry()
+{
+    TestWorld world;
+    // Bravo's firmware is not known yet, so a save asks it who it is; that answer is held.
+    QJsonObject bravo = fullRadio(u"10.0.0.2"_s, u"2234-5678-9012-3456"_s, u"Bravo"_s);
+    bravo.remove(u"version"_s);
+    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s), bravo}));
+    QJsonObject answer = fullRadio(u"10.0.0.2"_s, u"2234-5678-9012-3456"_s, u"Bravo"_s);
+    answer.remove(u"enabled"_s);
+    answer.remove(u"ipAddress"_s);
+    world.answerDiscover(u"10.0.0.2"_s, QJsonDocument(answer).toJson(QJsonDocument::Compact) + '\n', 0, true);
+    DialogAnswerer answerer;
+    RunningApp app(world);
+    const ReleaseOnExit releaseOnExit{world};
+    QVERIFY(windowReady(app));
+    QCheckBox *box = app.includeBox();
+
+    // Leaving Alpha out starts a save that waits for Bravo.
+    app.click(box);
+    QVERIFY(app.app().isBusy());
+    QVERIFY(!box->isChecked());
+    const QString draft = app.app().draftText();
+
+    // Neither the toggle nor the press of assistive technology nor Space changes anything now.
+    doAccessibleAction(box, QAccessibleActionInterface::toggleAction());
+    QVERIFY(!box->isChecked());
+    QVERIFY(!accessible(box)->state().checked);
+    doAccessibleAction(box, QAccessibleActionInterface::pressAction());
+    settle(400);
+    QVERIFY(!box->isChecked());
+    box->setFocus(Qt::TabFocusReason);
+    QTest::keyClick(box, Qt::Key_Space);
+    QVERIFY(!box->isChecked());
+    QCOMPARE(app.app().draftText(), draft);
+    QCOMPARE(app.rowTexts(0).at(1), u"10.0.0.1  \u00B7  Disabled"_s);
+
+    // The held save ends and writes Alpha left out, once.
+    world.release();
+    QVERIFY(app.waitUntilIdle());
+    settle();
+    QCOMPARE(world.importedFiles().size(), 1);
+    QVERIFY(!savedAsEnabled(world, 0));
+    QVERIFY(!box->isChecked());
+    QVERIFY(answerer.shown().isEmpty());
 }
 
 // ---------------------------------------------------------------------------------------------
