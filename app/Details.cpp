@@ -37,8 +37,12 @@ void AppDelegate::updateDetails()
 {
     const DetailsContent content = detailsContent(entries, selectedRow());
     detailTitle->setText(content.title);
-    for (auto it = values.constBegin(); it != values.constEnd(); ++it)
-        it.value()->setText(content.values.value(it.key()));
+    for (const DetailField &field : detailFields()) {
+        QLabel *value = values.value(field.key);
+        const QString text = content.values.value(field.key);
+        value->setText(text);
+        value->setAccessibleName(spokenDetail(field, text));
+    }
     enabledButton->setEnabled(content.controlsEnabled);
     removeButton->setEnabled(content.controlsEnabled);
     // Showing the entry is not an edit of it, so it must not reach toggleRadio.

@@ -186,6 +186,9 @@ QLayout *AppDelegate::buildSplitRow()
     table->setUniformItemSizes(true);
     table->setModel(new RadioListModel(entries, table));
     table->setItemDelegate(new RadioCellDelegate(table));
+    table->setAccessibleName(QStringLiteral("Radios"));
+    table->setAccessibleDescription(
+        QStringLiteral("The radios made discoverable on the local network; the selected one is shown beside the list."));
     connect(table->selectionModel(), &QItemSelectionModel::selectionChanged, this,
             &AppDelegate::tableViewSelectionDidChange);
     split->addWidget(table);
@@ -203,10 +206,14 @@ QLayout *AppDelegate::buildSplitRow()
     for (const DetailField &field : detailFields()) {
         auto *block = new QVBoxLayout;
         block->setSpacing(3);
-        block->addWidget(label(field.caption, 10, QFont::DemiBold, true));
+        QLabel *caption = label(field.caption, 10, QFont::DemiBold, true);
+        block->addWidget(caption);
         QLabel *value = label(QStringLiteral("\u2014"), 13);
         value->setObjectName(QStringLiteral("value:") + field.key);
         value->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+        // The caption labels the value for assistive technology; the captions hold no mnemonic,
+        // so this adds no shortcut.
+        caption->setBuddy(value);
         block->addWidget(value);
         values.insert(field.key, value);
         detailsStack->addLayout(block);
@@ -249,6 +256,9 @@ QLayout *AppDelegate::buildServiceRow()
     enableButton->setObjectName(QStringLiteral("enableButton"));
     enableButton->setFixedSize(100, 30);
     enableButton->setEnabled(false);
+    // The titles "Enable" and "Enabled" say what the service is, not what pressing does.
+    enableButton->setPurpose(QStringLiteral(
+        "Starts the background service and sets it to start at login; while it runs, stops it and turns login start off."));
     connect(enableButton, &QPushButton::clicked, this, &AppDelegate::enableService);
     inner->addWidget(enableButton);
     serviceRow->addLayout(inner);

@@ -1,5 +1,7 @@
 #include "app/RadioPresentation.h"
 
+#include <QStringList>
+
 #include <algorithm>
 
 namespace {
@@ -14,21 +16,26 @@ bool isEnabled(const RadioEntry &entry)
 
 RadioCellText radioCellText(const RadioEntry &entry)
 {
-    return {
-        stringValue(entry, QStringLiteral("name")).value_or(QStringLiteral("Radio")),
-        stringValue(entry, QStringLiteral("ipAddress")).value_or(QString()) + QStringLiteral("  \u00B7  ")
-            + (isEnabled(entry) ? QStringLiteral("Enabled") : QStringLiteral("Disabled")),
-    };
+    const QString name = stringValue(entry, QStringLiteral("name")).value_or(QStringLiteral("Radio"));
+    const QString address = stringValue(entry, QStringLiteral("ipAddress")).value_or(QString());
+    const QString state = isEnabled(entry) ? QStringLiteral("Enabled") : QStringLiteral("Disabled");
+    // The middle dot is only a visual separator; a screen reader pauses at commas instead, and
+    // a missing address is skipped rather than read as an empty pause.
+    QStringList spoken{name};
+    if (!address.isEmpty())
+        spoken << address;
+    spoken << state;
+    return {name, address + QStringLiteral("  \u00B7  ") + state, spoken.join(QStringLiteral(", "))};
 }
 
 const QList<DetailField> &detailFields()
 {
     static const QList<DetailField> fields = {
-        {QStringLiteral("model"), QStringLiteral("MODEL")},
-        {QStringLiteral("ipAddress"), QStringLiteral("IP ADDRESS")},
-        {QStringLiteral("serialNumber"), QStringLiteral("SERIAL NUMBER")},
-        {QStringLiteral("callsign"), QStringLiteral("CALLSIGN")},
-        {QStringLiteral("version"), QStringLiteral("FIRMWARE")},
+        {QStringLiteral("model"), QStringLiteral("MODEL"), QStringLiteral("Model")},
+        {QStringLiteral("ipAddress"), QStringLiteral("IP ADDRESS"), QStringLiteral("IP address")},
+        {QStringLiteral("serialNumber"), QStringLiteral("SERIAL NUMBER"), QStringLiteral("Serial number")},
+        {QStringLiteral("callsign"), QStringLiteral("CALLSIGN"), QStringLiteral("Callsign")},
+        {QStringLiteral("version"), QStringLiteral("FIRMWARE"), QStringLiteral("Firmware")},
     };
     return fields;
 }
@@ -47,6 +54,11 @@ DetailsContent detailsContent(const RadioEntries &entries, int selectedRow)
     content.controlsEnabled = valid;
     content.included = isEnabled(entry);
     return content;
+}
+
+QString spokenDetail(const DetailField &field, const QString &value)
+{
+    return field.spoken + QStringLiteral(": ") + value;
 }
 
 int rowToSelect(int previousRow, int count)

@@ -12,6 +12,7 @@ struct RadioCellText
 {
     QString title;    // the radio's name, or "Radio"
     QString subtitle; // "<address>  ·  Enabled" or "…  ·  Disabled"
+    QString spoken;   // both lines as a screen reader reads them: "<name>, <address>, Enabled"
 };
 RadioCellText radioCellText(const RadioEntry &entry);
 
@@ -19,6 +20,7 @@ struct DetailField
 {
     QString key;     // key in the radio entry
     QString caption; // caption above the value
+    QString spoken;  // the caption in sentence case, as a screen reader should say it
 };
 // The five fields of the details panel, in the order shown.
 const QList<DetailField> &detailFields();
@@ -31,6 +33,9 @@ struct DetailsContent
     bool included = false;         // the check box is on
 };
 DetailsContent detailsContent(const RadioEntries &entries, int selectedRow);
+
+// A value label's accessible name: "Serial number: 0621-1104-7402".
+QString spokenDetail(const DetailField &field, const QString &value);
 
 // Only a JSON true counts as enabled.
 bool isEnabled(const RadioEntry &entry);

@@ -18,12 +18,17 @@ int RadioListModel::rowCount(const QModelIndex &parent) const
 
 QVariant RadioListModel::data(const QModelIndex &index, int role) const
 {
-    if (role != Qt::DisplayRole && role != SubtitleRole)
+    if (role != Qt::DisplayRole && role != SubtitleRole && role != Qt::AccessibleTextRole
+        && role != Qt::AccessibleDescriptionRole)
         return {};
     if (index.row() < 0 || index.row() >= m_entries.size())
         qFatal("Radio table asked for row %d of %lld", index.row(), qlonglong(m_entries.size()));
     const RadioCellText cell = radioCellText(m_entries.at(index.row()));
-    return role == Qt::DisplayRole ? cell.title : cell.subtitle;
+    switch (role) {
+    case Qt::DisplayRole: return cell.title;
+    case Qt::AccessibleTextRole: return cell.spoken; // the delegate paints both lines; say both
+    default: return cell.subtitle;                   // SubtitleRole, AccessibleDescriptionRole
+    }
 }
 
 void RadioListModel::reload()

@@ -3,6 +3,7 @@
 #include "app/Colors.h"
 #include "app/Fonts.h"
 
+#include <QEvent>
 #include <QPainter>
 #include <QPainterPath>
 
@@ -14,6 +15,25 @@ void ServiceButton::setActive(bool active)
 {
     m_active = active;
     update();
+}
+
+void ServiceButton::setPurpose(const QString &purpose)
+{
+    m_purpose = purpose;
+    describe();
+}
+
+void ServiceButton::describe()
+{
+    const QString tip = toolTip();
+    setAccessibleDescription(tip.isEmpty() ? m_purpose : m_purpose + QStringLiteral(" ") + tip);
+}
+
+bool ServiceButton::event(QEvent *event)
+{
+    if (event->type() == QEvent::ToolTipChange)
+        describe();
+    return QPushButton::event(event);
 }
 
 QColor ServiceButton::tint() const

@@ -2,6 +2,7 @@
 
 #include <QColor>
 #include <QPushButton>
+#include <QString>
 
 // The service row's push button, drawn as a tinted rounded rectangle with its title
 // centred: green while the service is active, red otherwise. It looks the same whether
@@ -17,14 +18,22 @@ public:
     // Every assignment, even of the same value, redraws the button.
     void setActive(bool active);
 
+    // What pressing the button does, told to assistive technology as its description; a tool
+    // tip, when one is set, follows it there, since the description would otherwise hide it.
+    void setPurpose(const QString &purpose);
+
     QColor tint() const;
     QFont titleFont() const;
     // Where the title's text box starts: centred both ways, negative when wider than the button.
     static QPointF titleOrigin(const QSizeF &bounds, const QSizeF &textSize);
 
 protected:
+    bool event(QEvent *event) override;
     void paintEvent(QPaintEvent *event) override;
 
 private:
+    void describe();
+
     bool m_active = false;
+    QString m_purpose;
 };
