@@ -211,6 +211,9 @@ QLayout *AppDelegate::buildSplitRow()
         QLabel *value = label(QStringLiteral("\u2014"), 13);
         value->setObjectName(QStringLiteral("value:") + field.key);
         value->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+        // Selectable labels take focus only by click; Tab must reach them too, so that a value
+        // can be selected and copied without a mouse.
+        value->setFocusPolicy(Qt::StrongFocus);
         // The caption labels the value for assistive technology; the captions hold no mnemonic,
         // so this adds no shortcut.
         caption->setBuddy(value);

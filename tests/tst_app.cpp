@@ -275,6 +275,16 @@ QList<QObject *> related(QAccessibleInterface *iface, QAccessible::Relation rela
     return found;
 }
 
+// A widget as a failure message names it.
+QString nameOf(QWidget *widget)
+{
+    if (!widget)
+        return u"nothing"_s;
+    if (auto *button = qobject_cast<QAbstractButton *>(widget))
+        return button->text();
+    return widget->objectName();
+}
+
 // Whether the saved file lists the radio at row as included.
 bool savedAsEnabled(const TestWorld &world, int row)
 {
@@ -337,6 +347,7 @@ private Q_SLOTS:
     void radioListReadsNameAddressAndState();
     void detailValuesAreLabelledByTheirCaptions();
     void controlsHaveAccessibleNames();
+    void wholeWindowWorksByKeyboard();
 
     // Service button.
     void inactiveButtonIsPaleRedWithRedTitleCentred();
@@ -1207,6 +1218,57 @@ void AppShellTest::controlsHaveAccessibleNames()
     QCOMPARE(face->text(QAccessible::Description),
              purpose + u" Add or import a radio before enabling the service."_s);
     QCOMPARE(accessible(app.detailTitle())->text(QAccessible::Name), u"Add your first radio"_s);
+}
+
+void AppShellTest::wholeWindowWorksByKeyboard()
+{
+    TestWorld world;
+    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s),
+                                  fullRadio(u"10.0.0.2"_s, u"2234-5678-9012-3456"_s, u"Bravo"_s)}));
+    RunningApp app(world);
+    QVERIFY(windowReady(app));
+    QVERIFY(app.serviceButton()->isEnabled());
+
+    const QList<QWidget *> chain = {
+        app.button(u"Add Radio\u2026"_s), app.button(u"Import\u2026"_s), app.button(u"Delete Config"_s),
+        app.button(u"Reload"_s),           app.table(),                   app.value(u"model"_s),
+        app.value(u"ipAddress"_s),         app.value(u"serialNumber"_s),  app.value(u"callsign"_s),
+        app.value(u"version"_s),           app.includeBox(),              app.removeButton(),
+        app.serviceButton(),               app.button(u"Uninstall"_s),    app.button(u"Show Files"_s),
+    };
+    chain.first()->setFocus(Qt::TabFocusReason);
+    QTRY_COMPARE(QApplication::focusWidget(), chain.first());
+    for (qsizetype i = 1; i <= chain.size(); ++i) {
+        QWidget *expected = chain.at(i % chain.size()); // after the last, round to the first
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+        QVERIFY2(QApplication::focusWidget() == expected,
+                 qPrintable(u"step %1: %2 instead of %3"_s.arg(i).arg(nameOf(QApplication::focusWidget()),
+                                                                      nameOf(expected))));
+        if (expected == app.table()) {
+            // Arrows move the selection, and the details follow.
+            QCOMPARE(app.selectedRow(), 0);
+            QTest::keyClick(app.table(), Qt::Key_Down);
+            QCOMPARE(app.selectedRow(), 1);
+            QCOMPARE(app.detailTitle()->text(), u"Bravo"_s);
+            QTest::keyClick(app.table(), Qt::Key_Up);
+            QCOMPARE(app.selectedRow(), 0);
+            QCOMPARE(app.detailTitle()->text(), u"Alpha"_s);
+            QCOMPARE(QApplication::focusWidget(), app.table());
+        }
+    }
+    // And back.
+    QTest::keyClick(QApplication::focusWidget(), Qt::Key_Backtab);
+    QCOMPARE(QApplication::focusWidget(), chain.last());
+
+    // Space on the check box leaves the selected radio out and saves.
+    app.includeBox()->setFocus(Qt::TabFocusReason);
+    QTRY_VERIFY(app.includeBox()->hasFocus());
+    QTest::keyClick(app.includeBox(), Qt::Key_Space);
+    QVERIFY(!app.includeBox()->isChecked());
+    QVERIFY(app.waitUntilIdle());
+    QCOMPARE(world.importedFiles().size(), 1);
+    QVERIFY(!savedAsEnabled(world, 0));
+    QVERIFY(savedAsEnabled(world, 1));
 }
 
 // ---------------------------------------------------------------------------------------------
