@@ -70,4 +70,16 @@ void ServiceButton::paintEvent(QPaintEvent *)
     painter.setPen(tint());
     painter.drawText(QRectF(titleOrigin(size(), textSize), textSize), Qt::TextDontClip | Qt::TextSingleLine,
                      title);
+
+    if (hasFocus())
+        drawFocusRing(painter);
+}
+
+// Two pixels wide along the edge, over the outermost pixel of the fill and clear of the title.
+void ServiceButton::drawFocusRing(QPainter &painter) const
+{
+    QPen pen(palette().color(QPalette::Highlight), 2);
+    painter.setPen(pen);
+    painter.setBrush(Qt::NoBrush);
+    painter.drawRoundedRect(QRectF(rect()).adjusted(1, 1, -1, -1), 7, 7);
 }

@@ -4,9 +4,12 @@
 #include <QPushButton>
 #include <QString>
 
+class QPainter;
+
 // The service row's push button, drawn as a tinted rounded rectangle with its title
 // centred: green while the service is active, red otherwise. It looks the same whether
-// enabled or not; a disabled one only ignores clicks.
+// enabled or not; a disabled one only ignores clicks. With keyboard focus it adds a ring in
+// the palette's highlight colour just inside its edge.
 class ServiceButton : public QPushButton
 {
     Q_OBJECT
@@ -33,6 +36,7 @@ protected:
 
 private:
     void describe();
+    void drawFocusRing(QPainter &painter) const;
 
     bool m_active = false;
     QString m_purpose;

@@ -354,6 +354,8 @@ private Q_SLOTS:
     void activeButtonTurnsGreenAtTheNextRedraw();
     void disabledButtonKeepsItsColours();
     void wideTitleIsNeitherCutNorScaledButCentred();
+    void focusedButtonShowsARing();
+    void tabReachesTheEnabledButton();
 
     // Dialogs.
     void alertIsOneLabelHighWithOkCentred();
@@ -1428,6 +1430,69 @@ void AppShellTest::wideTitleIsNeitherCutNorScaledButCentred()
     }
     QVERIFY(inkAtLeft);
     QVERIFY(inkAtRight);
+}
+
+void AppShellTest::focusedButtonShowsARing()
+{
+    TestWorld world;
+    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s)}));
+    RunningApp app(world);
+    QVERIFY(windowReady(app));
+    ServiceButton *button = app.serviceButton();
+    QVERIFY(button->isEnabled());
+    const QColor ring = button->palette().color(QPalette::Highlight);
+    const QColor background(Qt::white);
+
+    app.removeButton()->setFocus(Qt::TabFocusReason);
+    QTRY_VERIFY(app.removeButton()->hasFocus());
+    const QImage plain = rendered(button, background);
+    button->setFocus(Qt::TabFocusReason);
+    QTRY_VERIFY(button->hasFocus());
+    const QImage focused = rendered(button, background);
+
+    // Along the straight parts of every edge, the two outer pixels are the highlight colour;
+    // without focus they are the background and the fill.
+    const QList<QPoint> edge = {QPoint(50, 0), QPoint(50, 1), QPoint(50, 28), QPoint(50, 29), QPoint(20, 0),
+                                QPoint(80, 29), QPoint(0, 15), QPoint(1, 15), QPoint(98, 15), QPoint(99, 15)};
+    for (const QPoint &at : edge) {
+        QVERIFY2(near(focused.pixelColor(at), ring, 24),
+                 qPrintable(u"(%1,%2) %3"_s.arg(at.x()).arg(at.y()).arg(focused.pixelColor(at).name())));
+        QVERIFY(!near(plain.pixelColor(at), ring, 24));
+    }
+    QCOMPARE(plain.pixelColor(50, 0), background);
+    // Inside the ring nothing changes: the fill and the title are drawn as before. (At the
+    // rounded corners, radius 7, the ring bends inwards.)
+    for (int y = 3; y < 27; ++y)
+        for (int x = 3; x < 97; ++x)
+            if ((x >= 8 && x < 92) || (y >= 8 && y < 22))
+                QVERIFY2(focused.pixelColor(x, y) == plain.pixelColor(x, y), qPrintable(u"(%1,%2)"_s.arg(x).arg(y)));
+
+    // Focus leaves, and so does the ring.
+    app.removeButton()->setFocus(Qt::TabFocusReason);
+    QTRY_VERIFY(!button->hasFocus());
+    QCOMPARE(rendered(button, background), plain);
+}
+
+void AppShellTest::tabReachesTheEnabledButton()
+{
+    TestWorld world;
+    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s)}));
+    RunningApp app(world);
+    QVERIFY(windowReady(app));
+    ServiceButton *button = app.serviceButton();
+    QVERIFY(button->isEnabled());
+
+    app.removeButton()->setFocus(Qt::TabFocusReason);
+    QTRY_VERIFY(app.removeButton()->hasFocus());
+    QTest::keyClick(app.removeButton(), Qt::Key_Tab);
+    QVERIFY(button->hasFocus());
+    QTest::keyClick(button, Qt::Key_Backtab);
+    QVERIFY(app.removeButton()->hasFocus());
+
+    // A disabled button is passed over.
+    button->setEnabled(false);
+    QTest::keyClick(app.removeButton(), Qt::Key_Tab);
+    QCOMPARE(QApplication::focusWidget(), app.button(u"Uninstall"_s));
 }
 
 // ---------------------------------------------------------------------------------------------
