@@ -29,5 +29,8 @@ QJsonObject radioFromProbeOutput(const ProcessResult &result)
 
 QJsonObject probeRadio(const QString &serviceExecutable, const QString &address)
 {
-    return radioFromProbeOutput(runProcess(serviceExecutable, {QStringLiteral("--discover"), address}));
+    // A probe of an address where nothing answers may run on after the app is gone; its answer
+    // would go unread, so it ends with the app.
+    return radioFromProbeOutput(
+        runProcess(serviceExecutable, {QStringLiteral("--discover"), address}, ChildLifetime::EndsWithApp));
 }

@@ -11,5 +11,6 @@
 QJsonObject radioFromProbeOutput(const ProcessResult &result);
 
 // Runs the service executable in its one-shot discovery mode and reads its answer.
-// Blocks until the executable ends; throws Error on any failure.
+// Blocks until the executable ends; throws Error on any failure. The executable is ended when
+// the app ends, by a quit or a crash.
 QJsonObject probeRadio(const QString &serviceExecutable, const QString &address);

@@ -4,9 +4,31 @@
 
 #include <QProcess>
 
-ProcessResult runProcess(const QString &program, const QStringList &arguments)
+#include <csignal>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+namespace {
+// The kernel sends the child SIGTERM when its parent goes, however it goes. Strictly it is the
+// forking thread whose end sends it; that thread blocks in runProcess until the child ends, so
+// it ends no sooner than the app does. Runs in the child between fork and exec.
+void endWithThisProcess(QProcess &process)
+{
+    const pid_t parent = ::getpid();
+    process.setChildProcessModifier([parent] {
+        ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+        // The parent may have gone before the request was made; then nothing would come.
+        if (::getppid() != parent)
+            ::kill(::getpid(), SIGTERM);
+    });
+}
+} // namespace
+
+ProcessResult runProcess(const QString &program, const QStringList &arguments, ChildLifetime lifetime)
 {
     QProcess process;
+    if (lifetime == ChildLifetime::EndsWithApp)
+        endWithThisProcess(process);
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.setStandardInputFile(QProcess::nullDevice());
     process.start(program, arguments, QIODevice::ReadOnly);

@@ -181,6 +181,11 @@ QList<QStringList> TestWorld::calls() const
     return recordedCalls(fakeControl() + QStringLiteral("/calls"));
 }
 
+QString TestWorld::callPidFile(int call) const
+{
+    return fakeControl() + QStringLiteral("/pids/") + QStringLiteral("%1").arg(call, 4, 10, QLatin1Char('0'));
+}
+
 void TestWorld::answerUnit(const QString &unit, const QByteArray &answer, int status) const
 {
     const QString base = binFolder() + QStringLiteral("/systemctl.d/units/") + unit;

@@ -58,6 +58,8 @@ public:
 
     // Each call of the stand-in, as its argument list, in order.
     QList<QStringList> calls() const;
+    // The stand-in's file for a call's process id (0 for the first call), there once it runs.
+    QString callPidFile(int call) const;
     QStringList discoveredAddresses() const;
     QList<QByteArray> importedFiles() const;
     // Drafts left behind in any folder the writer may use.

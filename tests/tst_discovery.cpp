@@ -10,6 +10,7 @@
 #include <QClipboard>
 #include <QJsonArray>
 #include <QLineEdit>
+#include <QProcess>
 #include <QPushButton>
 #include <QtTest>
 
@@ -33,6 +34,17 @@ Error failureOf(const ProcessResult &result)
     return Error(QStringLiteral("no error was thrown"), -1);
 }
 
+// Whether a process runs; a zombie that nobody has reaped yet has ended as well.
+bool processRuns(qint64 pid)
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return false;
+    const QByteArray line = stat.read(4096);
+    const qsizetype nameEnd = line.lastIndexOf(')'); // the state follows the name in brackets
+    return nameEnd >= 0 && line.size() > nameEnd + 2 && line.at(nameEnd + 2) != 'Z';
+}
+
 void verifyOutputError(const Error &error, const QString &output)
 {
     QCOMPARE(error.domain(), output);
@@ -47,6 +59,39 @@ class DiscoveryTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    // The probe's child must not outlive the app, whether the user quits or the app crashes,
+    // even while the radio never answers.
+    void probeEndsWhenTheAppLeavesDuringIt_data()
+    {
+        QTest::addColumn<QString>("how");
+        QTest::newRow("quit") << QStringLiteral("quit");
+        QTest::newRow("crash") << QStringLiteral("crash");
+    }
+
+    void probeEndsWhenTheAppLeavesDuringIt()
+    {
+        QFETCH(QString, how);
+        TestWorld world;
+        const QString address = QStringLiteral("192.0.2.1");
+        world.answerDiscover(address, QByteArray(), 0, true); // held: the radio never answers
+
+        QProcess app;
+        app.setProcessChannelMode(QProcess::ForwardedChannels);
+        app.start(QStringLiteral(VELDSPAR_QUIT_DURING_PROBE), {world.bundle(), address, world.callPidFile(0), how});
+        QVERIFY(app.waitForFinished(20000));
+        if (how == QStringLiteral("quit")) {
+            QCOMPARE(app.exitStatus(), QProcess::NormalExit);
+            QCOMPARE(app.exitCode(), 0);
+        } else {
+            QCOMPARE(app.exitStatus(), QProcess::CrashExit);
+        }
+        QCOMPARE(world.discoveredAddresses(), QStringList{address});
+
+        const qint64 probe = readTestFile(world.callPidFile(0)).trimmed().toLongLong();
+        QVERIFY(probe > 0);
+        QTRY_VERIFY_WITH_TIMEOUT(!processRuns(probe), 10000);
+    }
+
     // A radio the configuration could not hold afterwards is not added: the saved file would be
     // refused by the service, or lose the key.
     void answerWithAnUnpairedSurrogateIsRefused()
