@@ -42,6 +42,8 @@ public:
     // Start-up and process (app/StartUp.cpp).
     void applicationDidFinishLaunching();
     bool applicationShouldTerminateAfterLastWindowClosed() const { return true; }
+    // Shows the window on top, restored when minimised: at start-up and when a second start asks.
+    void bringWindowForward();
 
     // Configuration document (config/Document.cpp).
     void reload();

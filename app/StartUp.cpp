@@ -40,10 +40,18 @@ void AppDelegate::applicationDidFinishLaunching()
         frame.moveCenter(screen->availableGeometry().center());
         window->move(frame.topLeft());
     }
-    window->show();
-    window->raise();
-    window->activateWindow();
+    bringWindowForward();
 
     // Asked only once the window is on screen, from the next turn of the event loop.
     QTimer::singleShot(0, this, &AppDelegate::offerServiceRefresh);
+}
+
+void AppDelegate::bringWindowForward()
+{
+    if (!window)
+        return;
+    window->setWindowState(window->windowState() & ~Qt::WindowMinimized);
+    window->show();
+    window->raise();
+    window->activateWindow();
 }

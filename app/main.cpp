@@ -1,4 +1,5 @@
 #include "app/AppDelegate.h"
+#include "platform/SingleInstance.h"
 
 #include <QApplication>
 
@@ -8,8 +9,14 @@ int main(int argc, char *argv[])
     QGuiApplication::setApplicationDisplayName(QStringLiteral("Veldspar"));
     QGuiApplication::setDesktopFileName(QStringLiteral("org.kestrum.Veldspar.configure"));
 
+    // A second start brings the running copy's window forward instead of opening its own.
+    SingleInstance instance;
+    if (instance.claim() != SingleInstance::Claim::Primary)
+        return 0;
+
     // One controller for the whole life of the process.
     AppDelegate delegate;
+    QObject::connect(&instance, &SingleInstance::activationRequested, &delegate, &AppDelegate::bringWindowForward);
     delegate.applicationDidFinishLaunching();
     QApplication::exec();
     return 0;

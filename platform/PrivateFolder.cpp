@@ -20,9 +20,14 @@ Error posixError(int code, const QString &path)
                  {{Error::descriptionKey, path + QStringLiteral(": ") + QString::fromLocal8Bit(std::strerror(code))}});
 }
 
-// The session's runtime folder is only trusted as the login manager makes it: an absolute
-// path to a real folder of this user that nobody else may enter.
-bool isUsableRuntimeFolder(const QString &path)
+void makeFolderIfMissing(const QString &path)
+{
+    if (::mkdir(QFile::encodeName(path).constData(), ownerOnly) != 0 && errno != EEXIST)
+        throw posixError(errno, path);
+}
+} // namespace
+
+bool isPrivateRuntimeFolder(const QString &path)
 {
     if (path.isEmpty() || !QDir::isAbsolutePath(path))
         return false;
@@ -31,13 +36,6 @@ bool isUsableRuntimeFolder(const QString &path)
         return false;
     return S_ISDIR(info.st_mode) && info.st_uid == ::geteuid() && (info.st_mode & (S_IRWXG | S_IRWXO)) == 0;
 }
-
-void makeFolderIfMissing(const QString &path)
-{
-    if (::mkdir(QFile::encodeName(path).constData(), ownerOnly) != 0 && errno != EEXIST)
-        throw posixError(errno, path);
-}
-} // namespace
 
 void makePrivateFolder(const QString &path)
 {
@@ -64,7 +62,7 @@ void makePrivateFolder(const QString &path)
 QString privateFolder()
 {
     const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
-    if (isUsableRuntimeFolder(runtime)) {
+    if (isPrivateRuntimeFolder(runtime)) {
         const QString folder = QDir::cleanPath(runtime) + QStringLiteral("/Veldspar");
         try {
             makePrivateFolder(folder);

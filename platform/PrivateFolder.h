@@ -8,6 +8,10 @@
 // neither can be had.
 QString privateFolder();
 
+// Whether the session's runtime folder can be trusted as the login manager makes it: an
+// absolute path to a real folder of this user that nobody else may enter.
+bool isPrivateRuntimeFolder(const QString &path);
+
 // Makes path (and its missing parents) with mode 0700, or accepts the folder already there when
 // it is a real folder of this user, narrowing it to 0700. Throws Error otherwise: a link, a
 // file or another account's folder is never used.

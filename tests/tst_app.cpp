@@ -28,7 +28,9 @@
 #include <QMenu>
 #include <QMenuBar>
 #include <QPointer>
+#include <QProcess>
 #include <QPushButton>
+#include <QScopeGuard>
 #include <QSignalSpy>
 #include <QTextBlock>
 #include <QTextDocument>
@@ -325,6 +327,8 @@ private Q_SLOTS:
     // Controller and gate.
     void whileSavingOnlyReloadAndShowFilesAct();
     void closingTheWindowQuits();
+    void secondStartBringsTheFirstForwardAndLeaves();
+    void bringingForwardRestoresAMinimisedWindow();
 
     // Window and menus.
     void shrinkingStopsAtTheMinimumContentSize();
@@ -678,6 +682,48 @@ void AppShellTest::closingTheWindowQuits()
     QCOMPARE(lastClosed.size(), 1);
     QCOMPARE(quitting.size(), 1);
     QVERIFY(!app.window()->isVisible());
+}
+
+void AppShellTest::secondStartBringsTheFirstForwardAndLeaves()
+{
+    TestWorld world; // both copies inherit its private HOME, TMPDIR and XDG_RUNTIME_DIR
+    const QString program = QStringLiteral(VELDSPAR_APP_EXECUTABLE);
+    QProcess first;
+    first.start(program, QStringList());
+    const auto endFirst = qScopeGuard([&first] {
+        first.kill();
+        first.waitForFinished(10000);
+    });
+    QVERIFY(first.waitForStarted(10000));
+    // The first copy is up once later starts can reach it.
+    const QString socket = world.runtimeDir() + u"/org.kestrum.Veldspar.configure.socket"_s;
+    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(socket) || first.state() != QProcess::Running, 30000);
+    QCOMPARE(first.state(), QProcess::Running);
+
+    QProcess second;
+    second.start(program, QStringList());
+    QVERIFY2(second.waitForFinished(30000), "the second start is still running");
+    QCOMPARE(second.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(second.exitCode(), 0);
+
+    QByteArray firstLog;
+    QTRY_VERIFY_WITH_TIMEOUT(
+        (firstLog += first.readAllStandardError()).contains("Another start of Veldspar asked this copy to come forward."),
+        10000);
+    QCOMPARE(first.state(), QProcess::Running);
+}
+
+void AppShellTest::bringingForwardRestoresAMinimisedWindow()
+{
+    TestWorld world;
+    RunningApp app(world);
+    QVERIFY(windowReady(app));
+    app.window()->showMinimized();
+    QTRY_VERIFY(app.window()->isMinimized());
+
+    app.app().bringWindowForward();
+    QVERIFY(!app.window()->isMinimized());
+    QVERIFY(app.window()->isVisible());
 }
 
 // ---------------------------------------------------------------------------------------------

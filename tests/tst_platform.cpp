@@ -8,14 +8,56 @@
 #include "platform/Paths.h"
 #include "platform/PrivateFolder.h"
 #include "platform/Process.h"
+#include "platform/SingleInstance.h"
 
 #include <QDir>
 #include <QFile>
+#include <QElapsedTimer>
+#include <QEventLoop>
 #include <QJsonArray>
+#include <QLocalSocket>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QThread>
 #include <QtTest>
+
+#include <atomic>
+#include <cstring>
+#include <future>
+#include <latch>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+using Claim = SingleInstance::Claim;
+
+// What a copy killed while it listened leaves behind: a socket file nobody accepts on.
+void leaveStaleSocket(const QString &path)
+{
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    QVERIFY(fd >= 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    const QByteArray name = QFile::encodeName(path);
+    QVERIFY(size_t(name.size()) < sizeof(address.sun_path));
+    std::memcpy(address.sun_path, name.constData(), size_t(name.size()));
+    QCOMPARE(::bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)), 0);
+    ::close(fd);
+    QVERIFY(QFileInfo::exists(path));
+}
+
+// A later start's claim, made on another thread while this one's event loop serves the first.
+Claim claimFromAnotherThread(const QString &name)
+{
+    auto claim = std::async(std::launch::async, [name] { return SingleInstance(name).claim(10000); });
+    QElapsedTimer waited;
+    waited.start();
+    while (claim.wait_for(std::chrono::milliseconds(0)) != std::future_status::ready && waited.elapsed() < 20000)
+        QTest::qWait(10);
+    return claim.get(); // the claim ends on its own within its ten seconds
+}
+} // namespace
 
 class PlatformTest : public QObject
 {
@@ -244,6 +286,105 @@ private Q_SLOTS:
         QVERIFY(shell.waitForFinished(30000));
         QCOMPARE(shell.exitCode(), 0);
         QCOMPARE(QFile::decodeName(shell.readAllStandardOutput()), root + u'/' + expected);
+    }
+
+    void firstStartListensAndASecondAsksItToComeForward()
+    {
+        QTemporaryDir dir;
+        const QString name = dir.filePath(QStringLiteral("instance.socket"));
+        SingleInstance first(name);
+        QSignalSpy asked(&first, &SingleInstance::activationRequested);
+        QCOMPARE(first.claim(), Claim::Primary);
+        QVERIFY(QFileInfo::exists(name));
+        QCOMPARE(asked.count(), 0);
+
+        QCOMPARE(claimFromAnotherThread(name), Claim::RaisedRunningCopy);
+        QCOMPARE(asked.count(), 1);
+        QCOMPARE(claimFromAnotherThread(name), Claim::RaisedRunningCopy);
+        QCOMPARE(asked.count(), 2);
+    }
+
+    void socketLeftByACrashedCopyIsTakenOver()
+    {
+        QTemporaryDir dir;
+        const QString name = dir.filePath(QStringLiteral("instance.socket"));
+        leaveStaleSocket(name);
+        SingleInstance first(name);
+        QSignalSpy asked(&first, &SingleInstance::activationRequested);
+        QCOMPARE(first.claim(), Claim::Primary);
+        QCOMPARE(claimFromAnotherThread(name), Claim::RaisedRunningCopy);
+        QCOMPARE(asked.count(), 1);
+    }
+
+    void startsAtOnceYieldOnePrimary()
+    {
+        // Several rounds of four starts, each round from a stale socket that every start finds
+        // and wants to take over.
+        constexpr int starts = 4;
+        for (int round = 0; round < 10; ++round) {
+            QTemporaryDir dir;
+            const QString name = dir.filePath(QStringLiteral("instance.socket"));
+            leaveStaleSocket(name);
+            std::latch start(starts);
+            std::atomic<int> claimed = 0;
+            const auto claimAtOnce = [&] {
+                SingleInstance instance(name);
+                start.arrive_and_wait();
+                const Claim result = instance.claim(10000);
+                ++claimed;
+                // Whichever won serves the others until all have their answer.
+                QEventLoop loop;
+                while (claimed < starts) {
+                    loop.processEvents(QEventLoop::AllEvents);
+                    QThread::msleep(1);
+                }
+                return result;
+            };
+            // QThreads, for the winner's socket needs an event dispatcher of its thread.
+            QList<Claim> results(starts, Claim::RunningCopyBusy);
+            std::vector<std::unique_ptr<QThread>> threads;
+            for (int i = 0; i < starts; ++i)
+                threads.emplace_back(QThread::create([&results, &claimAtOnce, i] { results[i] = claimAtOnce(); }));
+            for (const auto &thread : threads)
+                thread->start();
+            for (const auto &thread : threads)
+                QVERIFY(thread->wait(QDeadlineTimer(30000)));
+            QCOMPARE(results.count(Claim::Primary), 1);
+            QCOMPARE(results.count(Claim::RaisedRunningCopy), starts - 1);
+        }
+    }
+
+    void anythingButTheRequestIsNotObeyed()
+    {
+        QTemporaryDir dir;
+        const QString name = dir.filePath(QStringLiteral("instance.socket"));
+        SingleInstance first(name);
+        QSignalSpy asked(&first, &SingleInstance::activationRequested);
+        QCOMPARE(first.claim(), Claim::Primary);
+
+        // A long line without an end is cut off, not collected.
+        QLocalSocket stranger;
+        stranger.connectToServer(name);
+        QVERIFY(stranger.waitForConnected(5000));
+        stranger.write(QByteArray(1 << 20, 'x'));
+        QTRY_COMPARE_WITH_TIMEOUT(stranger.state(), QLocalSocket::UnconnectedState, 10000);
+        QCOMPARE(asked.count(), 0);
+
+        // The copy still answers the next start.
+        QCOMPARE(claimFromAnotherThread(name), Claim::RaisedRunningCopy);
+        QCOMPARE(asked.count(), 1);
+    }
+
+    void serverNameBelongsToThisUserAndSession()
+    {
+        TestWorld world;
+        QCOMPARE(SingleInstance::defaultServerName(), world.runtimeDir() + QStringLiteral("/org.kestrum.Veldspar.configure.socket"));
+        // A runtime folder others may enter is not trusted; the user id keeps the name apart.
+        QVERIFY(QFile::setPermissions(world.runtimeDir(), QFile::permissions(world.runtimeDir()) | QFile::ExeOther));
+        const QString byUser = world.tempDir() + QStringLiteral("/org.kestrum.Veldspar.configure-%1.socket").arg(::geteuid());
+        QCOMPARE(SingleInstance::defaultServerName(), byUser);
+        qunsetenv("XDG_RUNTIME_DIR");
+        QCOMPARE(SingleInstance::defaultServerName(), byUser);
     }
 
     void supportFolderFollowsHome()

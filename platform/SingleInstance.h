@@ -1,0 +1,46 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+
+class QDeadlineTimer;
+class QLocalServer;
+class QLocalSocket;
+
+// One copy of the app per user and session. The first copy listens on a local socket; a later
+// start connects to it, asks it to come forward and leaves. Every wait is bounded.
+class SingleInstance : public QObject
+{
+    Q_OBJECT
+
+public:
+    enum class Claim {
+        Primary,           // this is the one copy (or the socket cannot be had: run anyway)
+        RaisedRunningCopy, // another copy runs and confirmed the request
+        RunningCopyBusy,   // another copy listens but did not answer in time; the request waits for it
+    };
+
+    explicit SingleInstance(QString serverName = defaultServerName(), QObject *parent = nullptr);
+    ~SingleInstance() override;
+
+    // Becomes the one copy or asks the copy already running to come forward, within timeoutMs.
+    // A socket left by a copy that crashed is taken over; two starts at once yield one Primary.
+    Claim claim(int timeoutMs = 5000);
+
+    // The socket's path: in $XDG_RUNTIME_DIR when that folder is private to this user, else a
+    // name carrying the user id in the temporary folder.
+    static QString defaultServerName();
+
+Q_SIGNALS:
+    // Another start asked this copy to show its window.
+    void activationRequested();
+
+private:
+    Claim askRunningCopy(const QDeadlineTimer &deadline) const;
+    void listen();
+    void acceptRequests();
+    void readRequest(QLocalSocket *socket);
+
+    QString m_name;
+    QLocalServer *m_server = nullptr;
+};
