@@ -57,6 +57,19 @@ QJsonObject fullRadio(const QString &address, const QString &serial, const QStri
     return entry;
 }
 
+// Alpha and Bravo; Bravo's firmware is not known yet, so a save asks it who it is, and that
+// answer is held until the world releases it.
+void holdBravosProbe(const TestWorld &world)
+{
+    QJsonObject bravo = fullRadio(u"10.0.0.2"_s, u"2234-5678-9012-3456"_s, u"Bravo"_s);
+    bravo.remove(u"version"_s);
+    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s), bravo}));
+    QJsonObject answer = fullRadio(u"10.0.0.2"_s, u"2234-5678-9012-3456"_s, u"Bravo"_s);
+    answer.remove(u"enabled"_s);
+    answer.remove(u"ipAddress"_s);
+    world.answerDiscover(u"10.0.0.2"_s, QJsonDocument(answer).toJson(QJsonDocument::Compact) + '\n', 0, true);
+}
+
 // Waits until the app's window is on screen and has keyboard focus, as after a real launch.
 bool windowReady(const RunningApp &app)
 {
@@ -589,14 +602,7 @@ void AppShellTest::tenThousandRadiosCreateNoRowWidgets()
 void AppShellTest::whileSavingOnlyReloadAndShowFilesAct()
 {
     TestWorld world;
-    // Bravo's firmware is not known yet, so a save asks it who it is; that answer is held.
-    QJsonObject bravo = fullRadio(u"10.0.0.2"_s, u"2234-5678-9012-3456"_s, u"Bravo"_s);
-    bravo.remove(u"version"_s);
-    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s), bravo}));
-    QJsonObject answer = fullRadio(u"10.0.0.2"_s, u"2234-5678-9012-3456"_s, u"Bravo"_s);
-    answer.remove(u"enabled"_s);
-    answer.remove(u"ipAddress"_s);
-    world.answerDiscover(u"10.0.0.2"_s, QJsonDocument(answer).toJson(QJsonDocument::Compact) + '\n', 0, true);
+    holdBravosProbe(world);
 
     DialogAnswerer answerer;
     OpenedUrls opened;
@@ -1089,14 +1095,7 @@ void AppShellTest::showingAnotherStateInTheIncludeBoxDoesNotSave()
 void AppShellTest::whileBusyTheIncludeBoxReturnsToTheEntry()
 {
     TestWorld world;
-    // Bravo's firmware is not known yet, so a save asks it who it is; that answer is held.
-    QJsonObject bravo = fullRadio(u"10.0.0.2"_s, u"2234-5678-9012-3456"_s, u"Bravo"_s);
-    bravo.remove(u"version"_s);
-    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s), bravo}));
-    QJsonObject answer = fullRadio(u"10.0.0.2"_s, u"2234-5678-9012-3456"_s, u"Bravo"_s);
-    answer.remove(u"enabled"_s);
-    answer.remove(u"ipAddress"_s);
-    world.answerDiscover(u"10.0.0.2"_s, QJsonDocument(answer).toJson(QJsonDocument::Compact) + '\n', 0, true);
+    holdBravosProbe(world);
     DialogAnswerer answerer;
     RunningApp app(world);
     const ReleaseOnExit releaseOnExit{world};
