@@ -60,10 +60,15 @@ void reportShortage()
 } // namespace
 
 RadioWatch::RadioWatch(const ConfiguredRadio &radio, int broadcastIntervalMs, int keepAliveMs, BeaconSender &sender,
-                       QObject *parent)
+                       std::function<void()> changed, QObject *parent)
     : QObject(parent), m_radio(radio), m_endpoint(parseEndpoint(radio.ipAddress).value_or(Endpoint{radio.ipAddress})),
-      m_sender(sender), m_keepAliveMs(keepAliveMs), m_retryMs(firstRetryMs), m_name(radio.name)
+      m_sender(sender), m_keepAliveMs(keepAliveMs), m_retryMs(firstRetryMs), m_name(radio.name),
+      m_changed(std::move(changed))
 {
+    m_live.serialNumber = radio.serialNumber;
+    m_live.ipAddress = radio.ipAddress;
+    m_live.name = m_name;
+    m_live.since = QDateTime::currentDateTimeUtc();
     m_retryTimer.setSingleShot(true);
     connect(&m_retryTimer, &QTimer::timeout, this, &RadioWatch::connectToRadio);
     // Listeners time radios out after a few seconds; keep the beat steady.
@@ -83,6 +88,21 @@ RadioWatch::~RadioWatch()
 QString RadioWatch::label() const
 {
     return m_name.isEmpty() ? u"The radio at %1"_s.arg(m_radio.ipAddress) : u"Radio %1 at %2"_s.arg(m_name, m_radio.ipAddress);
+}
+
+void RadioWatch::enterPhase(RadioLiveState::Phase phase, const QString &reason)
+{
+    if (phase != m_live.phase)
+        m_live.since = QDateTime::currentDateTimeUtc();
+    m_live.phase = phase;
+    m_live.reason = reason;
+    m_live.name = m_name;
+    if (phase != RadioLiveState::Phase::Announced) {
+        m_live.status.clear();
+        m_live.licensedClients = 0;
+        m_live.guiClients.clear();
+    }
+    m_changed();
 }
 
 void RadioWatch::setBroadcastInterval(int milliseconds)
@@ -114,6 +134,8 @@ void RadioWatch::starved()
 {
     dropLink();
     reportShortage();
+    if (m_live.phase != RadioLiveState::Phase::NotAnswering || m_live.reason != u"no connection is free in the service"_s)
+        enterPhase(RadioLiveState::Phase::NotAnswering, u"no connection is free in the service"_s);
     m_retryTimer.start(m_retryMs);
     m_retryMs = std::min(m_retryMs * 2, longestRetryMs);
 }
@@ -133,6 +155,7 @@ void RadioWatch::ready()
     m_lastProblem.clear();
     m_announced = true;
     logLine(u"%1 answers; announcing it every %2 ms."_s.arg(label(), QString::number(m_beaconTimer.interval())));
+    enterPhase(RadioLiveState::Phase::Announced);
     sendBeacon();
     m_beaconTimer.start();
 }
@@ -148,6 +171,7 @@ void RadioWatch::lost(const QString &why)
         logLine(u"%1 does not answer (%2); it is not announced until it does."_s.arg(label(), why));
     }
     m_lastProblem = why;
+    enterPhase(RadioLiveState::Phase::NotAnswering, why);
     if (m_readySince.isValid() && m_readySince.elapsed() >= stableMs)
         m_retryMs = firstRetryMs;
     m_readySince.invalidate();
@@ -161,4 +185,30 @@ void RadioWatch::sendBeacon()
         return;
     const QList<BeaconField> fields = beaconFields(m_link->state(), m_radio, m_link->peer(), m_endpoint.port);
     m_sender.send(beaconPacket(beaconPayload(fields), m_packetCount++, quint32(QDateTime::currentSecsSinceEpoch())));
+    m_live.lastBeacon = QDateTime::currentDateTimeUtc();
+    noteClients(fields);
+}
+
+// The beacon is what listeners see: the state file says the same of the radio's clients.
+void RadioWatch::noteClients(const QList<BeaconField> &fields)
+{
+    const auto value = [&fields](const QString &key) {
+        for (const BeaconField &field : fields)
+            if (field.first == key)
+                return field.second;
+        return QString();
+    };
+    QList<LiveClient> clients;
+    for (const GuiClient &client : m_link->state().guiClients)
+        clients.append({client.program, client.station});
+    const QString status = value(u"status"_s);
+    const int licensed = value(u"licensed_clients"_s).toInt();
+    if (status == m_live.status && licensed == m_live.licensedClients && clients == m_live.guiClients
+        && m_name == m_live.name)
+        return;
+    m_live.status = status;
+    m_live.licensedClients = licensed;
+    m_live.guiClients = clients;
+    m_live.name = m_name;
+    m_changed();
 }

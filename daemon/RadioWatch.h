@@ -1,11 +1,15 @@
 #pragma once
 
+#include "daemon/Beacon.h"
 #include "daemon/Configuration.h"
 #include "daemon/Endpoint.h"
+#include "daemon/LiveState.h"
 
 #include <QElapsedTimer>
 #include <QObject>
 #include <QTimer>
+
+#include <functional>
 
 class BeaconSender;
 class RadioLink;
@@ -25,8 +29,10 @@ inline constexpr int defaultKeepAliveMs = 2000;
 class RadioWatch : public QObject
 {
 public:
+    // changed: called whenever what liveState() says, apart from the time of the last beacon,
+    // may have changed.
     RadioWatch(const ConfiguredRadio &radio, int broadcastIntervalMs, int keepAliveMs, BeaconSender &sender,
-               QObject *parent = nullptr);
+               std::function<void()> changed, QObject *parent = nullptr);
     ~RadioWatch() override;
 
     // Identity fields of the same radio changed in the configuration.
@@ -34,6 +40,7 @@ public:
     void setBroadcastInterval(int milliseconds);
     bool announced() const { return m_announced; }
     QString label() const;
+    RadioLiveState liveState() const { return m_live; }
 
 private:
     void connectToRadio();
@@ -42,6 +49,8 @@ private:
     void starved(); // no file descriptor for a connection: wait for one, without a line per radio
     void dropLink();
     void sendBeacon();
+    void noteClients(const QList<BeaconField> &fields);
+    void enterPhase(RadioLiveState::Phase phase, const QString &reason = QString());
 
     ConfiguredRadio m_radio;
     Endpoint m_endpoint;
@@ -56,4 +65,6 @@ private:
     QString m_lastProblem; // the latest reason logged, so a radio that stays away is logged once
     QString m_name;        // as the radio last named itself
     unsigned m_packetCount = 0;
+    std::function<void()> m_changed;
+    RadioLiveState m_live;
 };

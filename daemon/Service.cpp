@@ -20,7 +20,8 @@ QString keyOf(const ConfiguredRadio &radio) { return radio.ipAddress + u'\n' + r
 
 Service::Service(const ServiceSettings &settings, QObject *parent)
     : QObject(parent), m_settings(settings), m_sender(settings.destinations),
-      m_watcher(settings.configPath, [this] { reload(); })
+      m_watcher(settings.configPath, [this] { reload(); }),
+      m_stateFile(stateFilePath(settings.configPath), [this] { return liveStates(); })
 {
     // Interfaces come and go (a laptop joins another network); look again now and then.
     m_refreshDestinations.setInterval(destinationsRefreshMs);
@@ -30,6 +31,15 @@ Service::Service(const ServiceSettings &settings, QObject *parent)
 }
 
 Service::~Service() { qDeleteAll(m_watches); }
+
+QList<RadioLiveState> Service::liveStates() const
+{
+    QList<RadioLiveState> states;
+    for (const QString &key : m_order)
+        if (const RadioWatch *watch = m_watches.value(key))
+            states << watch->liveState();
+    return states;
+}
 
 void Service::note(const QString &line)
 {
@@ -107,9 +117,12 @@ void Service::apply(const Configuration &configuration)
             watch->setBroadcastInterval(configuration.broadcastIntervalMs);
         } else {
             m_watches.insert(keyOf(radio), new RadioWatch(radio, configuration.broadcastIntervalMs,
-                                                          m_settings.keepAliveMs, m_sender));
+                                                          m_settings.keepAliveMs, m_sender,
+                                                          [this] { m_stateFile.changed(); }));
         }
     }
+    m_order = keys;
+    m_stateFile.changed();
 }
 
 namespace {

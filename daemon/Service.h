@@ -4,6 +4,7 @@
 #include "daemon/ConfigWatcher.h"
 #include "daemon/Configuration.h"
 #include "daemon/RadioWatch.h"
+#include "daemon/StateFile.h"
 
 #include <QByteArray>
 #include <QList>
@@ -34,12 +35,15 @@ private:
     void reload();
     void apply(const Configuration &configuration);
     void note(const QString &line);
+    QList<RadioLiveState> liveStates() const;
 
     ServiceSettings m_settings;
     BeaconSender m_sender;
     ConfigWatcher m_watcher;
     QTimer m_refreshDestinations;
     QMap<QString, RadioWatch *> m_watches; // by address and serial
+    QStringList m_order;                   // their keys in the configuration's order
+    StateFile m_stateFile;
     std::optional<QByteArray> m_seen;      // the bytes last read, good or not
     bool m_loaded = false;
     QString m_lastNote;
