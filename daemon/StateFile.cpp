@@ -95,6 +95,8 @@ StateFile::StateFile(const QString &path, std::function<QList<RadioLiveState>()>
     : QObject(parent), m_path(path), m_collect(std::move(collect))
 {
     m_timer.setSingleShot(true);
+    // A coarse timer may fire a little early, and the gap is a promise.
+    m_timer.setTimerType(Qt::PreciseTimer);
     connect(&m_timer, &QTimer::timeout, this, &StateFile::write);
     changed();
 }
@@ -125,12 +127,14 @@ bool StateFile::differsFromWritten(const QList<RadioLiveState> &radios) const
 
 void StateFile::write()
 {
+    if (m_lastWrite.isValid() && m_lastWrite.elapsed() < shortestGapMs)
+        return m_timer.start(int(shortestGapMs - m_lastWrite.elapsed()));
     const QList<RadioLiveState> radios = m_collect();
     if (!differsFromWritten(radios))
         return;
+    m_lastWrite.start();
     const QString problem =
         replaceFile(m_path, liveStateDocument(radios, QCoreApplication::applicationPid(), QDateTime::currentDateTimeUtc()));
-    m_lastWrite.start();
     if (!problem.isEmpty()) {
         // Once per kind of failure: the app shows the radios grey meanwhile, nothing worse.
         if (problem != m_lastProblem)

@@ -30,6 +30,7 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
@@ -257,6 +258,52 @@ private:
     quint16 m_port = 0;
 };
 
+
+// The service's state file as a test reads it: nothing while it is missing or unreadable.
+std::optional<QJsonObject> stateAt(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    const QJsonDocument document = QJsonDocument::fromJson(file.readAll());
+    return document.isObject() ? std::optional<QJsonObject>(document.object()) : std::nullopt;
+}
+
+// The entry of one radio in the state file, by its configured serial.
+QJsonObject liveRadio(const std::optional<QJsonObject> &state, const QString &serial)
+{
+    if (!state)
+        return {};
+    for (const QJsonValue &radio : state->value(u"radios"_s).toArray())
+        if (radio.toObject().value(u"serialNumber"_s).toString() == serial)
+            return radio.toObject();
+    return {};
+}
+
+// XDG_RUNTIME_DIR for the services a test starts, put back when the test ends.
+class RuntimeFolder
+{
+public:
+    explicit RuntimeFolder(const QString &path) : m_old(qgetenv("XDG_RUNTIME_DIR")), m_had(qEnvironmentVariableIsSet("XDG_RUNTIME_DIR"))
+    {
+        if (path.isNull())
+            qunsetenv("XDG_RUNTIME_DIR");
+        else
+            qputenv("XDG_RUNTIME_DIR", QFile::encodeName(path));
+    }
+    ~RuntimeFolder()
+    {
+        if (m_had)
+            qputenv("XDG_RUNTIME_DIR", m_old);
+        else
+            qunsetenv("XDG_RUNTIME_DIR");
+    }
+
+private:
+    QByteArray m_old;
+    bool m_had;
+};
+
 // A port on 127.0.0.1 where nothing listens: taken from the system, then let go.
 quint16 closedPort()
 {
@@ -449,6 +496,12 @@ private Q_SLOTS:
     {
         QVERIFY(QFileInfo(serviceProgram).isExecutable());
         QVERIFY(QFileInfo(simulatorProgram).isExecutable());
+        // The services started here publish their state in a runtime folder of the suite's
+        // own, never in the session's.
+        const QString runtime = path(u"runtime"_s);
+        QVERIFY(QDir().mkpath(runtime));
+        QVERIFY(QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        qputenv("XDG_RUNTIME_DIR", QFile::encodeName(runtime));
         m_silentRadio = std::make_unique<RadioSim>(QStringList{u"--fault"_s, u"silent"_s});
         QVERIFY(m_silentRadio->listening());
         m_silentProbe.start({u"--discover"_s, m_silentRadio->address()});
@@ -1537,6 +1590,152 @@ private Q_SLOTS:
                      u"%1 accepted the connection but did not send the radio's details within 15 seconds."_s.arg(
                          m_silentRadio->address())),
                  qPrintable(run.output));
+    }
+
+    void theStateFileFollowsEachRadio()
+    {
+        std::optional<RadioSim> radio(std::in_place, QStringList{u"--serial"_s, u"ST-1"_s, u"--name"_s, u"Shack"_s});
+        QVERIFY(radio->listening());
+        const quint16 port = radio->port();
+        const QString refusing = u"127.0.0.1:"_s + QString::number(closedPort());
+        const QString runtime = path(u"state-runtime"_s);
+        QVERIFY(QDir().mkpath(runtime));
+        QVERIFY(QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        const RuntimeFolder folder(runtime);
+        const QString config = path(u"state/config.json"_s);
+        writeInPlace(config, configuration({radioEntry(radio->address(), u"ST-1"_s), radioEntry(refusing, u"ST-2"_s),
+                                            radioEntry(u"127.0.0.1:1"_s, u"ST-3"_s, false)},
+                                           500));
+        const QString stateFile = runtime + u"/Veldspar/state.json"_s;
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+
+        // Announced, with its status and clients; the refusing one with the log's reason; the
+        // excluded one not at all.
+        QTRY_COMPARE_WITH_TIMEOUT(liveRadio(stateAt(stateFile), u"ST-1"_s).value(u"state"_s).toString(), u"announced"_s, 5000);
+        QTRY_COMPARE_WITH_TIMEOUT(liveRadio(stateAt(stateFile), u"ST-2"_s).value(u"state"_s).toString(), u"notAnswering"_s, 5000);
+        std::optional<QJsonObject> state = stateAt(stateFile);
+        QCOMPARE(state->value(u"pid"_s).toInteger(), service.process().processId());
+        QCOMPARE(state->value(u"radios"_s).toArray().size(), 2);
+        const QJsonObject announced = liveRadio(state, u"ST-1"_s);
+        QCOMPARE(announced.value(u"ipAddress"_s).toString(), radio->address());
+        QCOMPARE(announced.value(u"name"_s).toString(), u"Shack"_s);
+        QCOMPARE(announced.value(u"status"_s).toString(), u"Available"_s);
+        QCOMPARE(announced.value(u"licensedClients"_s).toInt(), 2);
+        QCOMPARE(announced.value(u"guiClients"_s).toArray().size(), 0);
+        QVERIFY(QDateTime::fromString(announced.value(u"since"_s).toString(), Qt::ISODateWithMs).isValid());
+        QVERIFY(QDateTime::fromString(announced.value(u"lastBeacon"_s).toString(), Qt::ISODateWithMs).isValid());
+        const QJsonObject refused = liveRadio(state, u"ST-2"_s);
+        QCOMPARE(refused.value(u"reason"_s).toString(), u"connection refused"_s);
+        QVERIFY(service.log().contains(u"does not answer (connection refused)"_s));
+        struct stat info{};
+        QCOMPARE(::stat(QFile::encodeName(stateFile).constData(), &info), 0);
+        QCOMPARE(info.st_mode & 07777, mode_t(0600));
+
+        // A client joins: the file says so.
+        radio->tell("join-handle 0x7022E1CF SmartSDR-Win OFFICE-WIN");
+        QVERIFY(radio->printed("gui client 0x7022E1CF joined"));
+        QTRY_COMPARE_WITH_TIMEOUT(liveRadio(stateAt(stateFile), u"ST-1"_s).value(u"guiClients"_s).toArray().size(), 1, 5000);
+        const QJsonObject client = liveRadio(stateAt(stateFile), u"ST-1"_s).value(u"guiClients"_s).toArray().first().toObject();
+        QCOMPARE(client.value(u"program"_s).toString(), u"SmartSDR-Win"_s);
+        QCOMPARE(client.value(u"station"_s).toString(), u"OFFICE-WIN"_s);
+
+        // The radio goes: not answering, since then; it comes back: announced again.
+        const QDateTime beforeLoss = QDateTime::currentDateTimeUtc().addMSecs(-5);
+        radio.reset();
+        QTRY_COMPARE_WITH_TIMEOUT(liveRadio(stateAt(stateFile), u"ST-1"_s).value(u"state"_s).toString(), u"notAnswering"_s, 8000);
+        const QJsonObject lost = liveRadio(stateAt(stateFile), u"ST-1"_s);
+        QVERIFY(!lost.value(u"reason"_s).toString().isEmpty());
+        QVERIFY(QDateTime::fromString(lost.value(u"since"_s).toString(), Qt::ISODateWithMs) >= beforeLoss);
+        QVERIFY(!lost.contains(u"guiClients"_s));
+        radio.emplace(QStringList{u"--serial"_s, u"ST-1"_s, u"--port"_s, QString::number(port)});
+        QVERIFY(radio->listening());
+        QTRY_COMPARE_WITH_TIMEOUT(liveRadio(stateAt(stateFile), u"ST-1"_s).value(u"state"_s).toString(), u"announced"_s, 8000);
+
+        // Stopped cleanly, the service takes its file away.
+        QVERIFY(service.stops());
+        QVERIFY(!QFileInfo::exists(stateFile));
+        QCOMPARE(QDir(runtime + u"/Veldspar"_s).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+                 QStringList());
+    }
+
+    void theStateFileIsWrittenAtMostOnceASecond()
+    {
+        // Clients that come and go every 400 ms keep the state changing.
+        QStringList arguments{u"--serial"_s, u"R-1"_s};
+        for (int i = 0; i < 6; ++i)
+            arguments << u"--gui-client"_s << u"SmartSDR-Win,S%1,0x%2,%3,%4"_s.arg(i).arg(0x11 + i, 0, 16).arg(800 + 800 * i).arg(1200 + 800 * i);
+        RadioSim radio(arguments);
+        QVERIFY(radio.listening());
+        const QString runtime = path(u"rate-runtime"_s);
+        QVERIFY(QDir().mkpath(runtime));
+        QVERIFY(QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        const RuntimeFolder folder(runtime);
+        const QString config = path(u"rate/config.json"_s);
+        writeInPlace(config, configuration({radioEntry(radio.address(), u"R-1"_s)}, 250));
+        const QString stateFile = runtime + u"/Veldspar/state.json"_s;
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+
+        QStringList written;
+        QElapsedTimer watching;
+        watching.start();
+        while (watching.elapsed() < 6000) {
+            if (const auto state = stateAt(stateFile)) {
+                const QString stamp = state->value(u"written"_s).toString();
+                if (written.isEmpty() || written.last() != stamp)
+                    written << stamp;
+            }
+            QTest::qWait(20);
+        }
+        // The clients came and went every 400 ms; the file changed more than once, never twice
+        // within a second.
+        QVERIFY2(written.size() >= 3, qPrintable(written.join(u", "_s)));
+        for (qsizetype i = 1; i < written.size(); ++i) {
+            const qint64 gap = QDateTime::fromString(written.at(i - 1), Qt::ISODateWithMs)
+                                   .msecsTo(QDateTime::fromString(written.at(i), Qt::ISODateWithMs));
+            // The stamps are wall-clock milliseconds, the pause is timed on the monotonic clock:
+            // allow for both roundings.
+            QVERIFY2(gap >= 995, qPrintable(u"%1 ms between %2 and %3"_s.arg(gap).arg(written.at(i - 1), written.at(i))));
+        }
+    }
+
+    void theStateFileGoesBesideTheConfigurationWithoutAPrivateRuntimeFolder_data()
+    {
+        QTest::addColumn<QString>("runtime");
+        QTest::addColumn<bool>("openToOthers");
+        QTest::newRow("unset") << QString() << false;
+        QTest::newRow("relative") << u"relative/runtime"_s << false;
+        QTest::newRow("missing") << path(u"no-such-runtime"_s) << false;
+        QTest::newRow("open to others") << path(u"open-runtime"_s) << true;
+    }
+
+    void theStateFileGoesBesideTheConfigurationWithoutAPrivateRuntimeFolder()
+    {
+        QFETCH(QString, runtime);
+        QFETCH(bool, openToOthers);
+        if (openToOthers) {
+            QVERIFY(QDir().mkpath(runtime));
+            QVERIFY(QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner
+                                                       | QFile::ReadOther | QFile::ExeOther));
+        }
+        const RuntimeFolder folder(runtime);
+        const QString config = path(u"beside-%1/config.json"_s.arg(QString::fromLatin1(QTest::currentDataTag()).replace(u' ', u'-')));
+        writeInPlace(config, configuration({radioEntry(u"127.0.0.1:1"_s, u"B-1"_s)}, 1000));
+        RunningService service(config, {u"127.0.0.1:9"_s});
+        const QString beside = QFileInfo(config).absolutePath() + u"/state.json"_s;
+        QTRY_COMPARE_WITH_TIMEOUT(liveRadio(stateAt(beside), u"B-1"_s).value(u"state"_s).toString(), u"notAnswering"_s, 5000);
+        struct stat info{};
+        QCOMPARE(::stat(QFile::encodeName(beside).constData(), &info), 0);
+        QCOMPARE(info.st_mode & 07777, mode_t(0600));
+        if (openToOthers)
+            QVERIFY(!QFileInfo::exists(runtime + u"/Veldspar"_s));
+        QVERIFY(service.stops());
+        QVERIFY(!QFileInfo::exists(beside));
     }
 };
 
