@@ -6,17 +6,23 @@
 #include "Privileges.h"
 
 #include "app/AppDelegate.h"
+#include "app/Announcement.h"
 #include "app/ServiceButton.h"
 #include "app/StatusLabel.h"
 #include "platform/Bundle.h"
 #include "platform/Process.h"
 #include "platform/SystemTools.h"
 #include "platform/Trash.h"
+#include "service/LiveState.h"
 #include "service/ServiceStatus.h"
 
 #include <QCheckBox>
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTimeZone>
 #include <QLabel>
 #include <QMainWindow>
 #include <QProcess>
@@ -1120,6 +1126,115 @@ private Q_SLOTS:
         QVERIFY(!answers.shown().at(1).hasCancel);
         QCOMPARE(app.statusText(), u"App and service removed; some data could not be deleted. See details."_s);
         QVERIFY(!world.configExists()); // what could go, went
+    }
+
+    // ---- The service's live state ----
+
+    void aWellFormedStateFileIsRead()
+    {
+        const QByteArray bytes = R"({
+            "pid": 4242, "written": "2026-11-23T14:05:00.000Z",
+            "radios": [
+              {"serialNumber": "0621-1104-7402", "ipAddress": "10.8.0.20", "name": "Shack", "state": "announced",
+               "since": "2026-11-23T14:02:00.000Z", "lastBeacon": "2026-11-23T14:04:59.000Z", "status": "Available",
+               "licensedClients": 2, "guiClients": [{"program": "SmartSDR-Win", "station": "OFFICE-WIN"}]},
+              {"serialNumber": "9999", "ipAddress": "10.8.0.21", "name": "Gone", "state": "notAnswering",
+               "reason": "connection refused", "since": "2026-11-23T14:03:00.000Z", "lastBeacon": null}
+            ]})";
+        const std::optional<ServiceLiveState> state = parseLiveState(bytes);
+        QVERIFY(state);
+        QCOMPARE(state->pid, 4242);
+        QCOMPARE(state->radios.size(), 2);
+        const LiveRadio &first = state->radios.at(0);
+        QCOMPARE(first.serialNumber, u"0621-1104-7402"_s);
+        QCOMPARE(first.ipAddress, u"10.8.0.20"_s);
+        QCOMPARE(first.phase, LiveRadio::Phase::Announced);
+        QCOMPARE(first.since, QDateTime(QDate(2026, 11, 23), QTime(14, 2), QTimeZone::utc()));
+        QCOMPARE(first.licensedClients, 2);
+        QCOMPARE(first.guiClients, (QList<std::pair<QString, QString>>{{u"SmartSDR-Win"_s, u"OFFICE-WIN"_s}}));
+        QCOMPARE(state->radios.at(1).phase, LiveRadio::Phase::NotAnswering);
+        QCOMPARE(state->radios.at(1).reason, u"connection refused"_s);
+    }
+
+    void aBrokenStateFileIsNotRead_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        const QByteArray radio = R"({"serialNumber": "1", "ipAddress": "10.0.0.1", "state": "announced", "since": "2026-11-23T14:02:00Z"})";
+        const auto with = [](const QByteArray &radios) { return R"({"pid": 42, "radios": [)" + radios + "]}"; };
+        QTest::newRow("empty") << QByteArray();
+        QTest::newRow("half written") << with(radio).left(40);
+        QTest::newRow("garbage") << QByteArray("\x7f" "ELF\x02\x01\x01\0\0\0", 10);
+        QTest::newRow("array") << QByteArray("[]");
+        QTest::newRow("no pid") << QByteArray(R"({"radios": []})");
+        QTest::newRow("pid zero") << QByteArray(R"({"pid": 0, "radios": []})");
+        QTest::newRow("pid as text") << QByteArray(R"({"pid": "42", "radios": []})");
+        QTest::newRow("radios not a list") << QByteArray(R"({"pid": 42, "radios": {}})");
+        QTest::newRow("radio not an object") << with("7");
+        QTest::newRow("unknown state") << with(QByteArray(radio).replace("announced", "dancing"));
+        QTest::newRow("no since") << with(R"({"serialNumber": "1", "ipAddress": "10.0.0.1", "state": "announced"})");
+        QTest::newRow("since not a time") << with(QByteArray(radio).replace("2026-11-23T14:02:00Z", "yesterday"));
+        QTest::newRow("serial a number") << with(QByteArray(radio).replace("\"1\"", "1"));
+        QTest::newRow("clients not a list") << with(QByteArray(radio).replace("}", R"(, "guiClients": "x"})"));
+        QTest::newRow("client without station") << with(QByteArray(radio).replace("}", R"(, "guiClients": [{"program": "x"}]})"));
+        QTest::newRow("negative clients") << with(QByteArray(radio).replace("}", R"(, "licensedClients": -1})"));
+        QTest::newRow("text too long") << with(QByteArray(radio).replace("\"1\"", '"' + QByteArray(2000, 'x') + '"'));
+        QTest::newRow("not UTF-8") << with(QByteArray(radio).replace("10.0.0.1", "10.0.\xff.1"));
+        QByteArray huge = with(radio);
+        huge.append(QByteArray(largestLiveState, ' '));
+        QTest::newRow("too large") << huge;
+    }
+
+    void aBrokenStateFileIsNotRead()
+    {
+        QFETCH(QByteArray, bytes);
+        QVERIFY(!parseLiveState(bytes));
+    }
+
+    void eachRadioGetsItsAnnouncement()
+    {
+        const QTimeZone zone(3600);
+        const QDateTime now = QDateTime::currentDateTimeUtc();
+        ServiceLiveState live;
+        live.pid = 42;
+        live.radios = {
+            {u"A-1"_s, u"10.0.0.1"_s, LiveRadio::Phase::Announced, QString(), now, u"Available"_s, 2,
+             {{u"SmartSDR-Win"_s, u"OFFICE-WIN"_s}}},
+            {u"B-2"_s, u"10.0.0.2"_s, LiveRadio::Phase::NotAnswering, u"connection refused"_s, now, QString(), 0, {}},
+            {u"C-3"_s, u"10.0.0.3"_s, LiveRadio::Phase::Connecting, QString(), now, QString(), 0, {}},
+            {u"D-4"_s, u"10.0.0.4"_s, LiveRadio::Phase::NotAnswering, u"no answer to info"_s, now.addDays(-2), QString(), 0, {}},
+            {u"E-5"_s, u"10.0.0.5"_s, LiveRadio::Phase::Announced, QString(), now, u"In_Use"_s, 2,
+             {{u"SmartSDR-Win"_s, u"OFFICE-WIN"_s}, {u"SmartSDR-M"_s, QString()}}},
+            {u"F-6"_s, u"10.0.0.6"_s, LiveRadio::Phase::Announced, QString(), now, u"Available"_s, 2, {}},
+        };
+        const auto entry = [](const QString &serial, const QString &address, const QJsonValue &enabled = true) {
+            return QJsonObject{{u"serialNumber"_s, serial}, {u"ipAddress"_s, address}, {u"enabled"_s, enabled}};
+        };
+        const auto check = [&](const RadioEntry &radio, const std::optional<ServiceLiveState> &state,
+                               Announcement::Kind kind, const QString &line) {
+            const Announcement shown = announcementFor(radio, state, zone);
+            QCOMPARE(int(shown.kind), int(kind));
+            QCOMPARE(shown.line, line);
+        };
+        check(entry(u"A-1"_s, u"10.0.0.1"_s), live, Announcement::Kind::Announced,
+              u"Announced \u00B7 1 of 2 clients in use (SmartSDR-Win at OFFICE-WIN)"_s);
+        check(entry(u"E-5"_s, u"10.0.0.5"_s), live, Announcement::Kind::Announced,
+              u"Announced \u00B7 2 of 2 clients in use (SmartSDR-Win at OFFICE-WIN, SmartSDR-M)"_s);
+        check(entry(u"F-6"_s, u"10.0.0.6"_s), live, Announcement::Kind::Announced, u"Announced \u00B7 0 of 2 clients in use"_s);
+        check(entry(u"B-2"_s, u"10.0.0.2"_s), live, Announcement::Kind::NotAnswering,
+              u"Not answering: connection refused, since "_s + now.toTimeZone(zone).toString(u"HH:mm"_s));
+        check(entry(u"D-4"_s, u"10.0.0.4"_s), live, Announcement::Kind::NotAnswering,
+              u"Not answering: no answer to info, since "_s + now.addDays(-2).toTimeZone(zone).toString(u"yyyy-MM-dd HH:mm"_s));
+        check(entry(u"C-3"_s, u"10.0.0.3"_s), live, Announcement::Kind::Connecting, u"Connecting\u2026"_s);
+        // Not in the file yet (just added), or the same serial at another address: connecting.
+        check(entry(u"G-7"_s, u"10.0.0.7"_s), live, Announcement::Kind::Connecting, u"Connecting\u2026"_s);
+        check(entry(u"A-1"_s, u"10.0.0.9"_s), live, Announcement::Kind::Connecting, u"Connecting\u2026"_s);
+        // Excluded radios are grey whatever the service says; without a service, every radio is.
+        check(entry(u"A-1"_s, u"10.0.0.1"_s, false), live, Announcement::Kind::Excluded,
+              u"Not announced: excluded from discovery"_s);
+        check(entry(u"A-1"_s, u"10.0.0.1"_s, u"true"_s), live, Announcement::Kind::Excluded,
+              u"Not announced: excluded from discovery"_s);
+        check(entry(u"A-1"_s, u"10.0.0.1"_s), std::nullopt, Announcement::Kind::ServiceStopped,
+              u"Not announced: the service is not running"_s);
     }
 
 private:
