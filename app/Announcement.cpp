@@ -27,29 +27,39 @@ QString sinceText(const QDateTime &since, const QTimeZone &timeZone)
 }
 } // namespace
 
-Announcement announcementFor(const RadioEntry &entry, const std::optional<ServiceLiveState> &live,
-                             const QTimeZone &timeZone)
+namespace {
+QString keyOf(const QString &serial, const QString &address) { return serial + u'\n' + address; }
+} // namespace
+
+LiveRadioIndex::LiveRadioIndex(const std::optional<ServiceLiveState> &live) : m_running(live.has_value())
+{
+    if (!live)
+        return;
+    m_radios.reserve(live->radios.size());
+    for (const LiveRadio &radio : live->radios)
+        m_radios.insert(keyOf(radio.serialNumber, radio.ipAddress), radio);
+}
+
+const LiveRadio *LiveRadioIndex::find(const RadioEntry &entry) const
+{
+    const auto found = m_radios.constFind(
+        keyOf(entry.value(u"serialNumber"_s).toString(), entry.value(u"ipAddress"_s).toString()));
+    return found == m_radios.constEnd() ? nullptr : &found.value();
+}
+
+Announcement announcementFor(const RadioEntry &entry, const LiveRadioIndex &live, const QTimeZone &timeZone)
 {
     if (!isEnabled(entry))
         return {Announcement::Kind::Excluded, u"Not announced: excluded from discovery"_s};
-    if (!live)
+    if (!live.serviceRunning())
         return {Announcement::Kind::ServiceStopped, u"Not announced: the service is not running"_s};
-    const QString serial = entry.value(u"serialNumber"_s).toString();
-    const QString address = entry.value(u"ipAddress"_s).toString();
-    for (const LiveRadio &radio : live->radios) {
-        if (radio.serialNumber != serial || radio.ipAddress != address)
-            continue;
-        switch (radio.phase) {
-        case LiveRadio::Phase::Announced:
-            return {Announcement::Kind::Announced, clientsLine(radio)};
-        case LiveRadio::Phase::NotAnswering:
-            return {Announcement::Kind::NotAnswering,
-                    u"Not answering: %1, since %2"_s.arg(radio.reason, sinceText(radio.since, timeZone))};
-        case LiveRadio::Phase::Connecting:
-            break;
-        }
-        break;
-    }
-    // Not in the file yet: the service has still to take in the latest configuration.
+    // Not in the file (the service has still to take in the latest configuration) counts as
+    // connecting.
+    const LiveRadio *radio = live.find(entry);
+    if (radio && radio->phase == LiveRadio::Phase::Announced)
+        return {Announcement::Kind::Announced, clientsLine(*radio)};
+    if (radio && radio->phase == LiveRadio::Phase::NotAnswering)
+        return {Announcement::Kind::NotAnswering,
+                u"Not answering: %1, since %2"_s.arg(radio->reason, sinceText(radio->since, timeZone))};
     return {Announcement::Kind::Connecting, u"Connecting\u2026"_s};
 }

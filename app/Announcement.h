@@ -3,6 +3,7 @@
 #include "config/ConfigDocument.h"
 #include "service/LiveState.h"
 
+#include <QHash>
 #include <QString>
 
 class QTimeZone;
@@ -16,7 +17,21 @@ struct Announcement
     QString line; // the details panel's one line
 };
 
-// live: the service's state, or nothing when no service is running (no file, or a file left
-// by a process that is gone). timeZone: where "since" is shown.
-Announcement announcementFor(const RadioEntry &entry, const std::optional<ServiceLiveState> &live,
-                             const QTimeZone &timeZone);
+// The service's radios by serial and address, looked up once per entry however many there are.
+// Built from nothing when no service is running (no file, or a file left by a process that is
+// gone).
+class LiveRadioIndex
+{
+public:
+    explicit LiveRadioIndex(const std::optional<ServiceLiveState> &live);
+
+    bool serviceRunning() const { return m_running; }
+    const LiveRadio *find(const RadioEntry &entry) const;
+
+private:
+    bool m_running = false;
+    QHash<QString, LiveRadio> m_radios;
+};
+
+// timeZone: where "since" is shown.
+Announcement announcementFor(const RadioEntry &entry, const LiveRadioIndex &live, const QTimeZone &timeZone);

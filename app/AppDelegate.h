@@ -1,5 +1,6 @@
 #pragma once
 
+#include "app/Announcement.h"
 #include "config/ConfigDocument.h"
 #include "config/Draft.h"
 #include "platform/Outcome.h"
@@ -11,6 +12,7 @@
 #include <QString>
 
 #include <memory>
+#include <optional>
 
 class QAbstractButton;
 class QCheckBox;
@@ -23,7 +25,9 @@ class QLineEdit;
 class QListView;
 class QMainWindow;
 class QPushButton;
+class QFileSystemWatcher;
 class QTimer;
+class QVBoxLayout;
 class ServiceButton;
 struct ServiceActionResult;
 struct ServiceStatus;
@@ -76,6 +80,11 @@ public:
     void manageService(const QString &action);
     void offerServiceRefresh();
 
+    // The service's live state (service/LiveStateWatch.cpp).
+    void watchLiveState();
+    void readLiveState();
+    void checkLiveStateOwner();
+
     // Uninstall (service/Uninstall.cpp).
     void finishUninstall();
     void removeInstalledAppWithAuthorization(const QString &appLocation);
@@ -111,6 +120,12 @@ private:
     void buildViewTree();
     QLayout *buildSplitRow();
     QLayout *buildServiceRow();
+    QLabel *detailValue(QVBoxLayout *stack, const QString &caption, const QString &name);
+
+    // The service's live state (service/LiveStateWatch.cpp).
+    void armLiveStateWatch();
+    void setLiveState(std::optional<ServiceLiveState> state);
+    void findAnnouncements();
     void sendEditCommand(int command);
 
     // Completions on the main thread (config/Save.cpp, discovery/AddRadio.cpp).
@@ -142,5 +157,10 @@ private:
     QCheckBox *enabledButton = nullptr;
     QPushButton *removeButton = nullptr;
     RadioEntries entries;
+    QLabel *announcementLine = nullptr;
+    QString liveStatePath;
+    QFileSystemWatcher *liveStateWatcher = nullptr;
+    std::optional<ServiceLiveState> liveState; // nothing while no service runs
+    QList<Announcement> announcements;         // one per entry, in the list's order
     bool busy = false;
 };

@@ -43,6 +43,11 @@ void AppDelegate::updateDetails()
         value->setText(text);
         value->setAccessibleName(spokenDetail(field, text));
     }
+    const int row = selectedRow();
+    const QString announced = content.controlsEnabled && row < announcements.size() ? announcements.at(row).line
+                                                                                   : QStringLiteral("\u2014");
+    announcementLine->setText(announced);
+    announcementLine->setAccessibleName(QStringLiteral("Announcement: ") + announced);
     enabledButton->setEnabled(content.controlsEnabled);
     removeButton->setEnabled(content.controlsEnabled);
     // Showing the entry is not an edit of it, so it must not reach toggleRadio.

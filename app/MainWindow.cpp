@@ -169,6 +169,27 @@ void AppDelegate::buildViewTree()
     root->addWidget(status);
 }
 
+// A caption and its value, one block of the details panel.
+QLabel *AppDelegate::detailValue(QVBoxLayout *stack, const QString &caption, const QString &name)
+{
+    auto *block = new QVBoxLayout;
+    block->setSpacing(3);
+    QLabel *captionLabel = label(caption, 10, QFont::DemiBold, true);
+    block->addWidget(captionLabel);
+    QLabel *value = label(QStringLiteral("\u2014"), 13);
+    value->setObjectName(name);
+    value->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+    // Selectable labels take focus only by click; Tab must reach them too, so that a value
+    // can be selected and copied without a mouse.
+    value->setFocusPolicy(Qt::StrongFocus);
+    // The caption labels the value for assistive technology; the captions hold no mnemonic,
+    // so this adds no shortcut.
+    captionLabel->setBuddy(value);
+    block->addWidget(value);
+    stack->addLayout(block);
+    return value;
+}
+
 QLayout *AppDelegate::buildSplitRow()
 {
     auto *split = new QHBoxLayout;
@@ -184,7 +205,7 @@ QLayout *AppDelegate::buildSplitRow()
     table->setSelectionMode(QAbstractItemView::SingleSelection);
     table->setEditTriggers(QAbstractItemView::NoEditTriggers);
     table->setUniformItemSizes(true);
-    table->setModel(new RadioListModel(entries, table));
+    table->setModel(new RadioListModel(entries, announcements, table));
     table->setItemDelegate(new RadioCellDelegate(table));
     table->setAccessibleName(QStringLiteral("Radios"));
     table->setAccessibleDescription(
@@ -204,23 +225,12 @@ QLayout *AppDelegate::buildSplitRow()
     detailTitle->setObjectName(QStringLiteral("detailTitle"));
     detailsStack->addWidget(detailTitle, 0, Qt::AlignLeft);
     for (const DetailField &field : detailFields()) {
-        auto *block = new QVBoxLayout;
-        block->setSpacing(3);
-        QLabel *caption = label(field.caption, 10, QFont::DemiBold, true);
-        block->addWidget(caption);
-        QLabel *value = label(QStringLiteral("\u2014"), 13);
-        value->setObjectName(QStringLiteral("value:") + field.key);
-        value->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
-        // Selectable labels take focus only by click; Tab must reach them too, so that a value
-        // can be selected and copied without a mouse.
-        value->setFocusPolicy(Qt::StrongFocus);
-        // The caption labels the value for assistive technology; the captions hold no mnemonic,
-        // so this adds no shortcut.
-        caption->setBuddy(value);
-        block->addWidget(value);
+        QLabel *value = detailValue(detailsStack, field.caption, QStringLiteral("value:") + field.key);
         values.insert(field.key, value);
-        detailsStack->addLayout(block);
     }
+    // What the service is doing with the radio right now, from its state file.
+    announcementLine = detailValue(detailsStack, QStringLiteral("ANNOUNCEMENT"), QStringLiteral("announcement"));
+    announcementLine->setWordWrap(true);
 
     enabledButton = new QCheckBox(QStringLiteral("Include in discovery"));
     enabledButton->setObjectName(QStringLiteral("enabledButton"));

@@ -1,13 +1,14 @@
 #include "app/RadioTable.h"
 
+#include "app/Colors.h"
 #include "app/Fonts.h"
 #include "app/RadioPresentation.h"
 
 #include <QApplication>
 #include <QPainter>
 
-RadioListModel::RadioListModel(const RadioEntries &entries, QObject *parent)
-    : QAbstractListModel(parent), m_entries(entries)
+RadioListModel::RadioListModel(const RadioEntries &entries, const QList<Announcement> &announcements, QObject *parent)
+    : QAbstractListModel(parent), m_entries(entries), m_announcements(announcements)
 {
 }
 
@@ -19,14 +20,20 @@ int RadioListModel::rowCount(const QModelIndex &parent) const
 QVariant RadioListModel::data(const QModelIndex &index, int role) const
 {
     if (role != Qt::DisplayRole && role != SubtitleRole && role != Qt::AccessibleTextRole
-        && role != Qt::AccessibleDescriptionRole)
+        && role != Qt::AccessibleDescriptionRole && role != AnnouncementRole)
         return {};
     if (index.row() < 0 || index.row() >= m_entries.size())
         qFatal("Radio table asked for row %d of %lld", index.row(), qlonglong(m_entries.size()));
+    // Until the controller has caught up with a rebuild, a row has no announcement yet.
+    const std::optional<Announcement> announcement =
+        index.row() < m_announcements.size() ? std::optional(m_announcements.at(index.row())) : std::nullopt;
+    if (role == AnnouncementRole)
+        return announcement ? QVariant(int(announcement->kind)) : QVariant();
     const RadioCellText cell = radioCellText(m_entries.at(index.row()));
     switch (role) {
     case Qt::DisplayRole: return cell.title;
-    case Qt::AccessibleTextRole: return cell.spoken; // the delegate paints both lines; say both
+    case Qt::AccessibleTextRole: // the delegate paints both lines and the dot; say all three
+        return announcement ? cell.spoken + QStringLiteral(", ") + announcement->line : cell.spoken;
     default: return cell.subtitle;                   // SubtitleRole, AccessibleDescriptionRole
     }
 }
@@ -36,6 +43,27 @@ void RadioListModel::reload()
     beginResetModel();
     endResetModel();
 }
+
+void RadioListModel::announcementsChanged()
+{
+    if (!m_entries.isEmpty())
+        Q_EMIT dataChanged(index(0), index(int(m_entries.size()) - 1),
+                           {AnnouncementRole, Qt::AccessibleTextRole});
+}
+
+namespace {
+QColor announcementColor(const QVariant &kind)
+{
+    switch (Announcement::Kind(kind.toInt())) {
+    case Announcement::Kind::Announced: return successColor();
+    case Announcement::Kind::Connecting: return warningColor();
+    case Announcement::Kind::NotAnswering: return dangerColor();
+    case Announcement::Kind::Excluded:
+    case Announcement::Kind::ServiceStopped: break;
+    }
+    return neutralColor();
+}
+} // namespace
 
 void RadioCellDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option, const QModelIndex &index) const
 {
@@ -57,12 +85,20 @@ void RadioCellDelegate::paint(QPainter *painter, const QStyleOptionViewItem &opt
     const int titleHeight = QFontMetrics(titleFont).height();
 
     painter->save();
+    // The dot sits before the name, centred on its line; the name moves right to make room.
+    constexpr int dot = 8;
+    constexpr int dotGap = 6;
+    painter->setRenderHint(QPainter::Antialiasing);
+    painter->setPen(Qt::NoPen);
+    painter->setBrush(announcementColor(index.data(RadioListModel::AnnouncementRole)));
+    painter->drawEllipse(QRectF(content.left(), content.top() + (titleHeight - dot) / 2.0, dot, dot));
+    painter->setBrush(Qt::NoBrush);
     painter->setFont(titleFont);
     painter->setPen(primary);
-    const QRect titleBox(content.left(), content.top(), content.width(), titleHeight);
+    const QRect titleBox(content.left() + dot + dotGap, content.top(), content.width() - dot - dotGap, titleHeight);
     painter->drawText(titleBox, Qt::AlignLeft | Qt::AlignVCenter,
                       QFontMetrics(titleFont).elidedText(index.data(Qt::DisplayRole).toString(), Qt::ElideRight,
-                                                         content.width()));
+                                                         titleBox.width()));
     painter->setFont(subtitleFont);
     painter->setPen(secondary);
     const QRect subtitleBox(content.left(), titleBox.bottom() + 1 + 5, content.width(),

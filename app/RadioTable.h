@@ -1,5 +1,6 @@
 #pragma once
 
+#include "app/Announcement.h"
 #include "config/ConfigDocument.h"
 
 #include <QAbstractListModel>
@@ -12,21 +13,26 @@ class RadioListModel : public QAbstractListModel
     Q_OBJECT
 
 public:
-    enum Role { SubtitleRole = Qt::UserRole + 1 };
+    enum Role { SubtitleRole = Qt::UserRole + 1, AnnouncementRole };
 
-    explicit RadioListModel(const RadioEntries &entries, QObject *parent = nullptr);
+    // announcements: one per entry, kept by the controller alongside the entries.
+    RadioListModel(const RadioEntries &entries, const QList<Announcement> &announcements, QObject *parent = nullptr);
 
     int rowCount(const QModelIndex &parent = {}) const override;
     QVariant data(const QModelIndex &index, int role) const override;
 
     // The entries changed as a whole.
     void reload();
+    // Only the announcements changed: every row repaints, the selection stays.
+    void announcementsChanged();
 
 private:
     const RadioEntries &m_entries;
+    const QList<Announcement> &m_announcements;
 };
 
-// Paints a row's two lines; rows are 66 high and 380 wide.
+// Paints a row's two lines, the first after a dot in the colour of the radio's announcement;
+// rows are 66 high and 380 wide.
 class RadioCellDelegate : public QStyledItemDelegate
 {
     Q_OBJECT

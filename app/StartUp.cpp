@@ -34,6 +34,7 @@ void AppDelegate::applicationDidFinishLaunching()
     serviceTimer->start();
 
     reload();
+    watchLiveState();
 
     if (QScreen *screen = window->screen()) {
         QRect frame = window->frameGeometry();

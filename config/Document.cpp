@@ -73,6 +73,7 @@ void AppDelegate::refreshRadios()
 {
     const int previousRow = selectedRow();
     entries = entriesFromDraft(draft().text());
+    findAnnouncements();
     static_cast<RadioListModel *>(table->model())->reload();
     selectRow(rowToSelect(previousRow, int(entries.size())));
     updateDetails();

@@ -12,6 +12,10 @@ void writeFileAtomically(const QString &path, const QByteArray &bytes);
 void writeNewPrivateFile(const QString &path, const QByteArray &bytes);
 // The whole file, or nothing when it cannot be read.
 std::optional<QByteArray> readWholeFile(const QString &path);
+// A small file that something else writes (a service's state): read only when it is a regular
+// file of at most limit bytes. The open never waits (a FIFO in its place is refused, not read),
+// and no more than limit + 1 bytes are read.
+std::optional<QByteArray> readSmallFile(const QString &path, qint64 limit);
 // Whether anything is at the path, a dangling link included.
 bool pathExists(const QString &path);
 // Removes a file, a link or a whole folder tree; false when something stayed.

@@ -1,5 +1,7 @@
 #include "platform/Paths.h"
 
+#include "platform/PrivateFolder.h"
+
 #include <QDir>
 
 QString supportFolder()
@@ -30,4 +32,12 @@ QString userUnitFilePath(const QString &label)
 QString settingsFilePath(const QString &identifier)
 {
     return QDir::homePath() + QStringLiteral("/.config/") + identifier + QStringLiteral(".conf");
+}
+
+QString liveStateFilePath()
+{
+    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    if (isPrivateRuntimeFolder(runtime))
+        return QDir::cleanPath(runtime) + QStringLiteral("/Veldspar/state.json");
+    return supportFolder() + QStringLiteral("/state.json");
 }

@@ -4,7 +4,9 @@
 
 #include <QProcess>
 
+#include <cerrno>
 #include <csignal>
+#include <limits>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -43,4 +45,12 @@ ProcessResult runProcess(const QString &program, const QStringList &arguments, C
     result.crashed = process.exitStatus() == QProcess::CrashExit;
     result.exitCode = process.exitCode();
     return result;
+}
+
+bool processExists(qint64 pid)
+{
+    if (pid <= 0 || pid > std::numeric_limits<pid_t>::max())
+        return false;
+    // Signal 0 checks without sending; EPERM means it exists but belongs to someone else.
+    return ::kill(pid_t(pid), 0) == 0 || errno == EPERM;
 }

@@ -27,3 +27,6 @@ enum class ChildLifetime {
 // deliberately waits on the main thread.
 ProcessResult runProcess(const QString &program, const QStringList &arguments,
                          ChildLifetime lifetime = ChildLifetime::Independent);
+
+// Whether a process with this id exists (of any user); false for ids that cannot be one.
+bool processExists(qint64 pid);

@@ -35,4 +35,6 @@ void AppDelegate::applyServiceStatus(const ServiceStatus &result)
         break;
     }
     serviceState->setPalette(palette);
+    // The tick also notices a service that died without taking its state file away.
+    checkLiveStateOwner();
 }

@@ -492,6 +492,11 @@ QMainWindow *RunningApp::window() const { return m_app->mainWindow(); }
 StatusLabel *RunningApp::status() const { return window()->findChild<StatusLabel *>(QStringLiteral("status")); }
 QListView *RunningApp::table() const { return window()->findChild<QListView *>(QStringLiteral("table")); }
 QLabel *RunningApp::detailTitle() const { return window()->findChild<QLabel *>(QStringLiteral("detailTitle")); }
+QLabel *RunningApp::announcementLine() const
+{
+    return window()->findChild<QLabel *>(QStringLiteral("announcement"));
+}
+
 QLabel *RunningApp::value(const QString &key) const
 {
     return window()->findChild<QLabel *>(QStringLiteral("value:") + key);

@@ -172,6 +172,7 @@ public:
     QListView *table() const;
     QLabel *detailTitle() const;
     QLabel *value(const QString &key) const;
+    QLabel *announcementLine() const; // the details panel's ANNOUNCEMENT
     QCheckBox *includeBox() const;
     QAbstractButton *removeButton() const;
     ServiceButton *serviceButton() const;

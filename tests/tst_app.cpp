@@ -1155,7 +1155,10 @@ void AppShellTest::radioListReadsNameAddressAndState()
     QCOMPARE(rows->rowCount(), 3);
     QCOMPARE(rows->columnCount(), 1);
 
-    const QStringList names = {u"Alpha, 10.0.0.1, Enabled"_s, u"Bravo, 10.0.0.2, Disabled"_s, u"Radio, Enabled"_s};
+    // No service runs here: each row also says what that means for the radio.
+    const QStringList names = {u"Alpha, 10.0.0.1, Enabled, Not announced: the service is not running"_s,
+                               u"Bravo, 10.0.0.2, Disabled, Not announced: excluded from discovery"_s,
+                               u"Radio, Enabled, Not announced: the service is not running"_s};
     const QStringList descriptions = {u"10.0.0.1  \u00B7  Enabled"_s, u"10.0.0.2  \u00B7  Disabled"_s,
                                       u"  \u00B7  Enabled"_s};
     for (int row = 0; row < 3; ++row) {
@@ -1182,7 +1185,7 @@ void AppShellTest::radioListReadsNameAddressAndState()
     QAccessibleTableModelChangeEvent reset(app.table(), QAccessibleTableModelChangeEvent::ModelReset);
     rows->modelChange(&reset);
     QCOMPARE(rows->rowCount(), 1);
-    QCOMPARE(rows->cellAt(0, 0)->text(QAccessible::Name), u"Alpha, 10.0.0.1, Disabled"_s);
+    QCOMPARE(rows->cellAt(0, 0)->text(QAccessible::Name), u"Alpha, 10.0.0.1, Disabled, Not announced: excluded from discovery"_s);
     QCOMPARE(rows->cellAt(0, 0)->text(QAccessible::Description), u"10.0.0.1  \u00B7  Disabled"_s);
 }
 
@@ -1280,7 +1283,8 @@ void AppShellTest::wholeWindowWorksByKeyboard()
         app.button(u"Add Radio\u2026"_s), app.button(u"Import\u2026"_s), app.button(u"Delete Config"_s),
         app.button(u"Reload"_s),           app.table(),                   app.value(u"model"_s),
         app.value(u"ipAddress"_s),         app.value(u"serialNumber"_s),  app.value(u"callsign"_s),
-        app.value(u"version"_s),           app.includeBox(),              app.removeButton(),
+        app.value(u"version"_s),           app.announcementLine(),         app.includeBox(),
+        app.removeButton(),
         app.serviceButton(),               app.button(u"Uninstall"_s),    app.button(u"Show Files"_s),
     };
     chain.first()->setFocus(Qt::TabFocusReason);

@@ -15,6 +15,8 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QLabel>
+#include <QMainWindow>
 #include <QNetworkDatagram>
 #include <QProcess>
 #include <QRegularExpression>
@@ -1567,6 +1569,29 @@ private Q_SLOTS:
         QCOMPARE(beacon.value(u"nickname"_s), u"RemoteShack"_s);
         QCOMPARE(beacon.value(u"ip"_s), u"127.0.0.1"_s);
         QCOMPARE(beacon.value(u"port"_s), QString::number(radio.port()));
+    }
+
+    void theAppShowsWhatTheRunningServiceSays()
+    {
+        std::optional<RadioSim> radio(std::in_place, QStringList{u"--serial"_s, u"E-1"_s, u"--name"_s, u"Shack"_s});
+        QVERIFY(radio->listening());
+        TestWorld world; // its runtime folder is the one the service and the app share
+        QJsonObject entry = radioEntry(radio->address(), u"E-1"_s);
+        entry.insert(u"name"_s, u"Shack"_s);
+        world.writeConfig(configuration({entry}, 500));
+        RunningService service(world.configPath(), {u"127.0.0.1:9"_s});
+        RunningApp app(world);
+        QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+
+        QTRY_COMPARE_WITH_TIMEOUT(app.announcementLine()->text(), u"Announced \u00B7 0 of 2 clients in use"_s, 8000);
+        radio->tell("join-handle 0x7022E1CF SmartSDR-Win OFFICE-WIN");
+        QTRY_COMPARE_WITH_TIMEOUT(app.announcementLine()->text(),
+                                  u"Announced \u00B7 1 of 2 clients in use (SmartSDR-Win at OFFICE-WIN)"_s, 8000);
+        radio.reset();
+        QTRY_VERIFY_WITH_TIMEOUT(app.announcementLine()->text().startsWith(u"Not answering: "_s), 8000);
+        QVERIFY(app.announcementLine()->text().contains(u", since "_s));
+        QVERIFY(service.stops());
+        QTRY_COMPARE_WITH_TIMEOUT(app.announcementLine()->text(), u"Not announced: the service is not running"_s, 5000);
     }
 
     // ---- the two probes started first ----

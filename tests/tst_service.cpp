@@ -7,6 +7,8 @@
 
 #include "app/AppDelegate.h"
 #include "app/Announcement.h"
+#include "app/Colors.h"
+#include "app/Fonts.h"
 #include "app/ServiceButton.h"
 #include "app/StatusLabel.h"
 #include "platform/Bundle.h"
@@ -23,7 +25,9 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTimeZone>
+#include <QAccessible>
 #include <QLabel>
+#include <QListView>
 #include <QMainWindow>
 #include <QProcess>
 #include <QRegularExpression>
@@ -31,6 +35,8 @@
 #include <QPushButton>
 #include <QUrl>
 #include <QtTest>
+
+#include <sys/stat.h>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -89,6 +95,62 @@ QStringList changingCalls(const TestWorld &world)
     return lines;
 }
 } // namespace
+
+
+// ---- The service's live state as the app shows it ----
+
+// A state file as the service writes it: each radio as (serial, address, state, extra fields).
+QByteArray stateFile(qint64 pid, const QList<QJsonObject> &radios)
+{
+    QJsonArray list;
+    for (const QJsonObject &radio : radios)
+        list.append(radio);
+    return QJsonDocument(QJsonObject{{u"pid"_s, pid}, {u"written"_s, u"2026-11-23T14:05:00.000Z"_s}, {u"radios"_s, list}})
+        .toJson();
+}
+
+QJsonObject liveEntry(const QString &serial, const QString &address, const QString &state, const QDateTime &since,
+                      const QJsonObject &extra = {})
+{
+    QJsonObject radio{{u"serialNumber"_s, serial}, {u"ipAddress"_s, address}, {u"state"_s, state},
+                      {u"since"_s, since.toUTC().toString(Qt::ISODateWithMs)}, {u"lastBeacon"_s, QJsonValue()}};
+    for (auto it = extra.begin(); it != extra.end(); ++it)
+        radio.insert(it.key(), it.value());
+    return radio;
+}
+
+// Replaced as the service replaces it: whole, by a rename.
+void publishState(const TestWorld &world, const QByteArray &bytes)
+{
+    const QString path = world.runtimeDir() + u"/Veldspar/state.json"_s;
+    QDir().mkpath(QFileInfo(path).path());
+    writeTestFile(path + u".new"_s, bytes);
+    QFile::remove(path);
+    QFile::rename(path + u".new"_s, path);
+}
+
+// What a screen reader hears for each row.
+QStringList spokenRows(const RunningApp &app)
+{
+    QStringList rows;
+    for (int row = 0; row < app.rowCount(); ++row)
+        rows << app.table()->model()->index(row, 0).data(Qt::AccessibleTextRole).toString();
+    return rows;
+}
+
+// The colour at the middle of a row's dot, as painted.
+QColor dotColour(const RunningApp &app, int row)
+{
+    const QRect rect = app.table()->visualRect(app.table()->model()->index(row, 0));
+    const int titleHeight = QFontMetrics(systemFont(14, QFont::DemiBold)).height();
+    const QImage image = app.table()->viewport()->grab().toImage();
+    return image.pixelColor(rect.left() + 8 + 4, rect.top() + 10 + titleHeight / 2);
+}
+
+bool sameColour(const QColor &a, const QColor &b)
+{
+    return qAbs(a.red() - b.red()) <= 8 && qAbs(a.green() - b.green()) <= 8 && qAbs(a.blue() - b.blue()) <= 8;
+}
 
 class ServiceTest : public QObject
 {
@@ -1211,7 +1273,7 @@ private Q_SLOTS:
         };
         const auto check = [&](const RadioEntry &radio, const std::optional<ServiceLiveState> &state,
                                Announcement::Kind kind, const QString &line) {
-            const Announcement shown = announcementFor(radio, state, zone);
+            const Announcement shown = announcementFor(radio, LiveRadioIndex(state), zone);
             QCOMPARE(int(shown.kind), int(kind));
             QCOMPARE(shown.line, line);
         };
@@ -1235,6 +1297,146 @@ private Q_SLOTS:
               u"Not announced: excluded from discovery"_s);
         check(entry(u"A-1"_s, u"10.0.0.1"_s), std::nullopt, Announcement::Kind::ServiceStopped,
               u"Not announced: the service is not running"_s);
+    }
+
+    void theAppShowsWhatTheServiceSaysOfEachRadio()
+    {
+        TestWorld world;
+        QJsonObject excluded = radio(u"10.0.0.4"_s, u"D-4"_s, u"Delta"_s);
+        excluded.insert(u"enabled"_s, false);
+        world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s, u"Alpha"_s), radio(u"10.0.0.2"_s, u"B-2"_s, u"Bravo"_s),
+                                      radio(u"10.0.0.3"_s, u"C-3"_s, u"Charlie"_s), excluded}));
+        const QDateTime since = QDateTime::currentDateTime();
+        const qint64 me = QCoreApplication::applicationPid();
+        publishState(world, stateFile(me, {
+            liveEntry(u"A-1"_s, u"10.0.0.1"_s, u"announced"_s, since,
+                      {{u"status"_s, u"Available"_s}, {u"licensedClients"_s, 2},
+                       {u"guiClients"_s, QJsonArray{QJsonObject{{u"program"_s, u"SmartSDR-Win"_s}, {u"station"_s, u"OFFICE-WIN"_s}}}}}),
+            liveEntry(u"B-2"_s, u"10.0.0.2"_s, u"notAnswering"_s, since, {{u"reason"_s, u"connection refused"_s}}),
+            liveEntry(u"C-3"_s, u"10.0.0.3"_s, u"connecting"_s, since),
+        }));
+        RunningApp app(world);
+        QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+
+        const QString at = since.toString(u"HH:mm"_s);
+        const QStringList expected = {
+            u"Alpha, 10.0.0.1, Enabled, Announced \u00B7 1 of 2 clients in use (SmartSDR-Win at OFFICE-WIN)"_s,
+            u"Bravo, 10.0.0.2, Enabled, Not answering: connection refused, since "_s + at,
+            u"Charlie, 10.0.0.3, Enabled, Connecting\u2026"_s,
+            u"Delta, 10.0.0.4, Disabled, Not announced: excluded from discovery"_s,
+        };
+        QTRY_COMPARE(spokenRows(app), expected);
+        QVERIFY(sameColour(dotColour(app, 1), dangerColor()));
+        QVERIFY(sameColour(dotColour(app, 2), warningColor()));
+        QVERIFY(sameColour(dotColour(app, 3), neutralColor()));
+        app.selectRow(1);
+        QVERIFY(sameColour(dotColour(app, 0), successColor()));
+
+        // The details panel says it in one line, read out with its caption.
+        app.selectRow(0);
+        QCOMPARE(app.announcementLine()->text(), u"Announced \u00B7 1 of 2 clients in use (SmartSDR-Win at OFFICE-WIN)"_s);
+        QCOMPARE(QAccessible::queryAccessibleInterface(app.announcementLine())->text(QAccessible::Name),
+                 u"Announcement: Announced \u00B7 1 of 2 clients in use (SmartSDR-Win at OFFICE-WIN)"_s);
+        app.selectRow(1);
+        QCOMPARE(app.announcementLine()->text(), u"Not answering: connection refused, since "_s + at);
+
+        // A new version of the file is shown as it lands, the selection kept.
+        publishState(world, stateFile(me, {liveEntry(u"A-1"_s, u"10.0.0.1"_s, u"notAnswering"_s, since,
+                                                     {{u"reason"_s, u"no answer to info"_s}}),
+                                           liveEntry(u"B-2"_s, u"10.0.0.2"_s, u"announced"_s, since,
+                                                     {{u"status"_s, u"Available"_s}, {u"licensedClients"_s, 2},
+                                                      {u"guiClients"_s, QJsonArray()}})}));
+        QTRY_COMPARE(app.announcementLine()->text(), u"Announced \u00B7 0 of 2 clients in use"_s);
+        QCOMPARE(app.selectedRow(), 1);
+        QCOMPARE(spokenRows(app).at(0), u"Alpha, 10.0.0.1, Enabled, Not answering: no answer to info, since "_s + at);
+        QCOMPARE(spokenRows(app).at(2), u"Charlie, 10.0.0.3, Enabled, Connecting\u2026"_s);
+
+        // Gone: the service stopped; every radio grey, and no message about it.
+        const QString status = app.statusText();
+        QFile::remove(world.runtimeDir() + u"/Veldspar/state.json"_s);
+        QTRY_COMPARE(app.announcementLine()->text(), u"Not announced: the service is not running"_s);
+        QVERIFY(sameColour(dotColour(app, 0), neutralColor()));
+        QCOMPARE(app.statusText(), status);
+    }
+
+    void aBadStateFileChangesNothingOnScreen_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        const QByteArray good = stateFile(QCoreApplication::applicationPid(),
+                                          {liveEntry(u"A-1"_s, u"10.0.0.1"_s, u"connecting"_s, QDateTime::currentDateTime())});
+        QTest::newRow("garbage") << QByteArray("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16);
+        QTest::newRow("half written") << good.left(good.size() / 2);
+        QTest::newRow("empty") << QByteArray();
+        QTest::newRow("huge") << QByteArray(good).append(QByteArray(largestLiveState, ' '));
+    }
+
+    void aBadStateFileChangesNothingOnScreen()
+    {
+        QFETCH(QByteArray, bytes);
+        TestWorld world;
+        world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s, u"Alpha"_s)}));
+        publishState(world, stateFile(QCoreApplication::applicationPid(),
+                                      {liveEntry(u"A-1"_s, u"10.0.0.1"_s, u"notAnswering"_s, QDateTime::currentDateTime(),
+                                                 {{u"reason"_s, u"connection refused"_s}})}));
+        RunningApp app(world);
+        QTRY_VERIFY(app.announcementLine()->text().startsWith(u"Not answering: connection refused"_s));
+        const QString shown = app.announcementLine()->text();
+        const QStringList rows = spokenRows(app);
+        const QString status = app.statusText();
+        DialogAnswerer answerer;
+
+        publishState(world, bytes);
+        // The watcher has long fired by then; a well-formed file lands well within it.
+        QTest::qWait(700);
+        QCOMPARE(app.announcementLine()->text(), shown);
+        QCOMPARE(spokenRows(app), rows);
+        QCOMPARE(app.statusText(), status);
+        QVERIFY(answerer.shown().isEmpty());
+    }
+
+    void aFifoInPlaceOfTheStateFileIsNotWaitedFor()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s, u"Alpha"_s)}));
+        const QString path = world.runtimeDir() + u"/Veldspar/state.json"_s;
+        QVERIFY(QDir().mkpath(QFileInfo(path).path()));
+        QCOMPARE(::mkfifo(QFile::encodeName(path).constData(), 0600), 0);
+        QElapsedTimer clock;
+        clock.start();
+        RunningApp app(world);
+        QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+        QVERIFY(clock.elapsed() < 10000); // a blocking open would never have returned
+        QCOMPARE(spokenRows(app), QStringList{u"Alpha, 10.0.0.1, Enabled, Not announced: the service is not running"_s});
+    }
+
+    void aStateFileOfAGoneServiceShowsGrey()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s, u"Alpha"_s)}));
+        // A process that has ended: its id names nothing now.
+        QProcess ended;
+        ended.start(u"true"_s, {});
+        QVERIFY(ended.waitForFinished(5000));
+        const qint64 gone = ended.processId() > 0 ? ended.processId() : 4194303;
+        QVERIFY(!processExists(gone));
+        const auto announced = [](qint64 pid) {
+            return stateFile(pid, {liveEntry(u"A-1"_s, u"10.0.0.1"_s, u"announced"_s, QDateTime::currentDateTime(),
+                                             {{u"status"_s, u"Available"_s}, {u"licensedClients"_s, 2}})});
+        };
+        publishState(world, announced(gone));
+        RunningApp app(world);
+        QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+        QCOMPARE(app.announcementLine()->text(), u"Not announced: the service is not running"_s);
+
+        // A service that dies without removing its file is noticed at the status monitor's tick.
+        QProcess service;
+        service.start(u"sleep"_s, {u"60"_s});
+        QVERIFY(service.waitForStarted(5000));
+        publishState(world, announced(service.processId()));
+        QTRY_COMPARE(app.announcementLine()->text(), u"Announced \u00B7 0 of 2 clients in use"_s);
+        service.kill();
+        QVERIFY(service.waitForFinished(5000));
+        QTRY_COMPARE_WITH_TIMEOUT(app.announcementLine()->text(), u"Not announced: the service is not running"_s, 10000);
     }
 
 private:
