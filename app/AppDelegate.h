@@ -25,6 +25,7 @@ class QLineEdit;
 class QListView;
 class QMainWindow;
 class QPushButton;
+class ElidingLabel;
 class QFileSystemWatcher;
 class QTimer;
 class QVBoxLayout;
@@ -103,6 +104,7 @@ public:
 
     // Control factories (app/MainWindow.cpp).
     QLabel *label(const QString &text, int size, QFont::Weight weight = QFont::Normal, bool secondary = false);
+    void styleLabel(QLabel *made, int size, QFont::Weight weight = QFont::Normal, bool secondary = false);
     QHBoxLayout *row();
     QPushButton *button(const QString &title, void (AppDelegate::*action)());
 
@@ -120,7 +122,8 @@ private:
     void buildViewTree();
     QLayout *buildSplitRow();
     QLayout *buildServiceRow();
-    QLabel *detailValue(QVBoxLayout *stack, const QString &caption, const QString &name);
+    // A caption and its value (a label made by the caller), one block of the details panel.
+    QLabel *detailValue(QVBoxLayout *stack, const QString &caption, const QString &name, QLabel *value);
 
     // The service's live state (service/LiveStateWatch.cpp).
     void armLiveStateWatch();
@@ -157,7 +160,7 @@ private:
     QCheckBox *enabledButton = nullptr;
     QPushButton *removeButton = nullptr;
     RadioEntries entries;
-    QLabel *announcementLine = nullptr;
+    ElidingLabel *announcementLine = nullptr;
     QString liveStatePath;
     QFileSystemWatcher *liveStateWatcher = nullptr;
     std::optional<ServiceLiveState> liveState; // nothing while no service runs

@@ -1,5 +1,6 @@
 #include "app/AppDelegate.h"
 
+#include "app/ElidingLabel.h"
 #include "app/RadioPresentation.h"
 
 #include <QCheckBox>
@@ -46,8 +47,7 @@ void AppDelegate::updateDetails()
     const int row = selectedRow();
     const QString announced = content.controlsEnabled && row < announcements.size() ? announcements.at(row).line
                                                                                    : QStringLiteral("\u2014");
-    announcementLine->setText(announced);
-    announcementLine->setAccessibleName(QStringLiteral("Announcement: ") + announced);
+    announcementLine->setFullText(announced, QStringLiteral("Announcement: ") + announced);
     enabledButton->setEnabled(content.controlsEnabled);
     removeButton->setEnabled(content.controlsEnabled);
     // Showing the entry is not an edit of it, so it must not reach toggleRadio.

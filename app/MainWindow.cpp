@@ -1,6 +1,7 @@
 #include "app/AppDelegate.h"
 
 #include "app/AppIcon.h"
+#include "app/ElidingLabel.h"
 #include "app/Fonts.h"
 #include "app/RadioPresentation.h"
 #include "app/RadioTable.h"
@@ -36,11 +37,16 @@ QPalette secondaryPalette(QPalette palette)
 QLabel *AppDelegate::label(const QString &text, int size, QFont::Weight weight, bool secondary)
 {
     auto *made = new QLabel(text);
+    styleLabel(made, size, weight, secondary);
+    return made;
+}
+
+void AppDelegate::styleLabel(QLabel *made, int size, QFont::Weight weight, bool secondary)
+{
     made->setTextFormat(Qt::PlainText); // names and addresses come from radios and files, never markup
     made->setFont(systemFont(size, weight));
     if (secondary)
         made->setPalette(secondaryPalette(made->palette()));
-    return made;
 }
 
 QHBoxLayout *AppDelegate::row()
@@ -170,13 +176,13 @@ void AppDelegate::buildViewTree()
 }
 
 // A caption and its value, one block of the details panel.
-QLabel *AppDelegate::detailValue(QVBoxLayout *stack, const QString &caption, const QString &name)
+QLabel *AppDelegate::detailValue(QVBoxLayout *stack, const QString &caption, const QString &name, QLabel *value)
 {
     auto *block = new QVBoxLayout;
     block->setSpacing(3);
     QLabel *captionLabel = label(caption, 10, QFont::DemiBold, true);
     block->addWidget(captionLabel);
-    QLabel *value = label(QStringLiteral("\u2014"), 13);
+    styleLabel(value, 13);
     value->setObjectName(name);
     value->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
     // Selectable labels take focus only by click; Tab must reach them too, so that a value
@@ -219,18 +225,22 @@ QLayout *AppDelegate::buildSplitRow()
     auto *detailsStack = new QVBoxLayout(details);
     detailsStack->setContentsMargins(0, 0, 0, 0);
     detailsStack->setSpacing(12);
-    detailsStack->setAlignment(Qt::AlignTop | Qt::AlignLeft);
+    // Items keep to the left one by one and a stretch at the end keeps them at the top: the
+    // stack itself spans the panel, so a line that gives way at its end knows the width it has
+    // (a layout with an alignment of its own would size to its hint).
 
     detailTitle = label(QStringLiteral("Select a radio"), 19, QFont::DemiBold);
     detailTitle->setObjectName(QStringLiteral("detailTitle"));
     detailsStack->addWidget(detailTitle, 0, Qt::AlignLeft);
     for (const DetailField &field : detailFields()) {
-        QLabel *value = detailValue(detailsStack, field.caption, QStringLiteral("value:") + field.key);
+        QLabel *value =
+            detailValue(detailsStack, field.caption, QStringLiteral("value:") + field.key, new QLabel(QStringLiteral("\u2014")));
         values.insert(field.key, value);
     }
-    // What the service is doing with the radio right now, from its state file.
-    announcementLine = detailValue(detailsStack, QStringLiteral("ANNOUNCEMENT"), QStringLiteral("announcement"));
-    announcementLine->setWordWrap(true);
+    // What the service is doing with the radio right now, from its state file. The panel has
+    // no room for a second line, so a long one gives way at its end.
+    announcementLine = new ElidingLabel;
+    detailValue(detailsStack, QStringLiteral("ANNOUNCEMENT"), QStringLiteral("announcement"), announcementLine);
 
     enabledButton = new QCheckBox(QStringLiteral("Include in discovery"));
     enabledButton->setObjectName(QStringLiteral("enabledButton"));
@@ -242,8 +252,9 @@ QLayout *AppDelegate::buildSplitRow()
     removeButton = button(QStringLiteral("Remove Radio"), &AppDelegate::removeRadio);
     removeButton->setObjectName(QStringLiteral("removeButton"));
     detailsStack->addWidget(removeButton, 0, Qt::AlignLeft);
+    detailsStack->addStretch(1);
 
-    split->addWidget(details, 1, Qt::AlignTop);
+    split->addWidget(details, 1);
     return split;
 }
 

@@ -1359,6 +1359,41 @@ private Q_SLOTS:
         QCOMPARE(app.statusText(), status);
     }
 
+    void aLineTooLongForThePanelGivesWayAtItsEnd()
+    {
+        TestWorld world;
+        world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s, u"Alpha"_s)}));
+        QJsonArray clients;
+        for (int i = 0; i < 4; ++i)
+            clients.append(QJsonObject{{u"program"_s, u"SmartSDR-Win"_s}, {u"station"_s, u"CONTEST-OPERATING-POSITION-"_s + QString::number(i)}});
+        publishState(world, stateFile(QCoreApplication::applicationPid(),
+                                      {liveEntry(u"A-1"_s, u"10.0.0.1"_s, u"announced"_s, QDateTime::currentDateTime(),
+                                                 {{u"status"_s, u"In_Use"_s}, {u"licensedClients"_s, 4}, {u"guiClients"_s, clients}})}));
+        RunningApp app(world);
+        QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+        app.selectRow(0);
+
+        const QString whole = u"Announced \u00B7 4 of 4 clients in use (SmartSDR-Win at CONTEST-OPERATING-POSITION-0, "
+                              "SmartSDR-Win at CONTEST-OPERATING-POSITION-1, SmartSDR-Win at CONTEST-OPERATING-POSITION-2, "
+                              "SmartSDR-Win at CONTEST-OPERATING-POSITION-3)"_s;
+        QLabel *line = app.announcementLine();
+        QTRY_VERIFY(line->text().endsWith(u"\u2026"_s));
+        QVERIFY(whole.startsWith(line->text().chopped(1)));
+        // Shown in one line within the panel, the window no wider for it.
+        QVERIFY(line->fontMetrics().horizontalAdvance(line->text()) <= line->contentsRect().width());
+        QVERIFY(line->geometry().right() <= line->parentWidget()->contentsRect().right());
+        QVERIFY(app.window()->width() < line->fontMetrics().horizontalAdvance(whole));
+        // The whole line is still there to hover over and to hear.
+        QCOMPARE(line->toolTip(), whole);
+        QCOMPARE(QAccessible::queryAccessibleInterface(line)->text(QAccessible::Name), u"Announcement: "_s + whole);
+
+        // A line that fits is shown whole, with no tool tip repeating it.
+        publishState(world, stateFile(QCoreApplication::applicationPid(),
+                                      {liveEntry(u"A-1"_s, u"10.0.0.1"_s, u"connecting"_s, QDateTime::currentDateTime())}));
+        QTRY_COMPARE(line->text(), u"Connecting\u2026"_s);
+        QVERIFY(line->toolTip().isEmpty());
+    }
+
     void aBadStateFileChangesNothingOnScreen_data()
     {
         QTest::addColumn<QByteArray>("bytes");

@@ -1,8 +1,9 @@
 // Opens the real application, waits until its window is on screen, saves the window's pixels
 // as a PNG and quits. Used under Xvfb by "make screenshot".
 //
-//   screenshot BUNDLE OUTPUT.png [--wait MS] [--add-radio ADDRESS] [--systemctl PATH]
+//   screenshot BUNDLE OUTPUT.png [--wait MS] [--add-radio ADDRESS] [--systemctl PATH] [--select ROW]
 //
+// --select picks that row of the radio list before the picture is taken.
 // With --add-radio it goes the user's way through "Add Radio…": it saves the question as
 // OUTPUT-dialog.png, types the address, presses OK, saves any message that follows as
 // OUTPUT-message.png, and saves the window once the app is idle again. --systemctl points the
@@ -17,6 +18,7 @@
 #include <QAbstractButton>
 #include <QApplication>
 #include <QLineEdit>
+#include <QListView>
 #include <QMainWindow>
 #include <QMenu>
 #include <QMenuBar>
@@ -140,7 +142,8 @@ int main(int argc, char *argv[])
     QApplication application(argc, argv);
     QStringList arguments = QCoreApplication::arguments().mid(1);
     if (arguments.size() < 2) {
-        std::fprintf(stderr, "usage: screenshot BUNDLE OUTPUT.png [--wait MS] [--add-radio ADDRESS] [--systemctl PATH]\n");
+        std::fprintf(stderr, "usage: screenshot BUNDLE OUTPUT.png [--wait MS] [--add-radio ADDRESS] [--systemctl PATH] "
+                             "[--select ROW]\n");
         return 2;
     }
     // The tool lives outside the bundle, so it points the app at the bundle's resources.
@@ -148,6 +151,7 @@ int main(int argc, char *argv[])
     const QString output = arguments.takeFirst();
     int waitMs = 1500;
     QString address;
+    int selectRow = -1;
     bool checkUpdates = false;
     if (arguments.removeAll(QStringLiteral("--check-updates")) > 0)
         checkUpdates = true;
@@ -160,11 +164,18 @@ int main(int argc, char *argv[])
             address = value;
         else if (option == QStringLiteral("--systemctl"))
             setSystemctlProgramForTesting(value);
+        else if (option == QStringLiteral("--select"))
+            selectRow = value.toInt();
     }
 
     AppDelegate delegate;
     delegate.applicationDidFinishLaunching();
     QMainWindow *window = delegate.mainWindow();
+
+    if (selectRow >= 0) {
+        if (auto *list = window->findChild<QListView *>(QStringLiteral("table")); list && list->model())
+            list->setCurrentIndex(list->model()->index(selectRow, 0));
+    }
 
     std::unique_ptr<UpdateWindowFollower> follower;
     if (checkUpdates) {
