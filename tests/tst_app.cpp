@@ -70,6 +70,12 @@ void holdBravosProbe(const TestWorld &world)
     world.answerDiscover(u"10.0.0.2"_s, QJsonDocument(answer).toJson(QJsonDocument::Compact) + '\n', 0, true);
 }
 
+// The configuration most tests start from: one radio with every field filled in.
+void writeAlpha(TestWorld &world)
+{
+    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s)}));
+}
+
 // Waits until the app's window is on screen and has keyboard focus, as after a real launch.
 bool windowReady(const RunningApp &app)
 {
@@ -447,7 +453,7 @@ void AppShellTest::menusOfferQuitAndTheEditCommands()
 void AppShellTest::viewTreeShowsEveryTextAndControl()
 {
     TestWorld world;
-    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s)}));
+    writeAlpha(world);
     RunningApp app(world);
     QVERIFY(QTest::qWaitForWindowExposed(app.window()));
     QWidget *content = app.window()->centralWidget();
@@ -570,7 +576,7 @@ void AppShellTest::statusSaysNoRadiosWithoutAFile()
 void AppShellTest::tenThousandRadiosCreateNoRowWidgets()
 {
     TestWorld world;
-    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s)}));
+    writeAlpha(world);
     RunningApp app(world);
     QVERIFY(QTest::qWaitForWindowExposed(app.window()));
     app.table()->grab(); // paint the visible rows
@@ -738,7 +744,7 @@ void AppShellTest::bringingForwardRestoresAMinimisedWindow()
 void AppShellTest::shrinkingStopsAtTheMinimumContentSize()
 {
     TestWorld world;
-    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s)}));
+    writeAlpha(world);
     RunningApp app(world);
     QVERIFY(QTest::qWaitForWindowExposed(app.window()));
     QWidget *content = app.window()->centralWidget();
@@ -813,7 +819,7 @@ void AppShellTest::ctrlQQuits()
 void AppShellTest::editShortcutsActOnTheFocusedTextField()
 {
     TestWorld world;
-    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s)}));
+    writeAlpha(world);
     RunningApp app(world);
     QVERIFY(windowReady(app));
     QClipboard *clipboard = QGuiApplication::clipboard();
@@ -1017,7 +1023,7 @@ void AppShellTest::numericFirmwareShowsADash()
 void AppShellTest::everyWayOfChangingTheIncludeBoxSavesOnce()
 {
     TestWorld world;
-    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s)}));
+    writeAlpha(world);
     RunningApp app(world);
     QVERIFY(windowReady(app));
     QCheckBox *box = app.includeBox();
@@ -1230,7 +1236,7 @@ void AppShellTest::detailValuesAreLabelledByTheirCaptions()
 void AppShellTest::controlsHaveAccessibleNames()
 {
     TestWorld world;
-    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s)}));
+    writeAlpha(world);
     RunningApp app(world);
     QVERIFY(windowReady(app));
 
@@ -1484,7 +1490,7 @@ void AppShellTest::wideTitleIsNeitherCutNorScaledButCentred()
 void AppShellTest::focusedButtonShowsARing()
 {
     TestWorld world;
-    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s)}));
+    writeAlpha(world);
     RunningApp app(world);
     QVERIFY(windowReady(app));
     ServiceButton *button = app.serviceButton();
@@ -1525,7 +1531,7 @@ void AppShellTest::focusedButtonShowsARing()
 void AppShellTest::tabReachesTheEnabledButton()
 {
     TestWorld world;
-    world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s)}));
+    writeAlpha(world);
     RunningApp app(world);
     QVERIFY(windowReady(app));
     ServiceButton *button = app.serviceButton();
