@@ -4,44 +4,202 @@
 
 #include <QDeadlineTimer>
 #include <QDir>
-#include <QLocalServer>
-#include <QLocalSocket>
+#include <QFile>
 #include <QLockFile>
+#include <QSocketNotifier>
+#include <QThread>
 #include <QTimer>
 
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <optional>
+#include <utility>
+
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace {
 const QByteArray showRequest = QByteArrayLiteral("show\n");
 const QByteArray shownAnswer = QByteArrayLiteral("shown\n");
-constexpr qint64 longestLine = 64;
+constexpr qsizetype longestLine = 64;
 // A client that says nothing within this time is dropped.
 constexpr int requestWaitMs = 5000;
 // How long a copy that holds the socket may take to accept a connection.
 constexpr int connectWaitMs = 1000;
+constexpr int backlog = 16;
 
 int remainingMs(const QDeadlineTimer &deadline)
 {
-    return int(qMax<qint64>(0, deadline.remainingTime()));
+    return int(qMin<qint64>(qMax<qint64>(0, deadline.remainingTime()), std::numeric_limits<int>::max()));
 }
 
-// In the shared temporary folder another account could hold the name; its socket is not ours.
-bool peerIsThisUser(const QLocalSocket &socket)
+// A socket closed when it goes out of scope.
+class Socket
+{
+public:
+    Socket() : m_fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {}
+    ~Socket()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+    }
+    Socket(const Socket &) = delete;
+    Socket &operator=(const Socket &) = delete;
+
+    int fd() const { return m_fd; }
+    int release() { return std::exchange(m_fd, -1); }
+
+private:
+    int m_fd;
+};
+
+std::optional<sockaddr_un> addressOf(const QString &name)
+{
+    const QByteArray path = QFile::encodeName(name);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path.isEmpty() || path.size() >= qsizetype(sizeof(address.sun_path)))
+        return std::nullopt;
+    std::memcpy(address.sun_path, path.constData(), size_t(path.size()));
+    return address;
+}
+
+// In the shared temporary folder another account could hold the name or call it; neither is
+// one of our copies.
+bool peerIsThisUser(int fd)
 {
     struct ucred peer = {};
     socklen_t size = sizeof(peer);
-    if (::getsockopt(int(socket.socketDescriptor()), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
         return false;
     return peer.uid == ::geteuid();
 }
+
+// Waits until the socket is ready for the events or the deadline passes.
+bool waitFor(int fd, short events, const QDeadlineTimer &deadline)
+{
+    for (;;) {
+        pollfd watched = {fd, events, 0};
+        const int ready = ::poll(&watched, 1, remainingMs(deadline));
+        if (ready > 0)
+            return true;
+        if (ready == 0 || errno != EINTR)
+            return false;
+    }
+}
+
+bool connectWithin(int fd, const sockaddr_un &address, const QDeadlineTimer &deadline)
+{
+    for (;;) {
+        if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0 || errno == EISCONN)
+            return true;
+        // A copy whose queue of connections is full accepts again in a moment; a socket
+        // nobody listens on (a crashed copy's) refuses at once.
+        if ((errno != EAGAIN && errno != EINTR) || deadline.hasExpired())
+            return false;
+        QThread::msleep(5);
+    }
+}
+
+bool sendAll(int fd, const QByteArray &bytes, const QDeadlineTimer &deadline)
+{
+    qsizetype sent = 0;
+    while (sent < bytes.size()) {
+        const ssize_t written = ::send(fd, bytes.constData() + sent, size_t(bytes.size() - sent), MSG_NOSIGNAL);
+        if (written > 0)
+            sent += written;
+        else if (written < 0 && errno == EINTR)
+            continue;
+        else if (written < 0 && errno == EAGAIN && waitFor(fd, POLLOUT, deadline))
+            continue;
+        else
+            return false;
+    }
+    return true;
+}
+
+// The first line, with its end, of at most longestLine bytes.
+QByteArray readLine(int fd, const QDeadlineTimer &deadline)
+{
+    QByteArray line;
+    while (!line.contains('\n') && line.size() < longestLine) {
+        char chunk[longestLine];
+        const ssize_t got = ::recv(fd, chunk, size_t(longestLine - line.size()), 0);
+        if (got > 0)
+            line.append(chunk, got);
+        else if (got == 0)
+            break;
+        else if (errno == EINTR)
+            continue;
+        else if (errno != EAGAIN || !waitFor(fd, POLLIN, deadline))
+            break;
+    }
+    const qsizetype end = line.indexOf('\n');
+    return end < 0 ? line : line.left(end + 1);
+}
+
+// One connection to the running copy: one short line is read and answered, then it closes.
+class Request : public QObject
+{
+public:
+    Request(int fd, std::function<void()> onShow, QObject *parent) :
+        QObject(parent), m_fd(fd), m_onShow(std::move(onShow)), m_reader(new QSocketNotifier(fd, QSocketNotifier::Read, this))
+    {
+        connect(m_reader, &QSocketNotifier::activated, this, &Request::read);
+        QTimer::singleShot(requestWaitMs, this, &Request::finish);
+    }
+    ~Request() override { ::close(m_fd); }
+
+private:
+    void read()
+    {
+        char chunk[longestLine];
+        const ssize_t got = ::recv(m_fd, chunk, size_t(longestLine - m_line.size()), MSG_DONTWAIT);
+        if (got < 0 && (errno == EAGAIN || errno == EINTR))
+            return;
+        if (got > 0) {
+            m_line.append(chunk, got);
+            if (!m_line.contains('\n') && m_line.size() < longestLine)
+                return; // the rest of the line is still on its way
+        }
+        const qsizetype end = m_line.indexOf('\n');
+        if (end >= 0 && m_line.left(end + 1) == showRequest) {
+            m_onShow();
+            ::send(m_fd, shownAnswer.constData(), size_t(shownAnswer.size()), MSG_NOSIGNAL | MSG_DONTWAIT);
+        }
+        finish();
+    }
+
+    void finish()
+    {
+        m_reader->setEnabled(false);
+        deleteLater();
+    }
+
+    int m_fd;
+    QByteArray m_line;
+    std::function<void()> m_onShow;
+    QSocketNotifier *m_reader;
+};
 } // namespace
 
 SingleInstance::SingleInstance(QString serverName, QObject *parent) : QObject(parent), m_name(std::move(serverName))
 {
 }
 
-SingleInstance::~SingleInstance() = default;
+SingleInstance::~SingleInstance()
+{
+    if (m_listener < 0)
+        return;
+    delete m_listening;
+    ::close(m_listener);
+    QFile::remove(m_name);
+}
 
 QString SingleInstance::defaultServerName()
 {
@@ -70,60 +228,68 @@ SingleInstance::Claim SingleInstance::claim(int timeoutMs)
 
 SingleInstance::Claim SingleInstance::askRunningCopy(const QDeadlineTimer &deadline) const
 {
-    QLocalSocket socket;
-    socket.connectToServer(m_name, QIODevice::ReadWrite);
-    if (!socket.waitForConnected(qMin(connectWaitMs, remainingMs(deadline))))
+    const std::optional<sockaddr_un> address = addressOf(m_name);
+    Socket socket;
+    if (!address || socket.fd() < 0)
+        return Claim::Primary;
+    const QDeadlineTimer connecting(qMin(connectWaitMs, remainingMs(deadline)));
+    if (!connectWithin(socket.fd(), *address, connecting))
         return Claim::Primary; // nobody listens: no copy runs, or one crashed and left its socket
-    if (!peerIsThisUser(socket))
+    if (!peerIsThisUser(socket.fd()))
         return Claim::Primary;
 
-    socket.write(showRequest);
     // The running copy answers once its event loop turns, which takes a while during its start.
-    if (!socket.waitForBytesWritten(remainingMs(deadline)))
+    if (!sendAll(socket.fd(), showRequest, deadline))
         return Claim::RunningCopyBusy;
-    while (!socket.canReadLine() && socket.bytesAvailable() < longestLine && socket.waitForReadyRead(remainingMs(deadline))) {
-    }
-    return socket.readLine(longestLine) == shownAnswer ? Claim::RaisedRunningCopy : Claim::RunningCopyBusy;
+    return readLine(socket.fd(), deadline) == shownAnswer ? Claim::RaisedRunningCopy : Claim::RunningCopyBusy;
 }
 
 void SingleInstance::listen()
 {
+    const std::optional<sockaddr_un> address = addressOf(m_name);
+    Socket socket;
+    const auto fail = [this](const char *why) {
+        qWarning("Later starts of Veldspar cannot find this one: %s: %s", qPrintable(QDir::toNativeSeparators(m_name)), why);
+    };
+    if (!address)
+        return fail("the path is too long for a socket");
+    if (socket.fd() < 0)
+        return fail(std::strerror(errno));
     // Called under the lock with nobody answering: whatever holds the name is left over.
-    QLocalServer::removeServer(m_name);
-    auto *server = new QLocalServer(this);
-    server->setSocketOptions(QLocalServer::UserAccessOption);
-    if (!server->listen(m_name)) {
-        qWarning("Later starts of Veldspar cannot find this one: %s", qPrintable(server->errorString()));
-        delete server;
-        return;
-    }
-    m_server = server;
-    connect(m_server, &QLocalServer::newConnection, this, &SingleInstance::acceptRequests);
+    ::unlink(address->sun_path);
+    if (::bind(socket.fd(), reinterpret_cast<const sockaddr *>(&*address), sizeof(*address)) != 0)
+        return fail(std::strerror(errno));
+    // Only this user may connect; requests are checked for their sender as well.
+    ::chmod(address->sun_path, S_IRUSR | S_IWUSR);
+    if (::listen(socket.fd(), backlog) != 0)
+        return fail(std::strerror(errno));
+
+    m_listener = socket.release();
+    m_listening = new QSocketNotifier(m_listener, QSocketNotifier::Read, this);
+    connect(m_listening, &QSocketNotifier::activated, this, &SingleInstance::acceptRequests);
 }
 
 void SingleInstance::acceptRequests()
 {
-    while (QLocalSocket *socket = m_server->nextPendingConnection()) {
-        connect(socket, &QLocalSocket::readyRead, this, [this, socket] { readRequest(socket); });
-        connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
-        QTimer::singleShot(requestWaitMs, socket, [socket] {
-            socket->abort();
-            socket->deleteLater();
-        });
-        if (socket->bytesAvailable() > 0)
-            readRequest(socket);
+    for (;;) {
+        const int connection = ::accept4(m_listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (connection < 0) {
+            if (errno == EINTR)
+                continue;
+            return; // none left (or a connection that gave up before it was taken)
+        }
+        answer(connection);
     }
 }
 
-void SingleInstance::readRequest(QLocalSocket *socket)
+void SingleInstance::answer(int connection)
 {
-    if (!socket->canReadLine() && socket->bytesAvailable() < longestLine)
-        return; // the rest of the line is still on its way
-    const QByteArray request = socket->readLine(longestLine);
-    if (request == showRequest) {
+    if (!peerIsThisUser(connection)) {
+        ::close(connection);
+        return;
+    }
+    new Request(connection, [this] {
         qInfo("Another start of Veldspar asked this copy to come forward.");
         Q_EMIT activationRequested();
-        socket->write(shownAnswer);
-    }
-    socket->disconnectFromServer();
+    }, this);
 }

@@ -4,11 +4,11 @@
 #include <QString>
 
 class QDeadlineTimer;
-class QLocalServer;
-class QLocalSocket;
+class QSocketNotifier;
 
 // One copy of the app per user and session. The first copy listens on a local socket; a later
-// start connects to it, asks it to come forward and leaves. Every wait is bounded.
+// start connects to it, asks it to come forward and leaves. Every wait is bounded. Plain Unix
+// sockets rather than Qt Network, which the app does not load until its window is up.
 class SingleInstance : public QObject
 {
     Q_OBJECT
@@ -39,8 +39,9 @@ private:
     Claim askRunningCopy(const QDeadlineTimer &deadline) const;
     void listen();
     void acceptRequests();
-    void readRequest(QLocalSocket *socket);
+    void answer(int connection);
 
     QString m_name;
-    QLocalServer *m_server = nullptr;
+    int m_listener = -1;
+    QSocketNotifier *m_listening = nullptr;
 };
