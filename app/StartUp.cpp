@@ -1,5 +1,6 @@
 #include "app/AppDelegate.h"
 
+#include "app/AfterFirstFrame.h"
 #include "updates/EmberlaneUpdates.h"
 
 #include <QGuiApplication>
@@ -42,6 +43,8 @@ void AppDelegate::applicationDidFinishLaunching()
         window->move(frame.topLeft());
     }
     bringWindowForward();
+    // The update engine's libraries are not needed to draw the window.
+    afterFirstFrame(window.get(), [] { EmberlaneUpdates::shared().loadEngine(); });
 
     // Asked only once the window is on screen, from the next turn of the event loop.
     QTimer::singleShot(0, this, &AppDelegate::offerServiceRefresh);

@@ -6,6 +6,8 @@
 #include "Measure.h"
 
 #include "app/AppDelegate.h"
+#include "updates/LinkedUpdateEngine.h"
+#include "updates/UpdateEngineLoader.h"
 #include "platform/Bundle.h"
 
 #include <QApplication>
@@ -17,6 +19,7 @@
 int main(int argc, char *argv[])
 {
     QApplication application(argc, argv);
+    setUpdateEngineFactory(&veldsparCreateUpdateEngine); // the engine is linked in
     if (argc < 2) {
         std::fprintf(stderr, "usage: app_startup BUNDLE\n");
         return 2;

@@ -7,6 +7,8 @@
 #include "Measure.h"
 
 #include "app/AppDelegate.h"
+#include "updates/LinkedUpdateEngine.h"
+#include "updates/UpdateEngineLoader.h"
 #include "app/StatusLabel.h"
 #include "platform/Bundle.h"
 
@@ -61,6 +63,7 @@ double median(QList<double> samples)
 int main(int argc, char *argv[])
 {
     QApplication application(argc, argv);
+    setUpdateEngineFactory(&veldsparCreateUpdateEngine); // the engine is linked in
     if (argc < 3) {
         std::fprintf(stderr, "usage: radio_list FAKES_DIR SVG\n");
         return 2;

@@ -6,6 +6,8 @@
 #include "Measure.h"
 
 #include "app/AppDelegate.h"
+#include "updates/LinkedUpdateEngine.h"
+#include "updates/UpdateEngineLoader.h"
 #include "platform/Bundle.h"
 #include "platform/SystemTools.h"
 
@@ -28,6 +30,7 @@ double cpuSeconds(int who)
 int main(int argc, char *argv[])
 {
     QApplication application(argc, argv);
+    setUpdateEngineFactory(&veldsparCreateUpdateEngine); // the engine is linked in
     if (argc < 3) {
         std::fprintf(stderr, "usage: status_poll BUNDLE SYSTEMCTL [SECONDS]\n");
         return 2;

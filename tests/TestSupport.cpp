@@ -7,6 +7,8 @@
 #include "platform/Background.h"
 #include "platform/Bundle.h"
 #include "platform/SystemTools.h"
+#include "updates/LinkedUpdateEngine.h"
+#include "updates/UpdateEngineLoader.h"
 
 #include <QAbstractButton>
 #include <QApplication>
@@ -48,6 +50,14 @@ QByteArray readTestFile(const QString &path)
 }
 
 namespace {
+// The tests carry the update engine themselves; the app in them uses it instead of loading the
+// bundle's library.
+void useLinkedUpdateEngine()
+{
+    setUpdateEngineFactory(&veldsparCreateUpdateEngine);
+}
+Q_CONSTRUCTOR_FUNCTION(useLinkedUpdateEngine)
+
 QString hexKey(const QString &address)
 {
     const QByteArray hex = address.toUtf8().toHex();

@@ -10,6 +10,7 @@
 #include "app/ServiceButton.h"
 #include "app/StatusLabel.h"
 #include "platform/WindowTitle.h"
+#include "updates/EmberlaneUpdates.h"
 
 #include <QAccessible>
 #include <QAction>
@@ -37,6 +38,7 @@
 #include <QTextLayout>
 #include <QTest>
 #include <QUrl>
+#include <QWindow>
 
 #include <functional>
 
@@ -69,6 +71,26 @@ void holdBravosProbe(const TestWorld &world)
     answer.remove(u"ipAddress"_s);
     world.answerDiscover(u"10.0.0.2"_s, QJsonDocument(answer).toJson(QJsonDocument::Compact) + '\n', 0, true);
 }
+
+// Calls back with every event the object gets, before the object handles it.
+class EventRecorder : public QObject
+{
+public:
+    EventRecorder(QObject *watched, std::function<void(QEvent *)> seen) : m_seen(std::move(seen))
+    {
+        watched->installEventFilter(this);
+    }
+
+protected:
+    bool eventFilter(QObject *, QEvent *event) override
+    {
+        m_seen(event);
+        return false;
+    }
+
+private:
+    std::function<void(QEvent *)> m_seen;
+};
 
 // The configuration most tests start from: one radio with every field filled in.
 void writeAlpha(TestWorld &world)
@@ -347,6 +369,8 @@ private Q_SLOTS:
     void whileSavingOnlyReloadAndShowFilesAct();
     void closingTheWindowQuits();
     void secondStartBringsTheFirstForwardAndLeaves();
+    void theAppStartsWithoutTheUpdateLibraries();
+    void theUpdateEngineWaitsForTheFirstFrame();
     void bringingForwardRestoresAMinimisedWindow();
 
     // Window and menus.
@@ -723,6 +747,72 @@ void AppShellTest::secondStartBringsTheFirstForwardAndLeaves()
         (firstLog += first.readAllStandardError()).contains("Another start of Veldspar asked this copy to come forward."),
         10000);
     QCOMPARE(first.state(), QProcess::Running);
+}
+
+// The real executable, as installed: the network, archive and crypto libraries come with the
+// update engine's library, which the app loads itself once it runs.
+void AppShellTest::theAppStartsWithoutTheUpdateLibraries()
+{
+    TestWorld world;
+    QProcess app;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(u"LD_DEBUG"_s, u"files"_s);
+    app.setProcessEnvironment(environment);
+    app.setProcessChannelMode(QProcess::MergedChannels);
+    app.start(QStringLiteral(VELDSPAR_APP_EXECUTABLE), QStringList());
+    const auto end = qScopeGuard([&app] {
+        app.kill();
+        app.waitForFinished(10000);
+    });
+    QVERIFY(app.waitForStarted(10000));
+    QByteArray log;
+    const QByteArray engineReady = "calling init: " + QFileInfo(QStringLiteral(VELDSPAR_APP_EXECUTABLE)).absolutePath().toUtf8()
+                                   + "/lib/libveldspar-updates.so";
+    QTRY_VERIFY_WITH_TIMEOUT((log += app.readAll()).contains(engineReady) || app.state() != QProcess::Running, 30000);
+    QVERIFY2(log.contains(engineReady), log.right(4000).constData());
+
+    // Each of them is first asked for by the engine's library, which the app loaded itself.
+    const QByteArray engine = "/lib/libveldspar-updates.so [0]";
+    QByteArray loadedBy;
+    for (const QByteArray &line : log.split('\n')) {
+        for (const char *library : {"libQt6Network.so", "libarchive.so", "libsodium.so"}) {
+            if (line.contains(QByteArray("file=") + library) && !loadedBy.contains(library))
+                loadedBy += QByteArray(library) + (line.contains("needed by") && line.contains(engine) ? " engine" : " other") + ';';
+        }
+        if (line.contains("file=") && line.contains("libveldspar-updates.so") && line.contains("dynamically loaded by")
+            && !loadedBy.contains("engine dynamically loaded"))
+            loadedBy += "engine dynamically loaded;";
+    }
+    QCOMPARE(loadedBy, QByteArray("engine dynamically loaded;libQt6Network.so engine;libsodium.so engine;libarchive.so engine;"));
+    QVERIFY2(!log.contains("The updater cannot start"), log.right(4000).constData());
+}
+
+// Run alone by ctest as well: only the process's first app shows when the engine comes.
+void AppShellTest::theUpdateEngineWaitsForTheFirstFrame()
+{
+    if (EmberlaneUpdates::shared().engineLoaded())
+        QSKIP("An earlier test of this run loaded the engine; ctest runs this test on its own too.");
+    TestWorld world;
+    writeAlpha(world);
+    RunningApp app(world);
+    QVERIFY(!EmberlaneUpdates::shared().engineLoaded());
+    // What the window's first exposure finds: the frame is drawn before the engine loads.
+    bool loadedAtFirstFrame = true;
+    bool exposed = false;
+    QWindow *handle = app.window()->windowHandle();
+    QVERIFY(handle);
+    if (handle->isExposed())
+        QSKIP("This platform exposed the window before the event loop turned; nothing to tell apart.");
+    EventRecorder recorder(handle, [&](QEvent *event) {
+        if (event->type() == QEvent::Expose && handle->isExposed() && !exposed) {
+            exposed = true;
+            loadedAtFirstFrame = EmberlaneUpdates::shared().engineLoaded();
+        }
+    });
+    QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+    QTRY_VERIFY(exposed);
+    QVERIFY(!loadedAtFirstFrame);
+    QTRY_VERIFY(EmberlaneUpdates::shared().engineLoaded());
 }
 
 void AppShellTest::bringingForwardRestoresAMinimisedWindow()

@@ -15,6 +15,8 @@
 #include "updates/Eligibility.h"
 #include "updates/EmberlaneUpdateCommands.h"
 #include "updates/EmberlaneUpdates.h"
+#include "updates/LinkedUpdateEngine.h"
+#include "updates/UpdateEngineLoader.h"
 #include "updates/StandardUserDriver.h"
 #include "updates/PropertyList.h"
 #include "updates/Relaunch.h"
@@ -33,6 +35,7 @@
 #include <QCheckBox>
 #include <QDir>
 #include <QDirIterator>
+#include <QRegularExpression>
 #include <QFile>
 #include <QFileInfo>
 #include <QMenu>
@@ -2084,6 +2087,54 @@ private Q_SLOTS:
     // -----------------------------------------------------------------------------------
     // The app's updater owner: its mirrors, the gate, the held relaunch and the commands
 
+    void theEngineLoadsWhenAskedOrAtTheFirstCheck()
+    {
+        install(installedRecipe());
+        static int made = 0;
+        made = 0;
+        setUpdateEngineFactory([](UserDriver *driver, UpdaterDelegate *delegate, const QString &bundle) {
+            ++made;
+            return veldsparCreateUpdateEngine(driver, delegate, bundle);
+        });
+        const auto linked = qScopeGuard([] { setUpdateEngineFactory(&veldsparCreateUpdateEngine); });
+        RecordingDriver driver;
+        driver.offerAnswer = UpdateAnswer::RemindLater;
+        EmberlaneUpdates updates(m_bundle, &driver);
+        QMenu menu;
+        updates.addMenuItems(&menu);
+        QTest::qWait(100);
+        QCOMPARE(made, 0);
+        QVERIFY(!updates.engineLoaded());
+
+        // "Check for Updates…" chosen before the engine is there loads it and checks.
+        updates.check();
+        QCOMPARE(made, 1);
+        QTRY_VERIFY_WITH_TIMEOUT(driver.events.contains(QStringLiteral("checking")), 10000);
+        updates.loadEngine();
+        QCOMPARE(made, 1);
+    }
+
+    void anEngineThatCannotBeLoadedLeavesCheckingOff()
+    {
+        install(installedRecipe());
+        // Without a factory the engine library is looked for beside the running bundle, and
+        // this one has none.
+        setUpdateEngineFactory(nullptr);
+        const auto linked = qScopeGuard([] { setUpdateEngineFactory(&veldsparCreateUpdateEngine); });
+        RecordingDriver driver;
+        EmberlaneUpdates updates(m_bundle, &driver);
+        QMenu menu;
+        updates.addMenuItems(&menu);
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("^The updater cannot start: The update engine cannot be loaded: .*libveldspar-updates\\.so")));
+        updates.loadEngine();
+        QVERIFY(!updates.engineLoaded());
+        updates.check();
+        QTest::qWait(100);
+        QVERIFY(!updates.canCheck());
+        QVERIFY(!menu.actions().at(0)->isEnabled());
+        QVERIFY(driver.events.isEmpty());
+    }
+
     void emberlaneMirrorsTheUpdaterFromTheNextTurn()
     {
         BundleRecipe recipe = installedRecipe();
@@ -2091,6 +2142,7 @@ private Q_SLOTS:
         install(recipe);
         RecordingDriver driver;
         EmberlaneUpdates updates(m_bundle, &driver);
+        updates.loadEngine(); // as the app does once its window is up
         // Until the event loop has turned once, the mirrors hold their first values.
         QCOMPARE(updates.canCheck(), false);
         QCOMPARE(updates.automaticChecks(), true);
@@ -2220,6 +2272,9 @@ private Q_SLOTS:
         QCOMPARE(items.at(0), quit);
         QCOMPARE(items.at(1)->text(), QStringLiteral("Check for Updates\u2026"));
         QVERIFY(items.at(1)->shortcut().isEmpty());
+        // The menu is built before the engine is loaded; the items take its state when it is.
+        QVERIFY(!items.at(1)->isEnabled());
+        updates.loadEngine();
         QVERIFY(items.at(1)->isEnabled());
         QAction *automatic = items.at(2);
         QCOMPARE(automatic->text(), QStringLiteral("Check for Updates Automatically"));
@@ -2245,6 +2300,7 @@ private Q_SLOTS:
         driver.offerAnswer = UpdateAnswer::RemindLater;
         EmberlaneUpdates updates(m_bundle, &driver);
         EmberlaneUpdateCommands commands(updates);
+        updates.loadEngine();
         QCOMPARE(commands.checkForUpdates()->text(), QStringLiteral("Check for Updates\u2026"));
         QVERIFY(!commands.checkForUpdates()->isEnabled()); // not before the updater says so
         QTRY_VERIFY(commands.checkForUpdates()->isEnabled());

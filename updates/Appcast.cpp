@@ -24,13 +24,6 @@ bool AppcastItem::isInformationalFor(const QString &currentVersion) const
     return false;
 }
 
-QString AppcastItem::versionLabel() const
-{
-    if (displayVersion.isEmpty() || displayVersion == version)
-        return version;
-    return QStringLiteral("%1 (%2)").arg(displayVersion, version);
-}
-
 namespace {
 struct Invalid
 {

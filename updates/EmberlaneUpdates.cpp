@@ -1,7 +1,8 @@
 #include "updates/EmberlaneUpdates.h"
 
 #include "updates/StandardUserDriver.h"
-#include "updates/Updater.h"
+#include "updates/UpdateEngine.h"
+#include "updates/UpdateEngineLoader.h"
 
 #include <QAction>
 #include <QMenu>
@@ -18,23 +19,34 @@ EmberlaneUpdates &EmberlaneUpdates::shared()
     return *instance;
 }
 
-EmberlaneUpdates::EmberlaneUpdates(const QString &bundlePath, UserDriver *driver, QObject *parent) : QObject(parent)
+EmberlaneUpdates::EmberlaneUpdates(const QString &bundlePath, UserDriver *driver, QObject *parent)
+    : QObject(parent), m_bundlePath(bundlePath), m_driver(driver)
 {
-    if (!driver) {
+    if (!m_driver) {
         m_standardDriver = std::make_unique<StandardUserDriver>();
-        driver = m_standardDriver.get();
+        m_driver = m_standardDriver.get();
     }
-    controller = std::make_unique<Updater>(driver, this, nullptr, bundlePath);
-    try {
-        controller->start();
-    } catch (const Error &error) {
-        // Without its settings the updater cannot check; the menu item stays disabled.
-        qWarning("The updater cannot start: %s", qPrintable(error.localizedDescription()));
-    }
-    observe();
 }
 
 EmberlaneUpdates::~EmberlaneUpdates() = default;
+
+void EmberlaneUpdates::loadEngine()
+{
+    if (std::exchange(m_engineTried, true))
+        return;
+    try {
+        controller.reset(updateEngineFactory()(m_driver, this, m_bundlePath));
+        controller->start();
+    } catch (const Error &error) {
+        // Without its library or its settings the updater cannot check; the menu item stays
+        // disabled.
+        qWarning("The updater cannot start: %s", qPrintable(error.localizedDescription()));
+    }
+    if (!controller)
+        return;
+    observe();
+    connectMenuItems();
+}
 
 // The mirrors take the updater's current values on the next turn of the event loop, now and
 // after every change, as observers of the updater do.
@@ -52,51 +64,76 @@ void EmberlaneUpdates::observe()
             Q_EMIT automaticChecksChanged(m_automaticChecks);
         });
     };
-    connect(controller.get(), &Updater::canCheckForUpdatesChanged, this, mirrorCanCheck);
-    connect(controller.get(), &Updater::automaticallyChecksForUpdatesChanged, this, mirrorAutomaticChecks);
+    connect(controller.get(), &UpdateEngine::canCheckForUpdatesChanged, this, mirrorCanCheck);
+    connect(controller.get(), &UpdateEngine::automaticallyChecksForUpdatesChanged, this, mirrorAutomaticChecks);
     mirrorCanCheck();
     mirrorAutomaticChecks();
 }
 
-Updater &EmberlaneUpdates::updater() const
+UpdateEngine &EmberlaneUpdates::updater()
 {
+    loadEngine();
     if (!controller)
-        qFatal("The updater is used before it exists");
+        qFatal("The updater is used but could not be loaded");
     return *controller;
 }
 
 void EmberlaneUpdates::check()
 {
-    updater().checkForUpdates();
+    loadEngine();
+    if (controller)
+        controller->checkForUpdates();
 }
 
 void EmberlaneUpdates::setAutomaticChecks(bool on)
 {
-    updater().setAutomaticallyChecksForUpdates(on);
+    loadEngine();
+    if (controller)
+        controller->setAutomaticallyChecksForUpdates(on);
 }
 
 void EmberlaneUpdates::toggleAutomaticChecks()
 {
-    setAutomaticChecks(!updater().automaticallyChecksForUpdates());
+    loadEngine();
+    if (controller)
+        setAutomaticChecks(!controller->automaticallyChecksForUpdates());
 }
 
 void EmberlaneUpdates::addMenuItems(QMenu *menu)
 {
-    // Enabled exactly while the updater can check, as the updater itself validates it.
-    QAction *checkNow = menu->addAction(QStringLiteral("Check for Updates\u2026"));
-    checkNow->setEnabled(updater().canCheckForUpdates());
-    connect(checkNow, &QAction::triggered, this, &EmberlaneUpdates::check);
-    connect(controller.get(), &Updater::canCheckForUpdatesChanged, checkNow, &QAction::setEnabled);
+    // Enabled exactly while the updater can check, as the updater itself validates it; until
+    // the engine is loaded it cannot.
+    m_checkNow = menu->addAction(QStringLiteral("Check for Updates\u2026"));
+    m_checkNow->setEnabled(false);
+    connect(m_checkNow, &QAction::triggered, this, &EmberlaneUpdates::check);
 
-    QAction *automatic = menu->addAction(QStringLiteral("Check for Updates Automatically"));
-    automatic->setCheckable(true);
+    m_automatic = menu->addAction(QStringLiteral("Check for Updates Automatically"));
+    m_automatic->setCheckable(true);
+    QAction *automatic = m_automatic;
     connect(automatic, &QAction::triggered, this, [this, automatic] {
+        loadEngine();
         // The check mark follows the setting, not the click.
-        automatic->setChecked(updater().automaticallyChecksForUpdates());
+        automatic->setChecked(controller && controller->automaticallyChecksForUpdates());
         toggleAutomaticChecks();
     });
-    connect(controller.get(), &Updater::automaticallyChecksForUpdatesChanged, automatic, &QAction::setChecked);
-    automatic->setChecked(updater().automaticallyChecksForUpdates());
+    connectMenuItems();
+}
+
+// The items follow the engine once both exist, whichever came first.
+void EmberlaneUpdates::connectMenuItems()
+{
+    if (!controller)
+        return;
+    if (m_checkNow) {
+        m_checkNow->setEnabled(controller->canCheckForUpdates());
+        connect(controller.get(), &UpdateEngine::canCheckForUpdatesChanged, m_checkNow, &QAction::setEnabled,
+                Qt::UniqueConnection);
+    }
+    if (m_automatic) {
+        m_automatic->setChecked(controller->automaticallyChecksForUpdates());
+        connect(controller.get(), &UpdateEngine::automaticallyChecksForUpdatesChanged, m_automatic, &QAction::setChecked,
+                Qt::UniqueConnection);
+    }
 }
 
 std::optional<Error> EmberlaneUpdates::shouldProceedWithUpdate(const AppcastItem &, CheckKind)

@@ -14,7 +14,7 @@ constexpr qint64 longestTimerStep = qint64(24) * 24 * 3600 * 1000;
 } // namespace
 
 Updater::Updater(UserDriver *driver, UpdaterDelegate *delegate, QObject *parent, const QString &bundlePath)
-    : QObject(parent), m_driver(driver), m_delegate(delegate), m_bundlePath(bundlePath)
+    : UpdateEngine(parent), m_driver(driver), m_delegate(delegate), m_bundlePath(bundlePath)
 {
     Q_ASSERT(driver);
     m_scheduleTimer.setSingleShot(true);

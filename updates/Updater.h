@@ -4,10 +4,10 @@
 #include "updates/Appcast.h"
 #include "updates/BundleInfo.h"
 #include "updates/Eligibility.h"
+#include "updates/UpdateEngine.h"
 #include "updates/UserDriver.h"
 
 #include <QDateTime>
-#include <QObject>
 #include <QTimer>
 
 #include <functional>
@@ -24,13 +24,8 @@ struct UpdateSession;
 //
 // Sessions: a check (user-initiated or scheduled) → an offer → a download → verification and
 // unpacking → "Ready to Install" → the swap and the relaunch. Only one runs at a time.
-class Updater : public QObject
+class Updater : public UpdateEngine
 {
-    Q_OBJECT
-    Q_PROPERTY(bool canCheckForUpdates READ canCheckForUpdates NOTIFY canCheckForUpdatesChanged)
-    Q_PROPERTY(bool automaticallyChecksForUpdates READ automaticallyChecksForUpdates WRITE
-                   setAutomaticallyChecksForUpdates NOTIFY automaticallyChecksForUpdatesChanged)
-
 public:
     // The driver must outlive the updater; the delegate may be null. The bundle is the running
     // one (platform's bundleLocation()) unless a path is given.
@@ -41,16 +36,16 @@ public:
     // Info.plist leaves it open, asks whether to check automatically. Throws Error when the
     // settings are missing or invalid (no feed, an http feed, a bad SUPublicEDKey); the
     // updater then stays unable to check.
-    void start();
+    void start() override;
     bool isStarted() const { return m_started; }
 
     // False before start() and while a check, download, unpacking or installation runs.
-    bool canCheckForUpdates() const;
-    bool sessionInProgress() const { return bool(m_session); }
+    bool canCheckForUpdates() const override;
+    bool sessionInProgress() const override { return bool(m_session); }
 
     // The user's choice, else SUEnableAutomaticChecks, else false. Setting it persists it.
-    bool automaticallyChecksForUpdates() const;
-    void setAutomaticallyChecksForUpdates(bool on);
+    bool automaticallyChecksForUpdates() const override;
+    void setAutomaticallyChecksForUpdates(bool on) override;
     // Seconds between scheduled checks (0: never): the user's choice, else Info.plist's.
     qint64 updateCheckInterval() const;
     void setUpdateCheckInterval(qint64 seconds);
@@ -66,18 +61,13 @@ public:
 
     // A user-initiated check ("Check for Updates…"): clears the skipped version; every
     // outcome is shown. While a session waits for the user it brings that window forward.
-    void checkForUpdates();
+    void checkForUpdates() override;
     // A check as the schedule makes it: silent unless an update is offered.
     void checkForUpdatesInBackground();
     // Installs an update that is ready or whose relaunch was postponed, without relaunching,
     // unless the delegate says no (an operation still runs). Any other session ends, and its
     // staging folder goes. Called when the application is about to quit.
-    void installUpdateOnQuit();
-
-Q_SIGNALS:
-    void canCheckForUpdatesChanged(bool canCheck);
-    void automaticallyChecksForUpdatesChanged(bool on);
-    void sessionFinished();
+    void installUpdateOnQuit() override;
 
 private:
     // Updater.cpp: state, settings and the schedule.

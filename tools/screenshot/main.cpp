@@ -14,6 +14,8 @@
 #include "app/AppDelegate.h"
 #include "platform/Bundle.h"
 #include "platform/SystemTools.h"
+#include "updates/LinkedUpdateEngine.h"
+#include "updates/UpdateEngineLoader.h"
 
 #include <QAbstractButton>
 #include <QApplication>
@@ -146,8 +148,10 @@ int main(int argc, char *argv[])
                              "[--select ROW]\n");
         return 2;
     }
-    // The tool lives outside the bundle, so it points the app at the bundle's resources.
+    // The tool lives outside the bundle, so it points the app at the bundle's resources, and
+    // it carries the update engine itself.
     setBundleLocationForTesting(arguments.takeFirst());
+    setUpdateEngineFactory(&veldsparCreateUpdateEngine);
     const QString output = arguments.takeFirst();
     int waitMs = 1500;
     QString address;
