@@ -32,6 +32,7 @@ class QVBoxLayout;
 class ServiceButton;
 struct ServiceActionResult;
 struct ServiceStatus;
+class UnitChanges;
 
 // The one controller: it owns every piece of state of the application, and every user
 // action, background result and timer tick ends in one of its member functions. The member
@@ -153,6 +154,7 @@ private:
     QLabel *serviceState = nullptr;
     QLabel *serviceStartup = nullptr;
     QTimer *serviceTimer = nullptr;
+    UnitChanges *unitChanges = nullptr; // systemd's word that a unit changed, between ticks
     bool checkingService = false;
     QListView *table = nullptr;
     QLabel *detailTitle = nullptr;

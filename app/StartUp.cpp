@@ -1,6 +1,7 @@
 #include "app/AppDelegate.h"
 
 #include "app/AfterFirstFrame.h"
+#include "service/UnitChanges.h"
 #include "updates/EmberlaneUpdates.h"
 
 #include <QGuiApplication>
@@ -26,8 +27,13 @@ void AppDelegate::applicationDidFinishLaunching()
     editor = std::make_unique<Draft>();
     buildViewTree();
 
+    // systemd's word that a unit changed refreshes at once, between ticks; a check under way
+    // drops it like a tick.
+    unitChanges = new UnitChanges(this);
+    connect(unitChanges, &UnitChanges::changed, this, &AppDelegate::refreshService);
     refreshService();
     serviceTimer = new QTimer(this);
+    serviceTimer->setObjectName(QStringLiteral("serviceTimer"));
     serviceTimer->setInterval(3000);
     // Parented to the controller, the tick goes with it; refreshService drops a tick while a
     // check is still running.

@@ -1,12 +1,8 @@
 #include "service/ServiceStatus.h"
 
-#include "platform/Error.h"
 #include "platform/Files.h"
 #include "platform/Paths.h"
-#include "platform/Process.h"
-#include "platform/SystemTools.h"
-
-#include <QMap>
+#include "service/SystemdUnits.h"
 
 const QStringList &serviceLabels()
 {
@@ -18,29 +14,30 @@ const QStringList &serviceLabels()
     return labels;
 }
 
-UnitState unitStateFromAnswer(const ProcessResult &answer)
+namespace {
+// The property's text; empty when it is missing or of another type.
+QString textProperty(const QVariantMap &properties, const QString &name)
 {
-    if (!answer.succeeded())
+    const QVariant value = properties.value(name);
+    return value.typeId() == QMetaType::QString ? value.toString() : QString();
+}
+} // namespace
+
+UnitState unitStateFromProperties(const QVariantMap &properties)
+{
+    const QString loadState = textProperty(properties, QStringLiteral("LoadState"));
+    if (loadState.isEmpty())
         return UnitState::Unavailable;
-    QMap<QString, QString> properties;
-    for (const QString &line : answer.text().split(u'\n')) {
-        const qsizetype equals = line.indexOf(u'=');
-        if (equals > 0)
-            properties.insert(line.left(equals).trimmed(), line.mid(equals + 1).trimmed());
-    }
-    const auto loadState = properties.constFind(QStringLiteral("LoadState"));
-    if (loadState == properties.constEnd())
-        return UnitState::Unavailable;
-    if (*loadState == QStringLiteral("not-found"))
+    if (loadState == QStringLiteral("not-found"))
         return UnitState::NotLoaded;
 
     static const QStringList loadedStates = {QStringLiteral("active"), QStringLiteral("activating"),
                                              QStringLiteral("deactivating"), QStringLiteral("reloading"),
                                              QStringLiteral("refreshing")};
-    const QString active = properties.value(QStringLiteral("ActiveState"));
+    const QString active = textProperty(properties, QStringLiteral("ActiveState"));
     if (loadedStates.contains(active)) {
         const bool running = active == QStringLiteral("active")
-                             && properties.value(QStringLiteral("SubState")) == QStringLiteral("running");
+                             && textProperty(properties, QStringLiteral("SubState")) == QStringLiteral("running");
         return running ? UnitState::Running : UnitState::Loaded;
     }
     static const QStringList stoppedStates = {QStringLiteral("inactive"), QStringLiteral("failed"),
@@ -75,20 +72,27 @@ ServiceStatus foldServiceStatus(const QList<UnitState> &states, bool unitFileFou
 ServiceStatus checkServiceStatus()
 {
     QList<UnitState> states;
+    QStringList objects;
     bool unitFileFound = false;
+    const std::optional<QDBusConnection> bus = systemdBus();
+    bool managerAnswers = bus.has_value();
     for (const QString &label : serviceLabels()) {
         // Once one unit file is found, the later labels' files are not looked at.
         unitFileFound = unitFileFound || pathExists(userUnitFilePath(label));
-        try {
-            states << unitStateFromAnswer(runProcess(
-                systemctlProgram(), {QStringLiteral("--user"), QStringLiteral("show"),
-                                     QStringLiteral("--property=LoadState,ActiveState,SubState"),
-                                     label + QStringLiteral(".service")}));
-        } catch (const Error &) {
+        // A manager that let one call run out of time would only make the others wait too.
+        if (!managerAnswers) {
             states << UnitState::Unavailable;
+            continue;
         }
+        const UnitAnswer answer = askSystemdAboutUnit(*bus, label + QStringLiteral(".service"));
+        states << answer.state;
+        if (!answer.object.isEmpty())
+            objects << answer.object;
+        managerAnswers = answer.answered;
     }
-    return foldServiceStatus(states, unitFileFound);
+    ServiceStatus status = foldServiceStatus(states, unitFileFound);
+    status.unitObjects = objects;
+    return status;
 }
 
 StateTone stateTone(const ServiceStatus &status)

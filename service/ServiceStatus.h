@@ -2,8 +2,7 @@
 
 #include <QString>
 #include <QStringList>
-
-struct ProcessResult;
+#include <QVariantMap>
 
 // The service's labels, asked about in this order on every check: the service, the same
 // label in lower case, and the legacy discovery service.
@@ -12,8 +11,9 @@ const QStringList &serviceLabels();
 // What systemd says of one label.
 enum class UnitState { Unavailable, NotLoaded, Loaded, Running };
 
-// Reads the answer of "systemctl --user show --property=LoadState,ActiveState,SubState".
-UnitState unitStateFromAnswer(const ProcessResult &answer);
+// Reads a unit's properties as systemd gives them (LoadState, ActiveState, SubState, as text).
+// A property that is missing or not text counts as absent.
+UnitState unitStateFromProperties(const QVariantMap &properties);
 
 // One check of all three labels, folded into what the service row shows.
 struct ServiceStatus
@@ -24,6 +24,7 @@ struct ServiceStatus
     bool unitFileFound = false;
     QString stateText;
     QString startupText;
+    QStringList unitObjects; // the labels' units on the bus, to be told of their changes
 };
 
 // Folds the labels' states (in label order) and whether a unit file was found.

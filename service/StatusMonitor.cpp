@@ -4,6 +4,7 @@
 #include "app/ServiceButton.h"
 #include "platform/Background.h"
 #include "service/ServiceStatus.h"
+#include "service/UnitChanges.h"
 
 #include <QLabel>
 
@@ -35,6 +36,7 @@ void AppDelegate::applyServiceStatus(const ServiceStatus &result)
         break;
     }
     serviceState->setPalette(palette);
+    unitChanges->watch(result.unitObjects);
     // The tick also notices a service that died without taking its state file away.
     checkLiveStateOwner();
 }

@@ -9,6 +9,7 @@
 #include "platform/Paths.h"
 #include "platform/Process.h"
 #include "platform/SystemTools.h"
+#include "service/UnitChanges.h"
 #include "platform/Trash.h"
 #include "service/UninstallRules.h"
 #include "updates/BundleSwap.h"
@@ -35,6 +36,8 @@ void AppDelegate::finishUninstall()
     removeAbandonedStagingFolders(app);
     if (serviceTimer)
         serviceTimer->stop();
+    if (unitChanges)
+        disconnect(unitChanges, nullptr, this, nullptr);
     setStatus(QStringLiteral("Removing Veldspar\u2026"));
 
     runInBackground(this, [app] { return moveToTrash(app); },

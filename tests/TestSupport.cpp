@@ -7,6 +7,7 @@
 #include "platform/Background.h"
 #include "platform/Bundle.h"
 #include "platform/SystemTools.h"
+#include "platform/UserBus.h"
 #include "updates/LinkedUpdateEngine.h"
 #include "updates/UpdateEngineLoader.h"
 
@@ -34,6 +35,8 @@
 #include <QTextLayout>
 
 #include <cmath>
+#include <csignal>
+#include <sys/prctl.h>
 
 void writeTestFile(const QString &path, const QByteArray &bytes)
 {
@@ -69,12 +72,16 @@ TestWorld::TestWorld() : m_oldHome(qgetenv("HOME")), m_oldTmp(qgetenv("TMPDIR"))
 {
     if (qEnvironmentVariableIsSet("XDG_RUNTIME_DIR"))
         m_oldRuntime = qgetenv("XDG_RUNTIME_DIR");
+    if (qEnvironmentVariableIsSet("DBUS_SESSION_BUS_ADDRESS"))
+        m_oldBusAddress = qgetenv("DBUS_SESSION_BUS_ADDRESS");
     QDir().mkpath(home());
     QDir().mkpath(tempDir());
     QDir().mkdir(runtimeDir(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     qputenv("HOME", QFile::encodeName(home()));
     qputenv("TMPDIR", QFile::encodeName(tempDir()));
     qputenv("XDG_RUNTIME_DIR", QFile::encodeName(runtimeDir()));
+    // The app finds the world's bus where a login session keeps it: $XDG_RUNTIME_DIR/bus.
+    qunsetenv("DBUS_SESSION_BUS_ADDRESS");
 
     m_bundle = root() + QStringLiteral("/Veldspar.app");
     QDir().mkpath(resources());
@@ -92,6 +99,7 @@ TestWorld::TestWorld() : m_oldHome(qgetenv("HOME")), m_oldTmp(qgetenv("TMPDIR"))
                 resources() + QStringLiteral("/ManageService.command"));
     setSystemctlProgramForTesting(binFolder() + QStringLiteral("/systemctl"));
     setPkexecProgramForTesting(binFolder() + QStringLiteral("/pkexec"));
+    startUserBus();
 }
 
 TestWorld::~TestWorld()
@@ -99,6 +107,7 @@ TestWorld::~TestWorld()
     release();
     backgroundPool().waitForDone();
     QCoreApplication::sendPostedEvents();
+    stopUserBus();
     setBundleLocationForTesting(QString());
     setSystemctlProgramForTesting(QString());
     setPkexecProgramForTesting(QString());
@@ -108,6 +117,77 @@ TestWorld::~TestWorld()
         qputenv("XDG_RUNTIME_DIR", *m_oldRuntime);
     else
         qunsetenv("XDG_RUNTIME_DIR");
+    if (m_oldBusAddress)
+        qputenv("DBUS_SESSION_BUS_ADDRESS", *m_oldBusAddress);
+    else
+        qunsetenv("DBUS_SESSION_BUS_ADDRESS");
+}
+
+namespace {
+// A child that ends with the test process, however that ends.
+std::unique_ptr<QProcess> childOfThisTest()
+{
+    auto process = std::make_unique<QProcess>();
+    process->setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
+    process->setStandardInputFile(QProcess::nullDevice());
+    process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    return process;
+}
+
+// The first line the child prints; empty when it prints none within ten seconds.
+QByteArray firstLine(QProcess &process)
+{
+    if (!process.waitForStarted(10000))
+        return {};
+    QElapsedTimer waited;
+    waited.start();
+    while (!process.canReadLine() && waited.elapsed() < 10000 && process.state() == QProcess::Running)
+        process.waitForReadyRead(100);
+    return process.readLine().trimmed();
+}
+
+void endChild(std::unique_ptr<QProcess> &process)
+{
+    if (!process)
+        return;
+    process->terminate();
+    if (!process->waitForFinished(5000)) {
+        process->kill();
+        process->waitForFinished(5000);
+    }
+    process.reset();
+}
+} // namespace
+
+void TestWorld::startUserBus()
+{
+    const QString socket = runtimeDir() + QStringLiteral("/bus");
+    const QString config = root() + QStringLiteral("/bus.conf");
+    writeTestFile(config, "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+                          " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+                          "<busconfig>\n  <type>session</type>\n  <listen>unix:path="
+                              + QFile::encodeName(socket)
+                              + "</listen>\n  <auth>EXTERNAL</auth>\n"
+                                "  <policy context=\"default\">\n    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
+                                "    <allow eavesdrop=\"true\"/>\n    <allow own=\"*\"/>\n  </policy>\n</busconfig>\n");
+    m_bus = childOfThisTest();
+    m_bus->start(QStringLiteral("/usr/bin/dbus-daemon"),
+                 {QStringLiteral("--config-file=") + config, QStringLiteral("--nofork"), QStringLiteral("--print-address")});
+    const QByteArray address = firstLine(*m_bus);
+    QVERIFY2(!address.isEmpty(), "dbus-daemon did not start");
+
+    m_manager = childOfThisTest();
+    m_manager->start(QStringLiteral(VELDSPAR_FAKE_SYSTEMD),
+                     {QString::fromUtf8(address), binFolder() + QStringLiteral("/systemctl.d")});
+    QCOMPARE(firstLine(*m_manager), QByteArray("ready"));
+}
+
+void TestWorld::stopUserBus()
+{
+    disconnectUserBus();
+    endChild(m_manager);
+    endChild(m_bus);
+    QFile::remove(runtimeDir() + QStringLiteral("/bus"));
 }
 
 QString TestWorld::home() const { return root() + QStringLiteral("/home"); }
@@ -216,6 +296,16 @@ void TestWorld::holdSystemctl() const
 void TestWorld::failSystemctl(const QString &verb) const
 {
     writeTestFile(binFolder() + QStringLiteral("/systemctl.d/fail-") + verb, {});
+}
+
+void TestWorld::garbleSystemdAnswers(const QString &how) const
+{
+    writeTestFile(binFolder() + QStringLiteral("/systemctl.d/") + how, {});
+}
+
+QList<QStringList> TestWorld::systemdCalls() const
+{
+    return recordedCalls(binFolder() + QStringLiteral("/systemctl.d/bus-calls"));
 }
 
 QList<QStringList> TestWorld::systemctlCalls() const

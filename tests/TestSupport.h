@@ -22,6 +22,7 @@ class QFileDialog;
 class QLabel;
 class QListView;
 class QMainWindow;
+class QProcess;
 class ServiceButton;
 class StatusLabel;
 
@@ -67,11 +68,19 @@ public:
 
     // The background service's stand-ins: systemctl (run by the app at a fixed path and by the
     // real service script through PATH), pkexec, and the service script itself.
+    // The app asks systemd's user manager over a private user bus of this world, where a
+    // stand-in manager reads the same unit files and flags as the systemctl stand-in.
     void answerUnit(const QString &unit, const QByteArray &answer, int status = 0) const;
     void makeSystemdUnavailable() const;
     void holdSystemctl() const;
     void failSystemctl(const QString &verb) const;
+    // Makes the stand-in manager answer with wrong types: "garbage-path" or "garbage-properties".
+    void garbleSystemdAnswers(const QString &how) const;
     QList<QStringList> systemctlCalls() const;
+    // Each call the stand-in manager received: method, unit (for a unit's object), arguments.
+    QList<QStringList> systemdCalls() const;
+    // Ends the world's user bus and its manager: the app finds no bus at all.
+    void stopUserBus();
     void setServiceAction(const QString &action, const QByteArray &output, int status, bool hold = false) const;
     QStringList serviceActions() const;
     void setPkexecAnswer(const QString &answer) const;
@@ -93,7 +102,11 @@ public:
 
 private:
     QString fakeControl() const;
+    void startUserBus();
     QTemporaryDir m_dir;
+    std::unique_ptr<QProcess> m_bus;
+    std::unique_ptr<QProcess> m_manager;
+    std::optional<QByteArray> m_oldBusAddress;
     QString m_bundle;
     QByteArray m_oldHome;
     QByteArray m_oldTmp;

@@ -9,6 +9,7 @@
 #include "platform/PrivateFolder.h"
 #include "platform/Process.h"
 #include "platform/SingleInstance.h"
+#include "platform/UserBus.h"
 
 #include <QDir>
 #include <QFile>
@@ -64,6 +65,41 @@ class PlatformTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void userBusIsTheSessionAddressElseTheRuntimeFolders()
+    {
+        TestWorld world; // its own XDG_RUNTIME_DIR, no DBUS_SESSION_BUS_ADDRESS
+        QCOMPARE(userBusAddress(), QStringLiteral("unix:path=") + world.runtimeDir() + QStringLiteral("/bus"));
+        qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/run/user/1000/elsewhere");
+        QCOMPARE(userBusAddress(), QStringLiteral("unix:path=/run/user/1000/elsewhere"));
+        qunsetenv("DBUS_SESSION_BUS_ADDRESS");
+        qunsetenv("XDG_RUNTIME_DIR");
+        QCOMPARE(userBusAddress(), QString());
+    }
+
+    void userBusKeepsOneConnectionAndMakesItAgainWhenGone()
+    {
+        TestWorld world;
+        bool made = false;
+        QDBusConnection first = userBus(&made);
+        QVERIFY(first.isConnected());
+        QVERIFY(made);
+        QDBusConnection again = userBus(&made);
+        QVERIFY(!made);
+        QCOMPARE(again.baseService(), first.baseService());
+
+        disconnectUserBus();
+        QDBusConnection remade = userBus(&made);
+        QVERIFY(made);
+        QVERIFY(remade.isConnected());
+        QVERIFY(remade.baseService() != first.baseService());
+
+        // Once the bus is gone the connection notices, and no new one can be made.
+        world.stopUserBus();
+        QVERIFY(!userBus(&made).isConnected());
+        QVERIFY(!made);
+        QVERIFY(!currentUserBus().isConnected());
+    }
+
     void messageErrorRendersGenericSentence()
     {
         const Error error = Error::withMessage(QStringLiteral("Invalid configuration"));

@@ -33,6 +33,7 @@
 #include <QRegularExpression>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QTimer>
 #include <QUrl>
 #include <QtTest>
 
@@ -68,21 +69,31 @@ bool waitForStatus(const RunningApp &app)
     return QTest::qWaitFor([&] { return app.serviceButton()->text() != u"Checking\u2026"_s; }, 10000);
 }
 
-ProcessResult answer(const QByteArray &output, int status)
+// Unit properties as systemd gives them, from KEY=VALUE lines.
+QVariantMap properties(const QByteArray &lines)
 {
-    ProcessResult result;
-    result.output = output;
-    result.exitCode = status;
+    QVariantMap result;
+    for (const QByteArray &line : lines.split('\n')) {
+        const qsizetype equals = line.indexOf('=');
+        if (equals > 0)
+            result.insert(QString::fromUtf8(line.left(equals)), QString::fromUtf8(line.mid(equals + 1)));
+    }
     return result;
 }
 
+// The units the app asked systemd about, in order.
 QStringList showCalls(const TestWorld &world)
 {
     QStringList units;
-    for (const QStringList &call : world.systemctlCalls())
-        if (call.value(1) == u"show"_s)
-            units << call.last();
+    for (const QStringList &call : world.systemdCalls())
+        if (call.value(0) == u"LoadUnit"_s)
+            units << call.value(1);
     return units;
+}
+
+QString stateLine(const RunningApp &app)
+{
+    return app.window()->findChild<QLabel *>(u"serviceState"_s)->text();
 }
 
 // The state-changing systemctl calls, as "verb unit" lines.
@@ -166,43 +177,102 @@ private Q_SLOTS:
 
     // The answer of systemd, label by label.
 
-    void systemctlAnswersMapToStates_data()
+    void unitPropertiesMapToStates_data()
     {
-        QTest::addColumn<QByteArray>("output");
-        QTest::addColumn<int>("status");
+        QTest::addColumn<QVariantMap>("unit");
         QTest::addColumn<int>("state");
-        QTest::newRow("running") << running << 0 << int(UnitState::Running);
-        QTest::newRow("active but exited") << QByteArray("LoadState=loaded\nActiveState=active\nSubState=exited\n") << 0
+        QTest::newRow("running") << properties(running) << int(UnitState::Running);
+        QTest::newRow("active but exited") << properties("LoadState=loaded\nActiveState=active\nSubState=exited\n")
                                            << int(UnitState::Loaded);
-        QTest::newRow("activating") << activating << 0 << int(UnitState::Loaded);
-        QTest::newRow("deactivating") << QByteArray("LoadState=loaded\nActiveState=deactivating\nSubState=stop-sigterm\n")
-                                      << 0 << int(UnitState::Loaded);
-        QTest::newRow("reloading") << QByteArray("LoadState=loaded\nActiveState=reloading\nSubState=running\n") << 0
+        QTest::newRow("activating") << properties(activating) << int(UnitState::Loaded);
+        QTest::newRow("deactivating")
+            << properties("LoadState=loaded\nActiveState=deactivating\nSubState=stop-sigterm\n") << int(UnitState::Loaded);
+        QTest::newRow("reloading") << properties("LoadState=loaded\nActiveState=reloading\nSubState=running\n")
                                    << int(UnitState::Loaded);
-        QTest::newRow("refreshing") << QByteArray("LoadState=loaded\nActiveState=refreshing\nSubState=running\n") << 0
+        QTest::newRow("refreshing") << properties("LoadState=loaded\nActiveState=refreshing\nSubState=running\n")
                                     << int(UnitState::Loaded);
-        QTest::newRow("inactive") << inactive << 0 << int(UnitState::NotLoaded);
-        QTest::newRow("failed") << QByteArray("LoadState=loaded\nActiveState=failed\nSubState=failed\n") << 0
+        QTest::newRow("inactive") << properties(inactive) << int(UnitState::NotLoaded);
+        QTest::newRow("failed") << properties("LoadState=loaded\nActiveState=failed\nSubState=failed\n")
                                 << int(UnitState::NotLoaded);
-        QTest::newRow("maintenance") << QByteArray("LoadState=loaded\nActiveState=maintenance\nSubState=dead\n") << 0
+        QTest::newRow("maintenance") << properties("LoadState=loaded\nActiveState=maintenance\nSubState=dead\n")
                                      << int(UnitState::NotLoaded);
-        QTest::newRow("not found") << QByteArray("LoadState=not-found\nActiveState=inactive\nSubState=dead\n") << 0
+        QTest::newRow("not found") << properties("LoadState=not-found\nActiveState=inactive\nSubState=dead\n")
                                    << int(UnitState::NotLoaded);
-        QTest::newRow("no bus") << QByteArray("Failed to connect to bus: No medium found\n") << 1
-                                << int(UnitState::Unavailable);
-        QTest::newRow("no LoadState line") << QByteArray("ActiveState=active\nSubState=running\n") << 0
-                                           << int(UnitState::Unavailable);
-        QTest::newRow("garbage") << QByteArray("\xff\xfe whatever\n") << 0 << int(UnitState::Unavailable);
-        QTest::newRow("unknown active state") << QByteArray("LoadState=loaded\nActiveState=bogus\n") << 0
+        QTest::newRow("no LoadState") << properties("ActiveState=active\nSubState=running\n") << int(UnitState::Unavailable);
+        QTest::newRow("nothing") << QVariantMap() << int(UnitState::Unavailable);
+        QTest::newRow("unknown active state") << properties("LoadState=loaded\nActiveState=bogus\n")
                                               << int(UnitState::Unavailable);
+        QTest::newRow("LoadState not text")
+            << QVariantMap{{u"LoadState"_s, 1}, {u"ActiveState"_s, u"active"_s}, {u"SubState"_s, u"running"_s}}
+            << int(UnitState::Unavailable);
+        QTest::newRow("ActiveState not text")
+            << QVariantMap{{u"LoadState"_s, u"loaded"_s}, {u"ActiveState"_s, QStringList{u"active"_s}}}
+            << int(UnitState::Unavailable);
+        QTest::newRow("SubState not text")
+            << QVariantMap{{u"LoadState"_s, u"loaded"_s}, {u"ActiveState"_s, u"active"_s}, {u"SubState"_s, 7}}
+            << int(UnitState::Loaded);
     }
 
-    void systemctlAnswersMapToStates()
+    void unitPropertiesMapToStates()
     {
-        QFETCH(QByteArray, output);
-        QFETCH(int, status);
+        QFETCH(QVariantMap, unit);
         QFETCH(int, state);
-        QCOMPARE(int(unitStateFromAnswer(answer(output, status))), state);
+        QCOMPARE(int(unitStateFromProperties(unit)), state);
+    }
+
+    // Each answer of systemd's user manager, as the window shows it.
+    void userManagerAnswersShowInTheWindow_data()
+    {
+        QTest::addColumn<QByteArray>("unit");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("flag");
+        QTest::addColumn<QString>("shown");
+        const QString runningText = u"\u25CF Running"_s;
+        const QString starting = u"\u25CF Starting / restarting"_s;
+        const QString disabled = u"\u25CF Disabled"_s;
+        const QString unavailable = u"\u25CF Status unavailable"_s;
+        QTest::newRow("running") << running << 0 << QString() << runningText;
+        QTest::newRow("active but exited") << QByteArray("LoadState=loaded\nActiveState=active\nSubState=exited\n") << 0
+                                           << QString() << starting;
+        QTest::newRow("activating") << activating << 0 << QString() << starting;
+        QTest::newRow("deactivating") << QByteArray("LoadState=loaded\nActiveState=deactivating\nSubState=stop-sigterm\n")
+                                      << 0 << QString() << starting;
+        QTest::newRow("reloading") << QByteArray("LoadState=loaded\nActiveState=reloading\nSubState=running\n") << 0
+                                   << QString() << starting;
+        QTest::newRow("refreshing") << QByteArray("LoadState=loaded\nActiveState=refreshing\nSubState=running\n") << 0
+                                    << QString() << starting;
+        QTest::newRow("inactive") << inactive << 0 << QString() << disabled;
+        QTest::newRow("failed") << QByteArray("LoadState=loaded\nActiveState=failed\nSubState=failed\n") << 0
+                                << QString() << disabled;
+        QTest::newRow("maintenance") << QByteArray("LoadState=loaded\nActiveState=maintenance\nSubState=dead\n") << 0
+                                     << QString() << disabled;
+        QTest::newRow("not found") << QByteArray() << 0 << QString() << disabled;
+        QTest::newRow("no LoadState") << QByteArray("ActiveState=active\nSubState=running\n") << 0 << QString()
+                                      << unavailable;
+        QTest::newRow("unknown active state") << QByteArray("LoadState=loaded\nActiveState=bogus\n") << 0 << QString()
+                                              << unavailable;
+        QTest::newRow("failed call") << running << 1 << QString() << unavailable;
+        QTest::newRow("manager refuses") << running << 0 << u"unavailable"_s << unavailable;
+        QTest::newRow("path of the wrong type") << running << 0 << u"garbage-path"_s << unavailable;
+        QTest::newRow("states of the wrong type") << running << 0 << u"garbage-properties"_s << unavailable;
+    }
+
+    void userManagerAnswersShowInTheWindow()
+    {
+        QFETCH(QByteArray, unit);
+        QFETCH(int, status);
+        QFETCH(QString, flag);
+        QFETCH(QString, shown);
+        TestWorld world;
+        if (!unit.isEmpty())
+            world.answerUnit(u"org.kestrum.Veldspar.service"_s, unit, status);
+        if (!flag.isEmpty())
+            world.garbleSystemdAnswers(flag);
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        QCOMPARE(stateLine(app), shown);
+        // The answer came over the bus: the manager was asked about the unit.
+        QVERIFY(showCalls(world).contains(u"org.kestrum.Veldspar.service"_s));
     }
 
     // The status monitor in the window.
@@ -214,9 +284,13 @@ private Q_SLOTS:
         QVERIFY(waitForStatus(app));
         QCOMPARE(showCalls(world).mid(0, 3), QStringList({unit(u"org.kestrum.Veldspar"_s), unit(u"org.kestrum.veldspar"_s),
                                                           unit(u"org.kestrum.palisade"_s)}));
-        QCOMPARE(world.systemctlCalls().first(),
-                 QStringList({u"--user"_s, u"show"_s, u"--property=LoadState,ActiveState,SubState"_s,
-                              unit(u"org.kestrum.Veldspar"_s)}));
+        // One connection subscribes to unit changes, then loads each unit and reads its states.
+        QCOMPARE(world.systemdCalls().mid(0, 3),
+                 QList<QStringList>({{u"Subscribe"_s},
+                                     {u"LoadUnit"_s, unit(u"org.kestrum.Veldspar"_s)},
+                                     {u"GetAll"_s, unit(u"org.kestrum.Veldspar"_s), u"org.freedesktop.systemd1.Unit"_s}}));
+        // systemd's own command is left to the service script.
+        QVERIFY(world.systemctlCalls().isEmpty());
     }
 
     void runningUnderTheLowerCaseLabelShowsRunning()
@@ -306,13 +380,20 @@ private Q_SLOTS:
         QVERIFY(!app.serviceButton()->active());
     }
 
-    void missingSystemctlShowsStatusUnavailable()
+    void noUserBusShowsStatusUnavailable()
     {
         TestWorld world;
-        QFile::remove(world.binFolder() + u"/systemctl"_s);
+        world.writeUnitFile(u"org.kestrum.Veldspar"_s);
+        world.stopUserBus();
+        DialogAnswerer answers;
         RunningApp app(world);
         QVERIFY(waitForStatus(app));
-        QCOMPARE(app.window()->findChild<QLabel *>(u"serviceState"_s)->text(), u"\u25CF Status unavailable"_s);
+        QCOMPARE(stateLine(app), u"\u25CF Status unavailable"_s);
+        QCOMPARE(app.window()->findChild<QLabel *>(u"serviceStartup"_s)->text(), u"Configured to start at login"_s);
+        QCOMPARE(app.serviceButton()->text(), u"Enable"_s);
+        // The state line is the whole report: no message box.
+        QTest::qWait(200);
+        QVERIFY(answers.shown().isEmpty());
     }
 
     void aLaterLoadedLabelWinsOverAnUnavailableOne()
@@ -368,9 +449,41 @@ private Q_SLOTS:
             RunningApp app(world);
             QVERIFY(waitForStatus(app));
         }
-        const qsizetype calls = world.systemctlCalls().size();
+        const qsizetype calls = world.systemdCalls().size();
         QTest::qWait(3500); // longer than a tick
-        QCOMPARE(world.systemctlCalls().size(), calls);
+        QCOMPARE(world.systemdCalls().size(), calls);
+    }
+
+    void aManagerThatNeverAnswersShowsUnavailableWithoutPilingUp()
+    {
+        TestWorld world;
+        world.holdSystemctl();
+        RunningApp app(world);
+        // The window goes on answering while the first call waits.
+        bool answered = false;
+        QTimer::singleShot(0, [&] { answered = true; });
+        QTRY_VERIFY_WITH_TIMEOUT(answered, 2000);
+        QTRY_COMPARE_WITH_TIMEOUT(stateLine(app), u"\u25CF Status unavailable"_s, 15000);
+        // The unanswered call ended the check: no other label was asked, and the tick that came
+        // meanwhile started no second check.
+        QCOMPARE(showCalls(world), QStringList({unit(u"org.kestrum.Veldspar"_s)}));
+    }
+
+    void aUnitChangeShowsWithoutWaitingForATick()
+    {
+        TestWorld world;
+        RunningApp app(world);
+        QVERIFY(waitForStatus(app));
+        QCOMPARE(stateLine(app), u"\u25CF Disabled"_s);
+        // With the timer stopped only systemd's word can bring the change.
+        QTimer *tick = app.app().findChild<QTimer *>(u"serviceTimer"_s);
+        QVERIFY(tick);
+        tick->stop();
+        const QString staged = world.root() + u"/staged-unit"_s;
+        writeTestFile(staged, running);
+        QVERIFY(QFile::rename(staged, world.binFolder() + u"/systemctl.d/units/"_s + unit(u"org.kestrum.Veldspar"_s)));
+        QTRY_COMPARE_WITH_TIMEOUT(stateLine(app), u"\u25CF Running"_s, 10000);
+        QVERIFY(!tick->isActive());
     }
 
     // Service actions.

@@ -1,0 +1,59 @@
+#include "platform/UserBus.h"
+
+#include <QFile>
+#include <QMutex>
+
+namespace {
+const QString &connectionName()
+{
+    static const QString name = QStringLiteral("veldspar-user-bus");
+    return name;
+}
+
+QMutex &connectionLock()
+{
+    static QMutex lock;
+    return lock;
+}
+} // namespace
+
+QString userBusAddress()
+{
+    const QString session = qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS");
+    if (!session.isEmpty())
+        return session;
+    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    if (runtime.isEmpty())
+        return QString();
+    return QStringLiteral("unix:path=") + runtime + QStringLiteral("/bus");
+}
+
+QDBusConnection userBus(bool *made)
+{
+    if (made)
+        *made = false;
+    const QMutexLocker locker(&connectionLock());
+    QDBusConnection existing(connectionName());
+    if (existing.isConnected())
+        return existing;
+    // A connection that is gone stays registered under its name until it is let go.
+    QDBusConnection::disconnectFromBus(connectionName());
+    const QString address = userBusAddress();
+    if (address.isEmpty())
+        return QDBusConnection(connectionName());
+    QDBusConnection connection = QDBusConnection::connectToBus(address, connectionName());
+    if (made)
+        *made = connection.isConnected();
+    return connection;
+}
+
+QDBusConnection currentUserBus()
+{
+    return QDBusConnection(connectionName());
+}
+
+void disconnectUserBus()
+{
+    const QMutexLocker locker(&connectionLock());
+    QDBusConnection::disconnectFromBus(connectionName());
+}

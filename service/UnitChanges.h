@@ -1,0 +1,26 @@
+#pragma once
+
+#include <QObject>
+#include <QStringList>
+
+class QDBusMessage;
+
+// Says when systemd announces a change of a watched unit (its PropertiesChanged on the user
+// bus). Lives on the main thread, so changed() arrives there.
+class UnitChanges : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit UnitChanges(QObject *parent = nullptr);
+
+    // Listens for changes of these unit objects on the user bus as it is connected now; a
+    // connection made since the last call gets them anew. Never makes a connection itself.
+    void watch(const QStringList &objects);
+
+Q_SIGNALS:
+    void changed();
+
+private Q_SLOTS:
+    void propertiesChanged(const QDBusMessage &message);
+};
