@@ -127,7 +127,7 @@ private:
     QLabel *detailValue(QVBoxLayout *stack, const QString &caption, const QString &name, QLabel *value);
 
     // The service's live state (service/LiveStateWatch.cpp).
-    void armLiveStateWatch();
+    bool armLiveStateWatch();
     void setLiveState(std::optional<ServiceLiveState> state);
     void findAnnouncements();
     void sendEditCommand(int command);

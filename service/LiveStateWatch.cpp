@@ -24,15 +24,17 @@ void AppDelegate::watchLiveState()
 }
 
 // Watches what exists now; a folder or file that appears later is taken up at the next look
-// (a change in the folder, or the status monitor's tick).
-void AppDelegate::armLiveStateWatch()
+// (a change in the folder, or the status monitor's tick). Says whether it watches more now.
+bool AppDelegate::armLiveStateWatch()
 {
     if (!liveStateWatcher)
-        return; // start-up has not got this far
+        return false; // start-up has not got this far
     const QStringList watched = liveStateWatcher->files() + liveStateWatcher->directories();
+    bool added = false;
     for (const QString &path : {QFileInfo(liveStatePath).path(), liveStatePath})
         if (!watched.contains(path) && QFileInfo::exists(path))
-            liveStateWatcher->addPath(path);
+            added = liveStateWatcher->addPath(path) || added;
+    return added;
 }
 
 void AppDelegate::readLiveState()
@@ -56,8 +58,11 @@ void AppDelegate::readLiveState()
 
 void AppDelegate::checkLiveStateOwner()
 {
-    armLiveStateWatch();
-    if (liveState && !processExists(liveState->pid))
+    // A folder made by a service that started after the app was not watched, and the file in
+    // it changes only when something does: read what is there as soon as it is seen.
+    if (armLiveStateWatch())
+        readLiveState();
+    else if (liveState && !processExists(liveState->pid))
         setLiveState(std::nullopt);
 }
 

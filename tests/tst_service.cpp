@@ -1557,6 +1557,26 @@ private Q_SLOTS:
         QCOMPARE(spokenRows(app), QStringList{u"Alpha, 10.0.0.1, Enabled, Not announced: the service is not running"_s});
     }
 
+    void aServiceStartedAfterTheAppIsShownOnceItsFolderAppears()
+    {
+        // The service's folder does not exist yet: nothing there to watch when the app starts.
+        TestWorld world;
+        world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s, u"Alpha"_s)}));
+        QVERIFY(!QFileInfo::exists(world.runtimeDir() + u"/Veldspar"_s));
+        RunningApp app(world);
+        QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+        QTRY_COMPARE(app.announcementLine()->text(), u"Not announced: the service is not running"_s);
+
+        // The service starts, makes its folder and writes its first and, while nothing changes,
+        // only version of the file.
+        publishState(world, stateFile(QCoreApplication::applicationPid(),
+                                      {liveEntry(u"A-1"_s, u"10.0.0.1"_s, u"announced"_s, QDateTime::currentDateTime(),
+                                                 {{u"status"_s, u"Available"_s}, {u"licensedClients"_s, 2},
+                                                  {u"guiClients"_s, QJsonArray()}})}));
+        // Within a status tick or two.
+        QTRY_COMPARE_WITH_TIMEOUT(app.announcementLine()->text(), u"Announced \u00B7 0 of 2 clients in use"_s, 10000);
+    }
+
     void aStateFileOfAGoneServiceShowsGrey()
     {
         TestWorld world;
