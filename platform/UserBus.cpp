@@ -3,6 +3,8 @@
 #include <QFile>
 #include <QMutex>
 
+#include <atomic>
+
 namespace {
 const QString &connectionName()
 {
@@ -15,6 +17,9 @@ QMutex &connectionLock()
     static QMutex lock;
     return lock;
 }
+
+// Counts the connections made. Read without the lock, which a connection being made holds.
+std::atomic<quint64> connectionsMade = 0;
 } // namespace
 
 QString userBusAddress()
@@ -42,13 +47,17 @@ QDBusConnection userBus(bool *made)
     if (address.isEmpty())
         return QDBusConnection(connectionName());
     QDBusConnection connection = QDBusConnection::connectToBus(address, connectionName());
+    if (connection.isConnected())
+        ++connectionsMade;
     if (made)
         *made = connection.isConnected();
     return connection;
 }
 
-QDBusConnection currentUserBus()
+QDBusConnection currentUserBus(quint64 *generation)
 {
+    if (generation)
+        *generation = connectionsMade;
     return QDBusConnection(connectionName());
 }
 

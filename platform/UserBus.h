@@ -16,7 +16,8 @@ QString userBusAddress();
 QDBusConnection userBus(bool *made = nullptr);
 
 // The connection as it is, never (re)made: for the main thread. Not connected when none is.
-QDBusConnection currentUserBus();
+// *generation, when asked, tells this connection from every earlier one.
+QDBusConnection currentUserBus(quint64 *generation = nullptr);
 
 // Closes the connection; the next userBus() makes a new one.
 void disconnectUserBus();

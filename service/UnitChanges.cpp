@@ -8,15 +8,23 @@ UnitChanges::UnitChanges(QObject *parent) : QObject(parent) {}
 
 void UnitChanges::watch(const QStringList &objects)
 {
-    QDBusConnection bus = currentUserBus();
+    quint64 generation = 0;
+    QDBusConnection bus = currentUserBus(&generation);
     if (!bus.isConnected())
         return;
+    // A new connection has none of the old one's watches. On the same connection a unit is
+    // watched once: each connect() is a round trip to Qt's D-Bus thread, every 3 s.
+    if (generation != m_generation) {
+        m_generation = generation;
+        m_watched.clear();
+    }
     // From any sender: naming systemd's well-known name would make Qt ask the bus who owns it,
-    // a blocking call on this thread. Asking again for a unit already watched changes nothing.
+    // a blocking call on this thread.
     for (const QString &object : objects)
-        bus.connect(QString(), object, QStringLiteral("org.freedesktop.DBus.Properties"),
+        if (!m_watched.contains(object) && bus.connect(QString(), object, QStringLiteral("org.freedesktop.DBus.Properties"),
                     QStringLiteral("PropertiesChanged"), {QStringLiteral("org.freedesktop.systemd1.Unit")},
-                    QString(), this, SLOT(propertiesChanged(QDBusMessage)));
+                    QString(), this, SLOT(propertiesChanged(QDBusMessage))))
+            m_watched.insert(object);
 }
 
 void UnitChanges::propertiesChanged(const QDBusMessage &)

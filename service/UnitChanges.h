@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QObject>
+#include <QSet>
 #include <QStringList>
 
 class QDBusMessage;
@@ -23,4 +24,8 @@ Q_SIGNALS:
 
 private Q_SLOTS:
     void propertiesChanged(const QDBusMessage &message);
+
+private:
+    quint64 m_generation = 0; // of the connection the units are watched on
+    QSet<QString> m_watched;
 };
