@@ -13,9 +13,6 @@ ServiceButton::ServiceButton(const QString &title, QWidget *parent) : QPushButto
 
 void ServiceButton::setActive(bool active)
 {
-    // Told again on every status check; only a change is worth a repaint.
-    if (m_active == active)
-        return;
     m_active = active;
     update();
 }

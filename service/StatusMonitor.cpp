@@ -20,7 +20,9 @@ void AppDelegate::refreshService()
 
 void AppDelegate::applyServiceStatus(const ServiceStatus &result)
 {
-    enableButton->setActive(result.running);
+    // The button repaints at every assignment; the same answer every 3 s is not a change.
+    if (enableButton->active() != result.running)
+        enableButton->setActive(result.running);
     enableButton->setText(result.running ? QStringLiteral("Enabled") : QStringLiteral("Enable"));
     enableButton->setEnabled(!busy && (result.running || !entries.isEmpty()));
     checkingService = false;
