@@ -2,6 +2,7 @@
 
 #include "platform/Bundle.h"
 #include "platform/Error.h"
+#include "updates/EmberlaneUpdates.h"
 
 #include <QLibrary>
 
@@ -10,7 +11,7 @@ UpdateEngineFactory chosenFactory = nullptr;
 
 Error cannotLoad(const QLibrary &library)
 {
-    return Error(QStringLiteral("com.emberlane.updates"), 2,
+    return Error(EmberlaneUpdates::errorDomain, 2,
                  {{Error::descriptionKey, QStringLiteral("The update engine cannot be loaded: ") + library.errorString()}});
 }
 } // namespace
