@@ -1,23 +1,12 @@
 #include "platform/SystemTools.h"
 
 namespace {
-QString &systemctlOverride()
-{
-    static QString path;
-    return path;
-}
-
 QString &pkexecOverride()
 {
     static QString path;
     return path;
 }
 } // namespace
-
-QString systemctlProgram()
-{
-    return systemctlOverride().isEmpty() ? QStringLiteral("/usr/bin/systemctl") : systemctlOverride();
-}
 
 QString pkexecProgram()
 {
@@ -27,11 +16,6 @@ QString pkexecProgram()
 QString bashProgram()
 {
     return QStringLiteral("/bin/bash");
-}
-
-void setSystemctlProgramForTesting(const QString &path)
-{
-    systemctlOverride() = path;
 }
 
 void setPkexecProgramForTesting(const QString &path)

@@ -97,7 +97,6 @@ TestWorld::TestWorld() : m_oldHome(qgetenv("HOME")), m_oldTmp(qgetenv("TMPDIR"))
         QFile::copy(QStringLiteral(VELDSPAR_FAKES_DIR "/") + tool, binFolder() + u'/' + tool);
     QFile::copy(QStringLiteral(VELDSPAR_FAKES_DIR "/ManageService.command"),
                 resources() + QStringLiteral("/ManageService.command"));
-    setSystemctlProgramForTesting(binFolder() + QStringLiteral("/systemctl"));
     setPkexecProgramForTesting(binFolder() + QStringLiteral("/pkexec"));
     startUserBus();
 }
@@ -109,7 +108,6 @@ TestWorld::~TestWorld()
     QCoreApplication::sendPostedEvents();
     stopUserBus();
     setBundleLocationForTesting(QString());
-    setSystemctlProgramForTesting(QString());
     setPkexecProgramForTesting(QString());
     qputenv("HOME", m_oldHome);
     qputenv("TMPDIR", m_oldTmp);

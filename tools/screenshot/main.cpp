@@ -1,19 +1,18 @@
 // Opens the real application, waits until its window is on screen, saves the window's pixels
 // as a PNG and quits. Used under Xvfb by "make screenshot".
 //
-//   screenshot BUNDLE OUTPUT.png [--wait MS] [--add-radio ADDRESS] [--systemctl PATH] [--select ROW]
+//   screenshot BUNDLE OUTPUT.png [--wait MS] [--add-radio ADDRESS] [--select ROW]
 //
 // --select picks that row of the radio list before the picture is taken.
 // With --add-radio it goes the user's way through "Add Radio…": it saves the question as
 // OUTPUT-dialog.png, types the address, presses OK, saves any message that follows as
-// OUTPUT-message.png, and saves the window once the app is idle again. --systemctl points the
-// status monitor at another systemctl (a scripted one, to show a state on demand).
+// OUTPUT-message.png, and saves the window once the app is idle again. The service's status is
+// what systemd's user manager on the user bus says (DBUS_SESSION_BUS_ADDRESS).
 // --check-updates chooses "Check for Updates…" in the Veldspar menu and saves each update
 // window as OUTPUT-update-N.png before pressing its default button.
 
 #include "app/AppDelegate.h"
 #include "platform/Bundle.h"
-#include "platform/SystemTools.h"
 #include "updates/LinkedUpdateEngine.h"
 #include "updates/UpdateEngineLoader.h"
 
@@ -144,7 +143,7 @@ int main(int argc, char *argv[])
     QApplication application(argc, argv);
     QStringList arguments = QCoreApplication::arguments().mid(1);
     if (arguments.size() < 2) {
-        std::fprintf(stderr, "usage: screenshot BUNDLE OUTPUT.png [--wait MS] [--add-radio ADDRESS] [--systemctl PATH] "
+        std::fprintf(stderr, "usage: screenshot BUNDLE OUTPUT.png [--wait MS] [--add-radio ADDRESS] "
                              "[--select ROW]\n");
         return 2;
     }
@@ -166,8 +165,6 @@ int main(int argc, char *argv[])
             waitMs = value.toInt();
         else if (option == QStringLiteral("--add-radio"))
             address = value;
-        else if (option == QStringLiteral("--systemctl"))
-            setSystemctlProgramForTesting(value);
         else if (option == QStringLiteral("--select"))
             selectRow = value.toInt();
     }
