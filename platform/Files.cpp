@@ -66,8 +66,9 @@ std::optional<QByteArray> readSmallFile(const QString &path, qint64 limit)
 
 bool pathExists(const QString &path)
 {
-    const QFileInfo info(path);
-    return info.exists() || info.isSymLink();
+    // Whatever is there, a link to nothing included: one lstat instead of a stat and an lstat.
+    struct stat status{};
+    return !path.isEmpty() && ::lstat(QFile::encodeName(path).constData(), &status) == 0;
 }
 
 bool removePath(const QString &path)

@@ -1,6 +1,7 @@
 #include "platform/UserBus.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QMutex>
 
 #include <atomic>
@@ -33,24 +34,36 @@ QString userBusAddress()
     return QStringLiteral("unix:path=") + runtime + QStringLiteral("/bus");
 }
 
-QDBusConnection userBus(bool *made)
+bool userBusIsMissing()
 {
-    if (made)
-        *made = false;
+    const QString address = userBusAddress();
+    if (address.isEmpty())
+        return true;
+    if (!address.startsWith(QStringLiteral("unix:")) || address.contains(u';'))
+        return false;
+    for (const QString &pair : address.mid(5).split(u',')) {
+        if (pair.startsWith(QStringLiteral("path="))) {
+            const QByteArray path = QByteArray::fromPercentEncoding(pair.mid(5).toUtf8());
+            return !QFileInfo::exists(QString::fromUtf8(path));
+        }
+    }
+    return false;
+}
+
+QDBusConnection userBus()
+{
     const QMutexLocker locker(&connectionLock());
     QDBusConnection existing(connectionName());
     if (existing.isConnected())
         return existing;
     // A connection that is gone stays registered under its name until it is let go.
     QDBusConnection::disconnectFromBus(connectionName());
-    const QString address = userBusAddress();
-    if (address.isEmpty())
+    // Asking Qt to connect to a socket that is not there costs a round trip to its D-Bus thread.
+    if (userBusIsMissing())
         return QDBusConnection(connectionName());
-    QDBusConnection connection = QDBusConnection::connectToBus(address, connectionName());
+    QDBusConnection connection = QDBusConnection::connectToBus(userBusAddress(), connectionName());
     if (connection.isConnected())
         ++connectionsMade;
-    if (made)
-        *made = connection.isConnected();
     return connection;
 }
 

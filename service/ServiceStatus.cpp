@@ -1,7 +1,9 @@
 #include "service/ServiceStatus.h"
 
+#include "platform/Background.h"
 #include "platform/Files.h"
 #include "platform/Paths.h"
+#include "platform/UserBus.h"
 #include "service/SystemdUnits.h"
 
 const QStringList &serviceLabels()
@@ -69,30 +71,74 @@ ServiceStatus foldServiceStatus(const QList<UnitState> &states, bool unitFileFou
     return status;
 }
 
-ServiceStatus checkServiceStatus()
+namespace {
+// The labels' units, and whether one of their unit files exists: once one is found, the later
+// labels' files are not looked at.
+struct UnitQuestion
+{
+    QStringList units;
+    bool unitFileFound = false;
+};
+
+UnitQuestion unitQuestion()
+{
+    UnitQuestion question;
+    for (const QString &label : serviceLabels()) {
+        question.unitFileFound = question.unitFileFound || pathExists(userUnitFilePath(label));
+        question.units << label + QStringLiteral(".service");
+    }
+    return question;
+}
+
+ServiceStatus statusFrom(const QList<UnitAnswer> &answers, bool unitFileFound)
 {
     QList<UnitState> states;
     QStringList objects;
-    bool unitFileFound = false;
-    const std::optional<QDBusConnection> bus = systemdBus();
-    bool managerAnswers = bus.has_value();
-    for (const QString &label : serviceLabels()) {
-        // Once one unit file is found, the later labels' files are not looked at.
-        unitFileFound = unitFileFound || pathExists(userUnitFilePath(label));
-        // A manager that let one call run out of time would only make the others wait too.
-        if (!managerAnswers) {
-            states << UnitState::Unavailable;
-            continue;
-        }
-        const UnitAnswer answer = askSystemdAboutUnit(*bus, label + QStringLiteral(".service"));
+    for (const UnitAnswer &answer : answers) {
         states << answer.state;
         if (!answer.object.isEmpty())
             objects << answer.object;
-        managerAnswers = answer.answered;
     }
     ServiceStatus status = foldServiceStatus(states, unitFileFound);
     status.unitObjects = objects;
     return status;
+}
+} // namespace
+
+ServiceStatus checkServiceStatus()
+{
+    const UnitQuestion question = unitQuestion();
+    QList<UnitAnswer> answers(question.units.size());
+    if (const std::optional<QDBusConnection> bus = systemdBus())
+        answers = askSystemdAboutUnits(*bus, question.units);
+    return statusFrom(answers, question.unitFileFound);
+}
+
+void startServiceCheck(QObject *receiver, std::function<void(const ServiceStatus &)> done)
+{
+    // Every 3 s: on a connection that is ready the question leaves from here and its answer
+    // comes back here, carried by Qt's D-Bus thread, without a hop through the pool. Making a
+    // connection blocks, so a check that needs one runs in the background.
+    if (const std::optional<QDBusConnection> bus = subscribedSystemdBus()) {
+        const UnitQuestion question = unitQuestion();
+        askSystemdAboutUnitsLater(*bus, question.units, receiver,
+                                  [done = std::move(done), found = question.unitFileFound](const QList<UnitAnswer> &answers) {
+                                      done(statusFrom(answers, found));
+                                  });
+        return;
+    }
+    // With no bus at all there is no one to ask and nothing to wait for.
+    if (userBusIsMissing()) {
+        const UnitQuestion question = unitQuestion();
+        QMetaObject::invokeMethod(
+            receiver,
+            [done = std::move(done), status = statusFrom(QList<UnitAnswer>(question.units.size()), question.unitFileFound)] {
+                done(status);
+            },
+            Qt::QueuedConnection);
+        return;
+    }
+    runInBackground(receiver, [] { return checkServiceStatus(); }, std::move(done));
 }
 
 StateTone stateTone(const ServiceStatus &status)

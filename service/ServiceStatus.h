@@ -1,8 +1,11 @@
 #pragma once
 
+#include <QObject>
 #include <QString>
 #include <QStringList>
 #include <QVariantMap>
+
+#include <functional>
 
 // The service's labels, asked about in this order on every check: the service, the same
 // label in lower case, and the legacy discovery service.
@@ -32,6 +35,10 @@ ServiceStatus foldServiceStatus(const QList<UnitState> &states, bool unitFileFou
 
 // Asks systemd about every label and looks for their unit files. Blocks: background only.
 ServiceStatus checkServiceStatus();
+
+// Starts a check and hands its result to done() on the main thread, unless the receiver is
+// gone by then. The main thread never waits for systemd.
+void startServiceCheck(QObject *receiver, std::function<void(const ServiceStatus &)> done);
 
 // The state line's colour: green running, orange loaded or unavailable, else the secondary
 // text colour.

@@ -2,7 +2,6 @@
 
 #include "app/Colors.h"
 #include "app/ServiceButton.h"
-#include "platform/Background.h"
 #include "service/ServiceStatus.h"
 #include "service/UnitChanges.h"
 
@@ -14,8 +13,7 @@ void AppDelegate::refreshService()
     if (checkingService)
         return;
     checkingService = true;
-    runInBackground(this, [] { return checkServiceStatus(); },
-                    [this](const ServiceStatus &result) { applyServiceStatus(result); });
+    startServiceCheck(this, [this](const ServiceStatus &result) { applyServiceStatus(result); });
 }
 
 void AppDelegate::applyServiceStatus(const ServiceStatus &result)
@@ -29,15 +27,18 @@ void AppDelegate::applyServiceStatus(const ServiceStatus &result)
     serviceState->setText(result.stateText);
     serviceStartup->setText(result.startupText);
 
-    QPalette palette = serviceState->palette();
+    QColor tone;
     switch (stateTone(result)) {
-    case StateTone::Success: palette.setColor(QPalette::WindowText, successColor()); break;
-    case StateTone::Warning: palette.setColor(QPalette::WindowText, warningColor()); break;
-    case StateTone::Secondary:
-        palette.setColor(QPalette::WindowText, palette.color(QPalette::PlaceholderText));
-        break;
+    case StateTone::Success: tone = successColor(); break;
+    case StateTone::Warning: tone = warningColor(); break;
+    case StateTone::Secondary: tone = serviceState->palette().color(QPalette::PlaceholderText); break;
     }
-    serviceState->setPalette(palette);
+    // Every 3 s the answer is mostly the same; a palette is only made for a new colour.
+    if (serviceState->palette().color(QPalette::WindowText) != tone) {
+        QPalette palette = serviceState->palette();
+        palette.setColor(QPalette::WindowText, tone);
+        serviceState->setPalette(palette);
+    }
     unitChanges->watch(result.unitObjects);
     // The tick also notices a service that died without taking its state file away.
     checkLiveStateOwner();

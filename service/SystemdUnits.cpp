@@ -6,6 +6,8 @@
 #include <QDBusArgument>
 #include <QDBusMessage>
 #include <QDBusObjectPath>
+#include <QDBusPendingCallWatcher>
+#include <QHash>
 
 #include <atomic>
 
@@ -16,12 +18,17 @@ const QString &systemdService()
     return name;
 }
 
-QDBusMessage callManager(const QDBusConnection &bus, const QString &method, const QVariantList &arguments = {})
+QDBusMessage managerCall(const QString &method, const QVariantList &arguments = {})
 {
     QDBusMessage call = QDBusMessage::createMethodCall(systemdService(), QStringLiteral("/org/freedesktop/systemd1"),
                                                        QStringLiteral("org.freedesktop.systemd1.Manager"), method);
     call.setArguments(arguments);
-    return bus.call(call, QDBus::Block, systemdCallTimeoutMs);
+    return call;
+}
+
+QDBusMessage callManager(const QDBusConnection &bus, const QString &method, const QVariantList &arguments = {})
+{
+    return bus.call(managerCall(method, arguments), QDBus::Block, systemdCallTimeoutMs);
 }
 
 // The manager (or the bus) let the call run out of time, or the bus went away meanwhile.
@@ -35,54 +42,89 @@ bool unanswered(const QDBusMessage &reply)
            || name == QStringLiteral("org.freedesktop.DBus.Error.Disconnected");
 }
 
-// Whether this process's connection is subscribed; a new connection starts unsubscribed.
-std::atomic<bool> &subscribed()
+// The connection (by its generation) on which the manager took this process's subscription;
+// 0 for none. A new connection starts unsubscribed.
+std::atomic<quint64> subscribedConnection = 0;
+
+// Each unit of a ListUnitsByNames answer by name: (name, description, load state, active state,
+// sub state, followed unit, object path, job id, job type, job path). Empty for any other answer.
+QHash<QString, UnitAnswer> unitsListedIn(const QDBusMessage &reply)
 {
-    static std::atomic<bool> flag{false};
-    return flag;
+    QHash<QString, UnitAnswer> listed;
+    if (reply.type() != QDBusMessage::ReplyMessage || reply.signature() != QStringLiteral("a(ssssssouso)"))
+        return listed;
+    const QDBusArgument list = reply.arguments().constFirst().value<QDBusArgument>();
+    list.beginArray();
+    while (!list.atEnd()) {
+        QString name, description, loadState, activeState, subState, followed, jobType;
+        QDBusObjectPath object, job;
+        uint jobId = 0;
+        list.beginStructure();
+        list >> name >> description >> loadState >> activeState >> subState >> followed >> object >> jobId >> jobType
+            >> job;
+        list.endStructure();
+        const QVariantMap states = {{QStringLiteral("LoadState"), loadState},
+                                    {QStringLiteral("ActiveState"), activeState},
+                                    {QStringLiteral("SubState"), subState}};
+        listed.insert(name, UnitAnswer{unitStateFromProperties(states), object.path()});
+    }
+    list.endArray();
+    return listed;
 }
 
-// The "a{sv}" of Properties.GetAll; empty for any other answer.
-QVariantMap propertiesOf(const QDBusMessage &reply)
+// The answer for each unit, in the order asked; a unit the answer does not list is unavailable.
+QList<UnitAnswer> answersFor(const QStringList &units, const QDBusMessage &reply)
 {
-    QVariantMap properties;
-    if (reply.type() != QDBusMessage::ReplyMessage || reply.signature() != QStringLiteral("a{sv}"))
-        return properties;
-    reply.arguments().constFirst().value<QDBusArgument>() >> properties;
-    return properties;
+    const QHash<QString, UnitAnswer> listed = unitsListedIn(reply);
+    QList<UnitAnswer> answers;
+    for (const QString &unit : units)
+        answers << listed.value(unit, UnitAnswer{UnitState::Unavailable, QString()});
+    return answers;
 }
 } // namespace
 
 std::optional<QDBusConnection> systemdBus()
 {
-    bool made = false;
-    QDBusConnection bus = userBus(&made);
+    QDBusConnection bus = userBus();
+    quint64 generation = 0;
+    currentUserBus(&generation);
     if (!bus.isConnected())
         return std::nullopt;
-    if (made)
-        subscribed() = false;
-    if (!subscribed()) {
+    if (subscribedConnection != generation) {
         const QDBusMessage reply = callManager(bus, QStringLiteral("Subscribe"));
         if (unanswered(reply))
             return std::nullopt;
         // A manager that refuses now is asked again at the next check.
-        subscribed() = reply.type() == QDBusMessage::ReplyMessage
-                       || reply.errorName() == QStringLiteral("org.freedesktop.systemd1.AlreadySubscribed");
+        if (reply.type() == QDBusMessage::ReplyMessage
+            || reply.errorName() == QStringLiteral("org.freedesktop.systemd1.AlreadySubscribed"))
+            subscribedConnection = generation;
     }
     return bus;
 }
 
-UnitAnswer askSystemdAboutUnit(const QDBusConnection &bus, const QString &unit)
+std::optional<QDBusConnection> subscribedSystemdBus()
 {
-    const QDBusMessage loaded = callManager(bus, QStringLiteral("LoadUnit"), {unit});
-    if (loaded.type() != QDBusMessage::ReplyMessage || loaded.signature() != QStringLiteral("o"))
-        return {UnitState::Unavailable, QString(), !unanswered(loaded)};
-    const QString object = loaded.arguments().constFirst().value<QDBusObjectPath>().path();
+    quint64 generation = 0;
+    QDBusConnection bus = currentUserBus(&generation);
+    if (!bus.isConnected() || subscribedConnection != generation)
+        return std::nullopt;
+    return bus;
+}
 
-    QDBusMessage getAll = QDBusMessage::createMethodCall(systemdService(), object,
-                                                         QStringLiteral("org.freedesktop.DBus.Properties"),
-                                                         QStringLiteral("GetAll"));
-    getAll.setArguments({QStringLiteral("org.freedesktop.systemd1.Unit")});
-    const QDBusMessage reply = bus.call(getAll, QDBus::Block, systemdCallTimeoutMs);
-    return {unitStateFromProperties(propertiesOf(reply)), object, !unanswered(reply)};
+QList<UnitAnswer> askSystemdAboutUnits(const QDBusConnection &bus, const QStringList &units)
+{
+    return answersFor(units, callManager(bus, QStringLiteral("ListUnitsByNames"), {units}));
+}
+
+void askSystemdAboutUnitsLater(const QDBusConnection &bus, const QStringList &units, QObject *context,
+                               std::function<void(const QList<UnitAnswer> &)> done)
+{
+    const QDBusPendingCall call = bus.asyncCall(managerCall(QStringLiteral("ListUnitsByNames"), {units}),
+                                                systemdCallTimeoutMs);
+    // Parented to the context, the watcher and its answer go with it.
+    auto *watcher = new QDBusPendingCallWatcher(call, context);
+    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, context, [watcher, units, done = std::move(done)] {
+        watcher->deleteLater();
+        done(answersFor(units, watcher->reply()));
+    });
 }

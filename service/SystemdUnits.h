@@ -1,16 +1,20 @@
 #pragma once
 
+#include "service/ServiceStatus.h"
+
 #include <QDBusConnection>
+#include <QObject>
+#include <QList>
 #include <QString>
+#include <QStringList>
 
+#include <functional>
 #include <optional>
-
-enum class UnitState;
 
 // systemd's user manager on the user bus, asked directly instead of through systemctl.
 
-// Longest wait for one answer of the manager. A manager that does not answer within it is
-// not asked again in the same check.
+// Longest wait for one answer of the manager. A manager that does not answer the subscription
+// within it is not asked about the units in the same check.
 constexpr int systemdCallTimeoutMs = 4000;
 
 // The user bus, with the manager asked to announce unit changes on this connection (it sends
@@ -18,13 +22,24 @@ constexpr int systemdCallTimeoutMs = 4000;
 // answer in time. Blocks: background threads only.
 std::optional<QDBusConnection> systemdBus();
 
+// The user bus as it is connected now, when the manager took the subscription on it; nothing
+// otherwise. Never blocks.
+std::optional<QDBusConnection> subscribedSystemdBus();
+
 struct UnitAnswer
 {
-    UnitState state;
-    QString object;        // the unit's object path, to watch for changes; empty when unknown
-    bool answered = true;  // false when the manager did not answer in time
+    UnitState state = UnitState::Unavailable;
+    QString object; // the unit's object path, to watch for changes; empty when unknown
 };
 
-// Loads the unit (a unit systemd does not know comes back with LoadState "not-found") and reads
-// its load, active and sub state. Blocks: background threads only.
-UnitAnswer askSystemdAboutUnit(const QDBusConnection &bus, const QString &unit);
+// Loads the units (a unit systemd does not know comes back with LoadState "not-found") and reads
+// each one's load, active and sub state, all in one call: ListUnitsByNames does for every name
+// what LoadUnit and reading the unit's properties do, in one round trip instead of six. The
+// answers come in the order of the names; a call that fails leaves every unit unavailable.
+// Blocks: background threads only.
+QList<UnitAnswer> askSystemdAboutUnits(const QDBusConnection &bus, const QStringList &units);
+
+// The same question without waiting for its answer: done() gets it on the context's thread
+// within the call's time-out, or never once the context is gone.
+void askSystemdAboutUnitsLater(const QDBusConnection &bus, const QStringList &units, QObject *context,
+                               std::function<void(const QList<UnitAnswer> &)> done);

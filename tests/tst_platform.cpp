@@ -76,27 +76,79 @@ private Q_SLOTS:
         QCOMPARE(userBusAddress(), QString());
     }
 
+    void pathExistsForAnythingThereDanglingLinksIncluded()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QString file = dir.filePath(QStringLiteral("file"));
+        writeTestFile(file, "x");
+        QVERIFY(QFile::link(file, dir.filePath(QStringLiteral("to-file"))));
+        QVERIFY(QFile::link(dir.filePath(QStringLiteral("nothing")), dir.filePath(QStringLiteral("dangling"))));
+        QVERIFY(pathExists(file));
+        QVERIFY(pathExists(dir.path()));
+        QVERIFY(pathExists(dir.filePath(QStringLiteral("to-file"))));
+        QVERIFY(pathExists(dir.filePath(QStringLiteral("dangling"))));
+        QVERIFY(!pathExists(dir.filePath(QStringLiteral("nothing"))));
+        QVERIFY(!pathExists(file + QStringLiteral("/below-a-file")));
+        QVERIFY(!pathExists(QString()));
+    }
+
+    // Only a plain socket path that leads nowhere counts as no bus; any other address is tried.
+    void userBusIsMissingOnlyWhenItsSocketIsNotThere_data()
+    {
+        QTest::addColumn<QByteArray>("address");
+        QTest::addColumn<bool>("missing");
+        const QByteArray here = QFile::encodeName(QDir::tempPath());
+        QTest::newRow("no address") << QByteArray() << true;
+        QTest::newRow("path to nothing") << QByteArray("unix:path=/nonexistent/veldspar-bus") << true;
+        QTest::newRow("path to something") << "unix:path=" + here << false;
+        QTest::newRow("path to nothing, with guid") << QByteArray("unix:path=/nonexistent/bus,guid=0123456789abcdef") << true;
+        QTest::newRow("guid first") << "unix:guid=0123456789abcdef,path=" + here << false;
+        QTest::newRow("escaped path to something") << "unix:path=" + QByteArray(here).replace('/', "%2f") << false;
+        QTest::newRow("abstract socket") << QByteArray("unix:abstract=/tmp/dbus-XYZ") << false;
+        QTest::newRow("tcp") << QByteArray("tcp:host=localhost,port=5555") << false;
+        QTest::newRow("two addresses") << QByteArray("unix:path=/nonexistent/a;unix:path=/nonexistent/b") << false;
+    }
+
+    void userBusIsMissingOnlyWhenItsSocketIsNotThere()
+    {
+        QFETCH(QByteArray, address);
+        QFETCH(bool, missing);
+        TestWorld world;
+        qunsetenv("XDG_RUNTIME_DIR");
+        if (address.isEmpty())
+            qunsetenv("DBUS_SESSION_BUS_ADDRESS");
+        else
+            qputenv("DBUS_SESSION_BUS_ADDRESS", address);
+        QCOMPARE(userBusIsMissing(), missing);
+    }
+
     void userBusKeepsOneConnectionAndMakesItAgainWhenGone()
     {
         TestWorld world;
-        bool made = false;
-        QDBusConnection first = userBus(&made);
+        QDBusConnection first = userBus();
         QVERIFY(first.isConnected());
-        QVERIFY(made);
-        QDBusConnection again = userBus(&made);
-        QVERIFY(!made);
+        quint64 firstMade = 0;
+        currentUserBus(&firstMade);
+        QDBusConnection again = userBus();
+        quint64 made = 0;
+        currentUserBus(&made);
+        QCOMPARE(made, firstMade);
         QCOMPARE(again.baseService(), first.baseService());
 
         disconnectUserBus();
-        QDBusConnection remade = userBus(&made);
-        QVERIFY(made);
+        QDBusConnection remade = userBus();
+        currentUserBus(&made);
+        QVERIFY(made != firstMade);
         QVERIFY(remade.isConnected());
         QVERIFY(remade.baseService() != first.baseService());
 
         // Once the bus is gone the connection notices, and no new one can be made.
         world.stopUserBus();
-        QVERIFY(!userBus(&made).isConnected());
-        QVERIFY(!made);
+        const quint64 lastMade = made;
+        QVERIFY(!userBus().isConnected());
+        currentUserBus(&made);
+        QCOMPARE(made, lastMade);
         QVERIFY(!currentUserBus().isConnected());
     }
 

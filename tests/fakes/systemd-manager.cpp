@@ -2,19 +2,22 @@
 // "systemctl.d/" as the systemctl stand-in, so that the service script and the app see one
 // world:
 //   units/<unit>         KEY=VALUE lines: the unit's properties (default: a unit systemd does not know)
-//   units/<unit>.status  non-zero: LoadUnit of that unit fails
+//   units/<unit>.status  non-zero: loading that unit fails, and with it any ListUnitsByNames naming it
 //   unavailable          every call fails
-//   hold                 LoadUnit and GetAll wait for the file "release"
-//   garbage-path         LoadUnit answers a string instead of an object path
-//   garbage-properties   GetAll answers the states as numbers
-//   bus-calls/<time>.*   each call, method and arguments NUL-separated, in call order (written here)
+//   hold                 ListUnitsByNames waits for the file "release"
+//   garbage-path         ListUnitsByNames answers a string in place of each object path
+//   garbage-properties   ListUnitsByNames answers the states as numbers
+//   bus-calls/<time>.*   each call, method and arguments NUL-separated (a list's items one by one),
+//                        in call order (written here)
 // Once a client has called Subscribe, a change of a unit file is announced with
 // PropertiesChanged on that unit's object.
 //
 //   systemd-manager BUS-ADDRESS CONTROL-FOLDER    prints "ready" once it serves
 
 #include <QCoreApplication>
+#include <QDBusArgument>
 #include <QDBusConnection>
+#include <QDBusMetaType>
 #include <QDBusMessage>
 #include <QDBusObjectPath>
 #include <QDBusVirtualObject>
@@ -26,6 +29,7 @@
 #include <QTimer>
 
 #include <cstdio>
+#include <type_traits>
 
 namespace {
 const QString unitPrefix = QStringLiteral("/org/freedesktop/systemd1/unit/");
@@ -58,6 +62,40 @@ QString unitOf(const QString &object)
     return unit;
 }
 
+// One unit as ListUnitsByNames lists it; the garbled answers change the types of its states or
+// of its object path.
+template <typename State, typename Path>
+struct ListedUnit
+{
+    QString name, description;
+    State load{}, active{}, sub{};
+    QString followed;
+    Path object;
+    uint jobId = 0;
+    QString jobType;
+    QDBusObjectPath job{QStringLiteral("/")};
+};
+
+template <typename State, typename Path>
+QDBusArgument &operator<<(QDBusArgument &argument, const ListedUnit<State, Path> &unit)
+{
+    argument.beginStructure();
+    argument << unit.name << unit.description << unit.load << unit.active << unit.sub << unit.followed << unit.object
+             << unit.jobId << unit.jobType << unit.job;
+    argument.endStructure();
+    return argument;
+}
+
+template <typename State, typename Path>
+const QDBusArgument &operator>>(const QDBusArgument &argument, ListedUnit<State, Path> &unit)
+{
+    argument.beginStructure();
+    argument >> unit.name >> unit.description >> unit.load >> unit.active >> unit.sub >> unit.followed >> unit.object
+        >> unit.jobId >> unit.jobType >> unit.job;
+    argument.endStructure();
+    return argument;
+}
+
 class Manager : public QDBusVirtualObject
 {
 public:
@@ -85,7 +123,7 @@ public:
                                                      QStringLiteral("Access denied")));
             return true;
         }
-        const bool query = message.member() == QStringLiteral("LoadUnit") || message.member() == QStringLiteral("GetAll");
+        const bool query = message.member() == QStringLiteral("ListUnitsByNames");
         if (query && exists(QStringLiteral("hold")) && !exists(QStringLiteral("release"))) {
             message.setDelayedReply(true);
             m_held << message;
@@ -113,8 +151,12 @@ private:
         QByteArray line = message.member().toUtf8() + '\0';
         if (message.path().startsWith(unitPrefix))
             line += unitOf(message.path()).toUtf8() + '\0';
-        for (const QVariant &argument : message.arguments())
-            line += argument.toString().toUtf8() + '\0';
+        for (const QVariant &argument : message.arguments()) {
+            const QStringList items =
+                argument.typeId() == QMetaType::QStringList ? argument.toStringList() : QStringList{argument.toString()};
+            for (const QString &item : items)
+                line += item.toUtf8() + '\0';
+        }
         // Named so that name order is call order, like the systemctl stand-in's records.
         QFile file(path(QStringLiteral("bus-calls/"))
                    + QStringLiteral("%1").arg(QDateTime::currentMSecsSinceEpoch() * 1000000 + m_calls++, 20, 10,
@@ -149,25 +191,54 @@ private:
             m_subscribed = true;
             return message.createReply();
         }
-        if (member == QStringLiteral("LoadUnit")) {
-            const QString unit = message.arguments().value(0).toString();
+        if (member == QStringLiteral("ListUnitsByNames"))
+            return listUnits(message);
+        return message.createErrorReply(QStringLiteral("org.freedesktop.DBus.Error.UnknownMethod"), member);
+    }
+
+    // systemd loads each named unit and lists it as (name, description, load state, active state,
+    // sub state, followed unit, object path, job id, job type, job path); when one fails to load
+    // the whole call fails.
+    QDBusMessage listUnits(const QDBusMessage &message) const
+    {
+        const QStringList names = message.arguments().value(0).toStringList();
+        for (const QString &unit : names) {
             QFile status(path(QStringLiteral("units/")) + unit + QStringLiteral(".status"));
             if (status.open(QIODevice::ReadOnly) && status.readAll().trimmed().toInt() != 0)
                 return message.createErrorReply(QStringLiteral("org.freedesktop.DBus.Error.AccessDenied"),
                                                 QStringLiteral("Access denied"));
-            if (exists(QStringLiteral("garbage-path")))
-                return message.createReply(objectOf(unit));
-            return message.createReply(QVariant::fromValue(QDBusObjectPath(objectOf(unit))));
         }
-        if (member == QStringLiteral("GetAll") && message.path().startsWith(unitPrefix)) {
-            QVariantMap answer = properties(unitOf(message.path()));
-            if (exists(QStringLiteral("garbage-properties")))
-                for (const QString &name : {QStringLiteral("LoadState"), QStringLiteral("ActiveState"),
-                                            QStringLiteral("SubState")})
-                    answer.insert(name, 1);
-            return message.createReply(answer);
+        if (exists(QStringLiteral("garbage-path")))
+            return message.createReply(QVariant::fromValue(listed<QString, QString>(names)));
+        if (exists(QStringLiteral("garbage-properties")))
+            return message.createReply(QVariant::fromValue(listed<int, QDBusObjectPath>(names)));
+        return message.createReply(QVariant::fromValue(listed<QString, QDBusObjectPath>(names)));
+    }
+
+    template <typename State, typename Path>
+    QList<ListedUnit<State, Path>> listed(const QStringList &names) const
+    {
+        QList<ListedUnit<State, Path>> units;
+        for (const QString &unit : names) {
+            const QVariantMap known = properties(unit);
+            ListedUnit<State, Path> listed;
+            listed.name = unit;
+            listed.load = stateAs<State>(known.value(QStringLiteral("LoadState")));
+            listed.active = stateAs<State>(known.value(QStringLiteral("ActiveState")));
+            listed.sub = stateAs<State>(known.value(QStringLiteral("SubState")));
+            listed.object = Path(objectOf(unit));
+            units << listed;
         }
-        return message.createErrorReply(QStringLiteral("org.freedesktop.DBus.Error.UnknownMethod"), member);
+        return units;
+    }
+
+    template <typename State>
+    static State stateAs(const QVariant &value)
+    {
+        if constexpr (std::is_same_v<State, int>)
+            return 1;
+        else
+            return value.toString();
     }
 
     void answerHeldCalls()
@@ -218,6 +289,12 @@ private:
 int main(int argc, char *argv[])
 {
     QCoreApplication application(argc, argv);
+    qDBusRegisterMetaType<ListedUnit<QString, QDBusObjectPath>>();
+    qDBusRegisterMetaType<QList<ListedUnit<QString, QDBusObjectPath>>>();
+    qDBusRegisterMetaType<ListedUnit<QString, QString>>();
+    qDBusRegisterMetaType<QList<ListedUnit<QString, QString>>>();
+    qDBusRegisterMetaType<ListedUnit<int, QDBusObjectPath>>();
+    qDBusRegisterMetaType<QList<ListedUnit<int, QDBusObjectPath>>>();
     if (argc != 3) {
         std::fprintf(stderr, "usage: systemd-manager BUS-ADDRESS CONTROL-FOLDER\n");
         return 64;
