@@ -7,11 +7,22 @@
 #include <QPainter>
 #include <QSvgRenderer>
 
+namespace {
+const QByteArray &appIconSvg()
+{
+    static const QByteArray svg = readWholeFile(resourcePath(QStringLiteral("Veldspar.svg"))).value_or(QByteArray());
+    return svg;
+}
+} // namespace
+
+void readAppIcon()
+{
+    appIconSvg();
+}
+
 QPixmap appIcon(int size)
 {
-    // Read once, when the window is built: by the time the uninstall reports leftovers the
-    // bundle, icon and all, is already in the Trash.
-    static const QByteArray svg = readWholeFile(resourcePath(QStringLiteral("Veldspar.svg"))).value_or(QByteArray());
+    const QByteArray &svg = appIconSvg();
 
     const qreal ratio = qApp ? qApp->devicePixelRatio() : 1.0;
     QPixmap pixmap(QSize(size, size) * ratio);

@@ -15,7 +15,6 @@
 #include <QClipboard>
 #include <QFrame>
 #include <QHBoxLayout>
-#include <QIcon>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListView>
@@ -124,7 +123,8 @@ void AppDelegate::makeWindow(QMenuBar *menu)
 {
     window = std::make_unique<QMainWindow>();
     window->setWindowTitle(QStringLiteral("Veldspar"));
-    window->setWindowIcon(QIcon(appIcon(256)));
+    // Rendering the icon waits for the first frame; the file is read now, while it is there.
+    readAppIcon();
     window->setMenuBar(menu);
     // The sizes are those of the content area; the menu bar comes on top of them.
     auto *content = new QWidget;

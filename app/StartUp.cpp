@@ -1,10 +1,13 @@
 #include "app/AppDelegate.h"
 
 #include "app/AfterFirstFrame.h"
+#include "app/AppIcon.h"
+#include "app/AppStyle.h"
 #include "service/UnitChanges.h"
 #include "updates/EmberlaneUpdates.h"
 
 #include <QGuiApplication>
+#include <QIcon>
 #include <QMainWindow>
 #include <QMenuBar>
 #include <QPointer>
@@ -22,6 +25,7 @@ void AppDelegate::applicationDidFinishLaunching()
             return std::nullopt;
         return QStringLiteral("Wait for the current service or configuration operation to finish.");
     };
+    installAppStyle(); // before the first widget, which takes the style in use
     QMenuBar *menu = buildMenu();
     makeWindow(menu);
     editor = std::make_unique<Draft>();
@@ -49,8 +53,12 @@ void AppDelegate::applicationDidFinishLaunching()
         window->move(frame.topLeft());
     }
     bringWindowForward();
-    // The update engine's libraries are not needed to draw the window.
-    afterFirstFrame(window.get(), [] { EmberlaneUpdates::shared().loadEngine(); });
+    // Neither the icon, drawn from its SVG, nor the update engine's libraries are needed to
+    // draw the window; the window manager takes the icon up when it comes.
+    afterFirstFrame(window.get(), [this] {
+        window->setWindowIcon(QIcon(appIcon(256)));
+        EmberlaneUpdates::shared().loadEngine();
+    });
 
     // Asked only once the window is on screen, from the next turn of the event loop.
     QTimer::singleShot(0, this, &AppDelegate::offerServiceRefresh);

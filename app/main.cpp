@@ -1,10 +1,13 @@
 #include "app/AppDelegate.h"
+#include "platform/FontConfigWarmUp.h"
 #include "platform/SingleInstance.h"
 
 #include <QApplication>
 
 int main(int argc, char *argv[])
 {
+    // The font configuration is read beside the application's own start, not after it.
+    FontConfigWarmUp fonts;
     QApplication application(argc, argv);
     QGuiApplication::setApplicationDisplayName(QStringLiteral("Veldspar"));
     QGuiApplication::setDesktopFileName(QStringLiteral("org.kestrum.Veldspar.configure"));

@@ -29,6 +29,7 @@
 #include <QMenu>
 #include <QMenuBar>
 #include <QPointer>
+#include <QProxyStyle>
 #include <QProcess>
 #include <QPushButton>
 #include <QScopeGuard>
@@ -369,8 +370,10 @@ private Q_SLOTS:
     void whileSavingOnlyReloadAndShowFilesAct();
     void closingTheWindowQuits();
     void secondStartBringsTheFirstForwardAndLeaves();
-    void theAppStartsWithoutTheUpdateLibraries();
+    void theAppStartsWithoutTheUpdateLibrariesOrImagePlugins();
     void theUpdateEngineWaitsForTheFirstFrame();
+    void theWindowIconComesAfterTheFirstFrame();
+    void menuBarOverflowArrowIsTheStylesOwn();
     void bringingForwardRestoresAMinimisedWindow();
 
     // Window and menus.
@@ -751,7 +754,7 @@ void AppShellTest::secondStartBringsTheFirstForwardAndLeaves()
 
 // The real executable, as installed: the network, archive and crypto libraries come with the
 // update engine's library, which the app loads itself once it runs.
-void AppShellTest::theAppStartsWithoutTheUpdateLibraries()
+void AppShellTest::theAppStartsWithoutTheUpdateLibrariesOrImagePlugins()
 {
     TestWorld world;
     QProcess app;
@@ -785,6 +788,12 @@ void AppShellTest::theAppStartsWithoutTheUpdateLibraries()
     }
     QCOMPARE(loadedBy, QByteArray("engine dynamically loaded;libQt6Network.so engine;libsodium.so engine;libarchive.so engine;"));
     QVERIFY2(!log.contains("The updater cannot start"), log.right(4000).constData());
+
+    // Nothing on the way to the first frame probes the image-format plugins (the engine comes
+    // after that frame).
+    const QByteArray beforeEngine = log.left(log.indexOf(engineReady));
+    QVERIFY2(!beforeEngine.contains("/imageformats/"),
+             beforeEngine.mid(beforeEngine.indexOf("/imageformats/") - 200, 400).constData());
 }
 
 // Run alone by ctest as well: only the process's first app shows when the engine comes.
@@ -813,6 +822,56 @@ void AppShellTest::theUpdateEngineWaitsForTheFirstFrame()
     QTRY_VERIFY(exposed);
     QVERIFY(!loadedAtFirstFrame);
     QTRY_VERIFY(EmberlaneUpdates::shared().engineLoaded());
+}
+
+void AppShellTest::theWindowIconComesAfterTheFirstFrame()
+{
+    TestWorld world;
+    RunningApp app(world);
+    QWindow *handle = app.window()->windowHandle();
+    QVERIFY(handle);
+    if (handle->isExposed())
+        QSKIP("This platform exposed the window before the event loop turned; nothing to tell apart.");
+    bool iconAtFirstFrame = true;
+    bool exposed = false;
+    EventRecorder recorder(handle, [&](QEvent *event) {
+        if (event->type() == QEvent::Expose && handle->isExposed() && !exposed) {
+            exposed = true;
+            iconAtFirstFrame = !app.window()->windowIcon().isNull();
+        }
+    });
+    QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+    QTRY_VERIFY(exposed);
+    QVERIFY(!iconAtFirstFrame);
+    // Then the app's own icon, drawn from the bundle's SVG at full size.
+    QTRY_VERIFY(!app.window()->windowIcon().isNull());
+    const QImage icon = app.window()->windowIcon().pixmap(QSize(256, 256)).toImage();
+    QCOMPARE(icon.size(), QSize(256, 256) * app.window()->devicePixelRatio());
+    QVERIFY(icon.pixelColor(icon.width() / 2, icon.height() / 2).alpha() > 0);
+}
+
+// The arrow the menu bar shows when the window is too narrow for its menus is the desktop
+// style's own, though it is only loaded once it is drawn.
+void AppShellTest::menuBarOverflowArrowIsTheStylesOwn()
+{
+    TestWorld world;
+    RunningApp app(world);
+    auto *style = qobject_cast<QProxyStyle *>(QApplication::style());
+    QVERIFY2(style, "the app's style wraps the desktop's");
+    for (const QStyle::StandardPixmap which :
+         {QStyle::SP_ToolBarHorizontalExtensionButton, QStyle::SP_ToolBarVerticalExtensionButton}) {
+        const QIcon arrow = style->standardIcon(which);
+        const QIcon own = style->baseStyle()->standardIcon(which);
+        QVERIFY(!own.isNull());
+        QVERIFY(!arrow.isNull());
+        QCOMPARE(arrow.actualSize(QSize(16, 16)), own.actualSize(QSize(16, 16)));
+        QCOMPARE(arrow.pixmap(QSize(16, 16)).toImage(), own.pixmap(QSize(16, 16)).toImage());
+        QCOMPARE(arrow.pixmap(QSize(16, 16), QIcon::Disabled).toImage(),
+                 own.pixmap(QSize(16, 16), QIcon::Disabled).toImage());
+    }
+    // Every other icon comes from the desktop's style unchanged.
+    QCOMPARE(style->standardIcon(QStyle::SP_MessageBoxWarning).pixmap(QSize(32, 32)).toImage(),
+             style->baseStyle()->standardIcon(QStyle::SP_MessageBoxWarning).pixmap(QSize(32, 32)).toImage());
 }
 
 void AppShellTest::bringingForwardRestoresAMinimisedWindow()
