@@ -465,6 +465,17 @@ void DialogAnswerer::poll()
     QWidget *modal = QApplication::activeModalWidget();
     if (!modal || !modal->isVisible() || modal->property("answered").toBool())
         return;
+    // The window system activates a panel a moment after it shows, and which widget has the
+    // keyboard is only known from then on. One that never becomes active is answered after a
+    // while all the same.
+    if (!modal->isActiveWindow()) {
+        if (m_waitingFor != modal) {
+            m_waitingFor = modal;
+            m_waitingSince.start();
+        }
+        if (m_waitingSince.elapsed() < 2000)
+            return;
+    }
     modal->setProperty("answered", true);
 
     if (auto *chooser = qobject_cast<QFileDialog *>(modal)) {

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QJsonObject>
 #include <QList>
 #include <QObject>
+#include <QPointer>
 #include <QRect>
 #include <QSize>
 #include <QString>
@@ -170,6 +172,8 @@ private:
     QList<Plan> m_plans;
     QList<ShownDialog> m_shown;
     QTimer m_timer;
+    QPointer<QWidget> m_waitingFor; // shown but not yet active
+    QElapsedTimer m_waitingSince;
 };
 
 // The started application with a test's view of its controls.

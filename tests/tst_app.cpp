@@ -550,6 +550,7 @@ void AppShellTest::viewTreeShowsEveryTextAndControl()
 void AppShellTest::serviceRowShowsCheckingUntilTheFirstStatus()
 {
     TestWorld world;
+    world.holdSystemctl(); // the first check's question waits for an answer
     RunningApp app(world);
     QVERIFY(QTest::qWaitForWindowExposed(app.window()));
 
@@ -570,6 +571,7 @@ void AppShellTest::serviceRowShowsCheckingUntilTheFirstStatus()
     QCOMPARE(button->size(), QSize(100, 30));
     // Nothing to enable yet, so the button says why.
     QCOMPARE(button->toolTip(), u"Add or import a radio before enabling the service."_s);
+    world.release();
 }
 
 void AppShellTest::statusSaysConfigurationLoadedForAValidFile()
