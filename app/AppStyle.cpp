@@ -49,8 +49,6 @@ private:
 };
 } // namespace
 
-AppStyle::AppStyle() = default;
-
 QIcon AppStyle::standardIcon(StandardPixmap which, const QStyleOption *option, const QWidget *widget) const
 {
     if (which != SP_ToolBarHorizontalExtensionButton && which != SP_ToolBarVerticalExtensionButton)

@@ -11,8 +11,6 @@ class AppStyle : public QProxyStyle
     Q_OBJECT
 
 public:
-    AppStyle();
-
     QIcon standardIcon(StandardPixmap which, const QStyleOption *option = nullptr,
                        const QWidget *widget = nullptr) const override;
 };

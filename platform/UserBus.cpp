@@ -1,6 +1,5 @@
 #include "platform/UserBus.h"
 
-#include <QFile>
 #include <QFileInfo>
 #include <QMutex>
 

@@ -78,7 +78,7 @@ QList<UnitAnswer> answersFor(const QStringList &units, const QDBusMessage &reply
     const QHash<QString, UnitAnswer> listed = unitsListedIn(reply);
     QList<UnitAnswer> answers;
     for (const QString &unit : units)
-        answers << listed.value(unit, UnitAnswer{UnitState::Unavailable, QString()});
+        answers << listed.value(unit); // a default answer is unavailable
     return answers;
 }
 } // namespace

@@ -3,8 +3,8 @@
 #include "service/ServiceStatus.h"
 
 #include <QDBusConnection>
-#include <QObject>
 #include <QList>
+#include <QObject>
 #include <QString>
 #include <QStringList>
 

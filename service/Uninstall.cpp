@@ -9,9 +9,9 @@
 #include "platform/Paths.h"
 #include "platform/Process.h"
 #include "platform/SystemTools.h"
-#include "service/UnitChanges.h"
 #include "platform/Trash.h"
 #include "service/UninstallRules.h"
+#include "service/UnitChanges.h"
 #include "updates/BundleSwap.h"
 
 #include <QCoreApplication>

@@ -79,7 +79,8 @@ public:
     // Makes the stand-in manager answer with wrong types: "garbage-path" or "garbage-properties".
     void garbleSystemdAnswers(const QString &how) const;
     QList<QStringList> systemctlCalls() const;
-    // Each call the stand-in manager received: method, unit (for a unit's object), arguments.
+    // Each call the stand-in manager received: method, then its arguments (a list's items one by
+    // one).
     QList<QStringList> systemdCalls() const;
     // Ends the world's user bus and its manager: the app finds no bus at all.
     void stopUserBus();

@@ -47,21 +47,6 @@ QString objectOf(const QString &unit)
     return unitPrefix + escaped;
 }
 
-QString unitOf(const QString &object)
-{
-    const QString escaped = object.mid(unitPrefix.size());
-    QString unit;
-    for (qsizetype i = 0; i < escaped.size(); ++i) {
-        if (escaped.at(i) == u'_' && i + 2 < escaped.size()) {
-            unit += QChar(escaped.mid(i + 1, 2).toUShort(nullptr, 16));
-            i += 2;
-        } else {
-            unit += escaped.at(i);
-        }
-    }
-    return unit;
-}
-
 // One unit as ListUnitsByNames lists it; the garbled answers change the types of its states or
 // of its object path.
 template <typename State, typename Path>
@@ -149,8 +134,6 @@ private:
     void record(const QDBusMessage &message) const
     {
         QByteArray line = message.member().toUtf8() + '\0';
-        if (message.path().startsWith(unitPrefix))
-            line += unitOf(message.path()).toUtf8() + '\0';
         for (const QVariant &argument : message.arguments()) {
             const QStringList items =
                 argument.typeId() == QMetaType::QStringList ? argument.toStringList() : QStringList{argument.toString()};
