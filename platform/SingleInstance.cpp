@@ -5,7 +5,6 @@
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
-#include <QLockFile>
 #include <QSocketNotifier>
 #include <QThread>
 #include <QTimer>
@@ -17,7 +16,9 @@
 #include <optional>
 #include <utility>
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -143,6 +144,48 @@ QByteArray readLine(int fd, const QDeadlineTimer &deadline)
     return end < 0 ? line : line.left(end + 1);
 }
 
+// An exclusive lock on a file beside the socket, held while this object lives. The kernel lets
+// it go with the process, so a copy that crashed leaves no lock to be judged stale; nothing is
+// written, so taking it costs no trip to the disk.
+class NameLock
+{
+public:
+    explicit NameLock(const QString &path) :
+        m_fd(::open(QFile::encodeName(path).constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR)),
+        m_openError(m_fd < 0 ? errno : 0)
+    {
+    }
+    ~NameLock()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd); // closing the only descriptor releases the lock
+    }
+    NameLock(const NameLock &) = delete;
+    NameLock &operator=(const NameLock &) = delete;
+
+    // Empty once the lock is held, else why not.
+    std::optional<QString> acquire(const QDeadlineTimer &deadline) const
+    {
+        if (m_fd < 0)
+            return QString::fromLocal8Bit(std::strerror(m_openError));
+        for (;;) {
+            if (::flock(m_fd, LOCK_EX | LOCK_NB) == 0)
+                return std::nullopt;
+            if (errno == EINTR)
+                continue;
+            if (errno != EWOULDBLOCK)
+                return QString::fromLocal8Bit(std::strerror(errno));
+            if (deadline.hasExpired())
+                return QStringLiteral("another start holds it");
+            QThread::msleep(5);
+        }
+    }
+
+private:
+    int m_fd;
+    int m_openError;
+};
+
 // One connection to the running copy: one short line is read and answered, then it closes.
 class Request : public QObject
 {
@@ -214,10 +257,11 @@ SingleInstance::Claim SingleInstance::claim(int timeoutMs)
     const QDeadlineTimer deadline(timeoutMs);
     // Looking for a running copy and taking the name over happen under one lock, so that of two
     // starts that find the same stale socket, the second finds the first one listening.
-    QLockFile lock(m_name + QStringLiteral(".lock"));
-    if (!lock.tryLock(remainingMs(deadline))) {
-        qWarning("Cannot tell whether Veldspar already runs (%s is locked); starting anyway.",
-                 qPrintable(QDir::toNativeSeparators(lock.fileName())));
+    const QString lockPath = m_name + QStringLiteral(".lock");
+    const NameLock lock(lockPath);
+    if (const std::optional<QString> why = lock.acquire(deadline)) {
+        qWarning("Cannot tell whether Veldspar already runs (%s: %s); starting anyway.",
+                 qPrintable(QDir::toNativeSeparators(lockPath)), qPrintable(*why));
         return Claim::Primary;
     }
     const Claim found = askRunningCopy(deadline);

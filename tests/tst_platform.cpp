@@ -24,8 +24,10 @@
 
 #include <atomic>
 #include <cstring>
+#include <fcntl.h>
 #include <future>
 #include <latch>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -440,6 +442,61 @@ private Q_SLOTS:
             QCOMPARE(results.count(Claim::Primary), 1);
             QCOMPARE(results.count(Claim::RaisedRunningCopy), starts - 1);
         }
+    }
+
+    void aLockFileLeftBehindDoesNotHoldAStartBack()
+    {
+        // What a crashed copy, or an older one, left beside the socket: only a held lock counts.
+        QTemporaryDir dir;
+        const QString name = dir.filePath(QStringLiteral("instance.socket"));
+        leaveStaleSocket(name);
+        QFile left(name + QStringLiteral(".lock"));
+        QVERIFY(left.open(QIODevice::WriteOnly));
+        left.write("12345\nVeldspar\nsomewhere\n");
+        left.close();
+
+        SingleInstance first(name);
+        QSignalSpy asked(&first, &SingleInstance::activationRequested);
+        QElapsedTimer took;
+        took.start();
+        QCOMPARE(first.claim(10000), Claim::Primary);
+        QVERIFY2(took.elapsed() < 5000, "a lock nobody holds was waited for");
+        QCOMPARE(claimFromAnotherThread(name), Claim::RaisedRunningCopy);
+        QCOMPARE(asked.count(), 1);
+    }
+
+    void aLockHeldTooLongIsGivenUpOnWithAWord()
+    {
+        QTemporaryDir dir;
+        const QString name = dir.filePath(QStringLiteral("instance.socket"));
+        const QString lockPath = name + QStringLiteral(".lock");
+        const int holder = ::open(QFile::encodeName(lockPath).constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        QVERIFY(holder >= 0);
+        QCOMPARE(::flock(holder, LOCK_EX | LOCK_NB), 0);
+
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("^Cannot tell whether Veldspar already runs \\(.*instance\\.socket\\.lock: another start holds it\\); starting anyway\\.$")));
+        QElapsedTimer took;
+        took.start();
+        QCOMPARE(SingleInstance(name).claim(300), Claim::Primary);
+        QVERIFY(took.elapsed() >= 300);
+        QVERIFY2(took.elapsed() < 5000, "the wait for the lock overran its bound");
+        ::close(holder);
+
+        // Once let go, the lock is had at once.
+        SingleInstance later(name);
+        QCOMPARE(later.claim(300), Claim::Primary);
+        QVERIFY(QFileInfo::exists(name));
+    }
+
+    void anUnusableLockFileIsReportedAndStartedPast()
+    {
+        QTemporaryDir dir;
+        const QString name = dir.filePath(QStringLiteral("instance.socket"));
+        // Something that is not a file of ours where the lock goes: a link is not followed.
+        QVERIFY(QFile::link(dir.filePath(QStringLiteral("elsewhere")), name + QStringLiteral(".lock")));
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("^Cannot tell whether Veldspar already runs \\(.*instance\\.socket\\.lock: .+\\); starting anyway\\.$")));
+        QCOMPARE(SingleInstance(name).claim(300), Claim::Primary);
+        QVERIFY(!QFileInfo::exists(dir.filePath(QStringLiteral("elsewhere"))));
     }
 
     void anythingButTheRequestIsNotObeyed()
