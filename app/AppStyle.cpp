@@ -34,7 +34,13 @@ public:
     }
     bool isNull() override { return icon().isNull(); }
     QString key() const override { return QStringLiteral("IconOnFirstUse"); }
-    QIconEngine *clone() const override { return new IconOnFirstUse(m_make); }
+    // A copy takes what is there: the recipe while the icon is still to be made, else the icon.
+    QIconEngine *clone() const override
+    {
+        auto *copy = new IconOnFirstUse(m_make);
+        copy->m_icon = m_icon;
+        return copy;
+    }
 
 private:
     QIcon &icon()

@@ -870,6 +870,11 @@ void AppShellTest::menuBarOverflowArrowIsTheStylesOwn()
         QCOMPARE(arrow.pixmap(QSize(16, 16)).toImage(), own.pixmap(QSize(16, 16)).toImage());
         QCOMPARE(arrow.pixmap(QSize(16, 16), QIcon::Disabled).toImage(),
                  own.pixmap(QSize(16, 16), QIcon::Disabled).toImage());
+        // A copy that is changed gets an engine of its own, once the arrow is loaded too.
+        QIcon changed = arrow;
+        changed.addPixmap(QPixmap(8, 8));
+        QVERIFY(!changed.isNull());
+        QCOMPARE(changed.pixmap(QSize(16, 16)).toImage(), own.pixmap(QSize(16, 16)).toImage());
     }
     // Every other icon comes from the desktop's style unchanged.
     QCOMPARE(style->standardIcon(QStyle::SP_MessageBoxWarning).pixmap(QSize(32, 32)).toImage(),
