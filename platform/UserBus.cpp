@@ -20,6 +20,22 @@ QMutex &connectionLock()
 
 // Counts the connections made. Read without the lock, which a connection being made holds.
 std::atomic<quint64> connectionsMade = 0;
+
+// Whether the address is one Unix socket path with nothing at that path, or no address at all.
+bool socketIsMissing(const QString &address)
+{
+    if (address.isEmpty())
+        return true;
+    if (!address.startsWith(QStringLiteral("unix:")) || address.contains(u';'))
+        return false;
+    for (const QString &pair : address.mid(5).split(u',')) {
+        if (pair.startsWith(QStringLiteral("path="))) {
+            const QByteArray path = QByteArray::fromPercentEncoding(pair.mid(5).toUtf8());
+            return !QFileInfo::exists(QString::fromUtf8(path));
+        }
+    }
+    return false;
+}
 } // namespace
 
 QString userBusAddress()
@@ -35,34 +51,25 @@ QString userBusAddress()
 
 bool userBusIsMissing()
 {
-    const QString address = userBusAddress();
-    if (address.isEmpty())
-        return true;
-    if (!address.startsWith(QStringLiteral("unix:")) || address.contains(u';'))
-        return false;
-    for (const QString &pair : address.mid(5).split(u',')) {
-        if (pair.startsWith(QStringLiteral("path="))) {
-            const QByteArray path = QByteArray::fromPercentEncoding(pair.mid(5).toUtf8());
-            return !QFileInfo::exists(QString::fromUtf8(path));
-        }
-    }
-    return false;
+    return socketIsMissing(userBusAddress());
 }
 
-QDBusConnection userBus()
+QDBusConnection userBus(quint64 *generation)
 {
     const QMutexLocker locker(&connectionLock());
-    QDBusConnection existing(connectionName());
-    if (existing.isConnected())
-        return existing;
-    // A connection that is gone stays registered under its name until it is let go.
-    QDBusConnection::disconnectFromBus(connectionName());
-    // Asking Qt to connect to a socket that is not there costs a round trip to its D-Bus thread.
-    if (userBusIsMissing())
-        return QDBusConnection(connectionName());
-    QDBusConnection connection = QDBusConnection::connectToBus(userBusAddress(), connectionName());
-    if (connection.isConnected())
-        ++connectionsMade;
+    QDBusConnection connection(connectionName());
+    if (!connection.isConnected()) {
+        // A connection that is gone stays registered under its name until it is let go.
+        QDBusConnection::disconnectFromBus(connectionName());
+        const QString address = userBusAddress();
+        // Asking Qt to connect to a socket that is not there costs a round trip to its D-Bus thread.
+        connection = socketIsMissing(address) ? QDBusConnection(connectionName())
+                                              : QDBusConnection::connectToBus(address, connectionName());
+        if (connection.isConnected())
+            ++connectionsMade;
+    }
+    if (generation)
+        *generation = connectionsMade;
     return connection;
 }
 

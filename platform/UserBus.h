@@ -16,8 +16,9 @@ bool userBusIsMissing();
 // The app's one connection to the user bus. Made on first use and made again once it is gone
 // (the bus restarted, the session ended), reading the address then. When it cannot be made
 // the answer is not connected and the next call tries again. Connecting blocks until the bus
-// answers: background threads only. Safe from any thread.
-QDBusConnection userBus();
+// answers: background threads only. Safe from any thread. *generation, when asked, is that of
+// the connection returned, as currentUserBus() tells it.
+QDBusConnection userBus(quint64 *generation = nullptr);
 
 // The connection as it is, never (re)made: for the main thread. Not connected when none is.
 // *generation, when asked, tells this connection from every earlier one, so that whoever

@@ -85,9 +85,8 @@ QList<UnitAnswer> answersFor(const QStringList &units, const QDBusMessage &reply
 
 std::optional<QDBusConnection> systemdBus()
 {
-    QDBusConnection bus = userBus();
     quint64 generation = 0;
-    currentUserBus(&generation);
+    QDBusConnection bus = userBus(&generation);
     if (!bus.isConnected())
         return std::nullopt;
     if (subscribedConnection != generation) {

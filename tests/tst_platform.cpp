@@ -138,9 +138,14 @@ private Q_SLOTS:
         QCOMPARE(made, firstMade);
         QCOMPARE(again.baseService(), first.baseService());
 
+        quint64 handedOut = 0;
+        userBus(&handedOut);
+        QCOMPARE(handedOut, firstMade); // the generation of the connection returned
+
         disconnectUserBus();
-        QDBusConnection remade = userBus();
+        QDBusConnection remade = userBus(&handedOut);
         currentUserBus(&made);
+        QCOMPARE(handedOut, made);
         QVERIFY(made != firstMade);
         QVERIFY(remade.isConnected());
         QVERIFY(remade.baseService() != first.baseService());
