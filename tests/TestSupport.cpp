@@ -658,6 +658,8 @@ QStringList RunningApp::rowTexts(int row) const
 void RunningApp::click(QAbstractButton *button) const
 {
     QVERIFY(button);
+    // A click on a disabled button does nothing; a test that makes one has lost a race.
+    QVERIFY2(button->isEnabled(), qPrintable(button->text()));
     QTest::mouseClick(button, Qt::LeftButton);
 }
 

@@ -201,7 +201,7 @@ public:
     int selectedRow() const;
     void selectRow(int row) const;
     QStringList rowTexts(int row) const; // the two lines of a row
-    void click(QAbstractButton *button) const;
+    void click(QAbstractButton *button) const; // fails the test when the button is disabled
     // Waits until no save or probe is running and background work has finished.
     bool waitUntilIdle(int timeoutMs = 20000) const;
 

@@ -628,8 +628,11 @@ private Q_SLOTS:
         app.click(app.serviceButton());
         QVERIFY(app.waitUntilIdle());
         world.setServiceAction(u"enable"_s, {}, 0);
+        // As after any action, the button comes back once the service's state is known again.
+        QTRY_VERIFY_WITH_TIMEOUT(app.serviceButton()->isEnabled(), 10000);
         app.click(app.serviceButton());
         QVERIFY(app.waitUntilIdle());
+        QCOMPARE(world.serviceActions(), QStringList({u"enable"_s, u"enable"_s}));
         QCOMPARE(app.statusText(), u"Service enabled"_s);
         QVERIFY(app.status()->toolTip().isEmpty());
         QCOMPARE(world.serviceLog(), u"Service update failed: first try failed\n"_s);
