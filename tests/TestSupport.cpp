@@ -663,6 +663,11 @@ void RunningApp::click(QAbstractButton *button) const
     QTest::mouseClick(button, Qt::LeftButton);
 }
 
+bool RunningApp::waitForServiceStatus(int timeoutMs) const
+{
+    return QTest::qWaitFor([this] { return serviceButton()->text() != QStringLiteral("Checking\u2026"); }, timeoutMs);
+}
+
 bool RunningApp::waitUntilIdle(int timeoutMs) const
 {
     QElapsedTimer timer;

@@ -204,6 +204,8 @@ public:
     void click(QAbstractButton *button) const; // fails the test when the button is disabled
     // Waits until no save or probe is running and background work has finished.
     bool waitUntilIdle(int timeoutMs = 20000) const;
+    // Waits until the first status check has been applied to the service row.
+    bool waitForServiceStatus(int timeoutMs = 10000) const;
 
 private:
     std::unique_ptr<AppDelegate> m_app;

@@ -63,12 +63,6 @@ QColor secondaryColour(QLabel *label)
     return label->palette().color(QPalette::PlaceholderText);
 }
 
-// Waits until the first status check has been applied to the service row.
-bool waitForStatus(const RunningApp &app)
-{
-    return QTest::qWaitFor([&] { return app.serviceButton()->text() != u"Checking\u2026"_s; }, 10000);
-}
-
 // Unit properties as systemd gives them, from KEY=VALUE lines.
 QVariantMap properties(const QByteArray &lines)
 {
@@ -278,7 +272,7 @@ private Q_SLOTS:
         if (!flag.isEmpty())
             world.garbleSystemdAnswers(flag);
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         QCOMPARE(stateLine(app), shown);
         // The answer came over the bus: the manager was asked about the unit.
         QVERIFY(showCalls(world).contains(u"org.kestrum.Veldspar.service"_s));
@@ -290,7 +284,7 @@ private Q_SLOTS:
     {
         TestWorld world;
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         QCOMPARE(showCalls(world).mid(0, 3), QStringList({unit(u"org.kestrum.Veldspar"_s), unit(u"org.kestrum.veldspar"_s),
                                                           unit(u"org.kestrum.palisade"_s)}));
         // One connection subscribes to unit changes, then asks about the three units in one call.
@@ -308,7 +302,7 @@ private Q_SLOTS:
         world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s)}));
         world.answerUnit(unit(u"org.kestrum.veldspar"_s), running);
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         QLabel *state = app.window()->findChild<QLabel *>(u"serviceState"_s);
         QCOMPARE(state->text(), u"\u25CF Running"_s);
         QCOMPARE(colourOf(state), QColor(0x27, 0xAE, 0x60));
@@ -323,7 +317,7 @@ private Q_SLOTS:
         world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s)}));
         world.answerUnit(unit(u"org.kestrum.Veldspar"_s), activating);
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         QLabel *state = app.window()->findChild<QLabel *>(u"serviceState"_s);
         QCOMPARE(state->text(), u"\u25CF Starting / restarting"_s);
         QCOMPARE(colourOf(state), QColor(0xF6, 0x74, 0x00));
@@ -336,7 +330,7 @@ private Q_SLOTS:
         TestWorld world;
         world.writeUnitFile(u"org.kestrum.palisade"_s);
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         QLabel *state = app.window()->findChild<QLabel *>(u"serviceState"_s);
         QLabel *startup = app.window()->findChild<QLabel *>(u"serviceStartup"_s);
         QCOMPARE(state->text(), u"\u25CF Stopped"_s);
@@ -348,7 +342,7 @@ private Q_SLOTS:
     {
         TestWorld world;
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         QLabel *state = app.window()->findChild<QLabel *>(u"serviceState"_s);
         QLabel *startup = app.window()->findChild<QLabel *>(u"serviceStartup"_s);
         QCOMPARE(state->text(), u"\u25CF Disabled"_s);
@@ -365,7 +359,7 @@ private Q_SLOTS:
         TestWorld world;
         world.answerUnit(unit(u"org.kestrum.Veldspar"_s), running);
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         QCOMPARE(app.window()->findChild<QLabel *>(u"serviceState"_s)->text(), u"\u25CF Running"_s);
         QCOMPARE(app.window()->findChild<QLabel *>(u"serviceStartup"_s)->text(),
                  u"Automatic startup is not configured"_s);
@@ -380,7 +374,7 @@ private Q_SLOTS:
         world.makeSystemdUnavailable();
         world.writeUnitFile(u"org.kestrum.Veldspar"_s);
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         QLabel *state = app.window()->findChild<QLabel *>(u"serviceState"_s);
         QCOMPARE(state->text(), u"\u25CF Status unavailable"_s);
         QCOMPARE(colourOf(state), QColor(0xF6, 0x74, 0x00));
@@ -396,7 +390,7 @@ private Q_SLOTS:
         world.stopUserBus();
         DialogAnswerer answers;
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         QCOMPARE(stateLine(app), u"\u25CF Status unavailable"_s);
         QCOMPARE(app.window()->findChild<QLabel *>(u"serviceStartup"_s)->text(), u"Configured to start at login"_s);
         QCOMPARE(app.serviceButton()->text(), u"Enable"_s);
@@ -412,7 +406,7 @@ private Q_SLOTS:
         world.answerUnit(unit(u"org.kestrum.Veldspar"_s), "LoadState=loaded\nActiveState=bogus\n");
         world.answerUnit(unit(u"org.kestrum.palisade"_s), running);
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         QCOMPARE(app.window()->findChild<QLabel *>(u"serviceState"_s)->text(), u"\u25CF Running"_s);
     }
 
@@ -423,7 +417,7 @@ private Q_SLOTS:
         world.answerUnit(unit(u"org.kestrum.Veldspar"_s), running);
         world.answerDiscover(u"10.0.0.1"_s, "{\"serialNumber\":\"A-1\",\"version\":\"3.3\"}\n", 0, true);
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         QVERIFY(app.serviceButton()->isEnabled());
         DialogAnswerer answers;
         app.click(app.includeBox()); // a save that waits for its probe
@@ -445,7 +439,7 @@ private Q_SLOTS:
         QTest::qWait(3500);
         QCOMPARE(unitQueries(world).size(), 1);
         world.release();
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         // Once released, checks go on at the timer's pace, never piled up.
         const qsizetype after = unitQueries(world).size();
         QVERIFY2(after <= 2, qPrintable(QString::number(after)));
@@ -456,7 +450,7 @@ private Q_SLOTS:
         TestWorld world;
         {
             RunningApp app(world);
-            QVERIFY(waitForStatus(app));
+            QVERIFY(app.waitForServiceStatus());
         }
         const qsizetype calls = world.systemdCalls().size();
         QTest::qWait(3500); // longer than a tick
@@ -485,7 +479,7 @@ private Q_SLOTS:
         world.answerUnit(unit(u"org.kestrum.Veldspar"_s), running);
         {
             RunningApp app(world);
-            QVERIFY(waitForStatus(app));
+            QVERIFY(app.waitForServiceStatus());
             QCOMPARE(stateLine(app), u"\u25CF Running"_s);
             world.holdSystemctl();
             const qsizetype asked = unitQueries(world).size();
@@ -509,7 +503,7 @@ private Q_SLOTS:
     {
         TestWorld world;
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         QCOMPARE(stateLine(app), u"\u25CF Disabled"_s);
         // With the timer stopped only systemd's word can bring the change.
         QTimer *tick = app.app().findChild<QTimer *>(u"serviceTimer"_s);
@@ -529,7 +523,7 @@ private Q_SLOTS:
         TestWorld world;
         world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s)}));
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         world.setServiceAction(u"enable"_s, "enabled\n", 0);
         app.click(app.serviceButton());
         QCOMPARE(app.statusText(), u"Updating background service\u2026"_s);
@@ -546,7 +540,7 @@ private Q_SLOTS:
         TestWorld world;
         world.answerUnit(unit(u"org.kestrum.Veldspar"_s), running);
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         app.click(app.serviceButton());
         QVERIFY(app.waitUntilIdle());
         QCOMPARE(world.serviceActions(), QStringList({u"disable"_s}));
@@ -557,7 +551,7 @@ private Q_SLOTS:
     {
         TestWorld world;
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         const QString before = app.statusText();
         app.app().enableService(); // as a click would, were the button not disabled
         QVERIFY(app.waitUntilIdle());
@@ -570,7 +564,7 @@ private Q_SLOTS:
         TestWorld world;
         world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s)}));
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         world.setServiceAction(u"enable"_s, {}, 0, true);
         app.click(app.serviceButton());
         QTRY_COMPARE(world.serviceActions(), QStringList({u"enable"_s}));
@@ -591,7 +585,7 @@ private Q_SLOTS:
         TestWorld world;
         world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s)}));
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         world.setServiceAction(u"enable"_s, {}, 1);
         app.click(app.serviceButton());
         QVERIFY(app.waitUntilIdle());
@@ -608,7 +602,7 @@ private Q_SLOTS:
         TestWorld world;
         world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s)}));
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         world.setServiceAction(u"enable"_s, "systemctl said \xff\xfe no\n", 3);
         app.click(app.serviceButton());
         QVERIFY(app.waitUntilIdle());
@@ -623,7 +617,7 @@ private Q_SLOTS:
         TestWorld world;
         world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s)}));
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         world.setServiceAction(u"enable"_s, "first try failed\n", 1);
         app.click(app.serviceButton());
         QVERIFY(app.waitUntilIdle());
@@ -642,7 +636,7 @@ private Q_SLOTS:
     {
         TestWorld world;
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         app.app().stopService();
         QVERIFY(app.waitUntilIdle());
         QCOMPARE(world.serviceActions(), QStringList({u"stop"_s}));
@@ -653,7 +647,7 @@ private Q_SLOTS:
     {
         TestWorld world;
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         DialogAnswerer answers;
         answers.willPress(u"Cancel"_s);
         app.click(app.button(u"Uninstall"_s));
@@ -672,7 +666,7 @@ private Q_SLOTS:
         TestWorld world;
         world.writeConfig(configWith({}));
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         world.setServiceAction(u"remove"_s, "Veldspar service: systemctl --user stop failed\n", 1);
         DialogAnswerer answers;
         app.click(app.button(u"Uninstall"_s));
@@ -1073,7 +1067,7 @@ private Q_SLOTS:
         writeTestFile(world.home() + u"/.cache/org.kestrum.veldspar.configure/x"_s, "x");
         const QString app = world.bundle();
         RunningApp running(world);
-        QVERIFY(waitForStatus(running));
+        QVERIFY(running.waitForServiceStatus());
         DialogAnswerer answers;
         const int code = runEventLoop([&] { running.click(running.button(u"Uninstall"_s)); });
         QCOMPARE(code, 0);
@@ -1098,7 +1092,7 @@ private Q_SLOTS:
         world.writeConfig(configWith({}));
         world.moveBundle(u"Veldspar copy.app"_s);
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         DialogAnswerer answers;
         app.click(app.button(u"Uninstall"_s));
         QVERIFY(app.waitUntilIdle());
@@ -1134,7 +1128,7 @@ private Q_SLOTS:
         if (privileged)
             QVERIFY(QFile::setPermissions(applications, QFile::ReadOwner | QFile::ExeOwner));
         RunningApp running(world);
-        QVERIFY(waitForStatus(running));
+        QVERIFY(running.waitForServiceStatus());
         DialogAnswerer answers;
         const int code = runEventLoop([&] { running.click(running.button(u"Uninstall"_s)); });
         QFile::setPermissions(applications, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
@@ -1165,7 +1159,7 @@ private Q_SLOTS:
         QVERIFY(QFile::link(world.bundle(), link));
         setBundleLocationForTesting(link);
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         DialogAnswerer answers;
         app.click(app.button(u"Uninstall"_s));
         QVERIFY(app.waitUntilIdle());
@@ -1186,7 +1180,7 @@ private Q_SLOTS:
         // A folder the user may not change: the ordinary move to the Trash fails.
         QVERIFY(QFile::setPermissions(parent, QFile::ReadOwner | QFile::ExeOwner));
         RunningApp running(world);
-        QVERIFY(waitForStatus(running));
+        QVERIFY(running.waitForServiceStatus());
         DialogAnswerer answers;
         const int code = runEventLoop([&] { running.click(running.button(u"Uninstall"_s)); });
         QFile::setPermissions(parent, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
@@ -1229,7 +1223,7 @@ private Q_SLOTS:
         QFile::setPermissions(slowPkexec, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         setPkexecProgramForTesting(slowPkexec);
         RunningApp running(world);
-        QVERIFY(waitForStatus(running));
+        QVERIFY(running.waitForServiceStatus());
         DialogAnswerer answers;
         // Counts the turns of the event loop while the prompt is up, and what the window says then.
         int ticksWhilePrompting = 0;
@@ -1282,7 +1276,7 @@ private Q_SLOTS:
         QVERIFY(QFile::setPermissions(parent, QFile::ReadOwner | QFile::ExeOwner));
         world.setPkexecAnswer(pkexecAnswer);
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         DialogAnswerer answers;
         const int code = runEventLoop([&] {
             app.click(app.button(u"Uninstall"_s));
@@ -1305,7 +1299,7 @@ private Q_SLOTS:
         // ~/.local/share/Trash cannot be created: a file is in the way.
         writeTestFile(world.home() + u"/.local/share/Trash"_s, "not a folder");
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         DialogAnswerer answers;
         const int code = runEventLoop([&] {
             app.click(app.button(u"Uninstall"_s));
@@ -1328,7 +1322,7 @@ private Q_SLOTS:
         const QString cache = world.home() + u"/.cache"_s;
         QVERIFY(QFile::setPermissions(cache, QFile::ReadOwner | QFile::ExeOwner));
         RunningApp app(world);
-        QVERIFY(waitForStatus(app));
+        QVERIFY(app.waitForServiceStatus());
         DialogAnswerer answers;
         const int code = runEventLoop([&] { app.click(app.button(u"Uninstall"_s)); });
         QFile::setPermissions(cache, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);

@@ -1514,7 +1514,7 @@ private Q_SLOTS:
         TestWorld world;
         world.writeConfig(configWith({}));
         RunningApp running(world);
-        QVERIFY(QTest::qWaitFor([&] { return running.serviceButton()->text() != QStringLiteral("Checking\u2026"); }, 10000));
+        QVERIFY(running.waitForServiceStatus());
         // Left by an earlier run after this one started.
         const QString besideApp = QFileInfo(world.bundle()).absolutePath();
         const QString abandoned = besideApp + QStringLiteral("/.Veldspar.app-update-q1W2e3");
