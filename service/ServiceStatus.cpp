@@ -3,7 +3,7 @@
 #include "platform/Background.h"
 #include "platform/Files.h"
 #include "platform/Paths.h"
-#include "platform/UserBus.h"
+#include "platform/UserManager.h"
 #include "service/SystemdUnits.h"
 
 const QStringList &serviceLabels()
@@ -127,8 +127,8 @@ void startServiceCheck(QObject *receiver, std::function<void(const ServiceStatus
                                   });
         return;
     }
-    // With no bus at all there is no one to ask and nothing to wait for.
-    if (userBusIsMissing()) {
+    // With neither the bus nor the manager's socket there is no one to ask and nothing to wait for.
+    if (userManagerIsMissing()) {
         const UnitQuestion question = unitQuestion();
         QMetaObject::invokeMethod(
             receiver,

@@ -1,6 +1,6 @@
 #include "service/SystemdUnits.h"
 
-#include "platform/UserBus.h"
+#include "platform/UserManager.h"
 #include "service/ServiceStatus.h"
 
 #include <QDBusArgument>
@@ -28,7 +28,7 @@ QDBusMessage managerCall(const QString &method, const QVariantList &arguments = 
 
 QDBusMessage callManager(const QDBusConnection &bus, const QString &method, const QVariantList &arguments = {})
 {
-    return bus.call(managerCall(method, arguments), QDBus::Block, systemdCallTimeoutMs);
+    return bus.call(managerCall(method, arguments), QDBus::Block, userManagerCallTimeoutMs);
 }
 
 // The manager (or the bus) let the call run out of time, or the bus went away meanwhile.
@@ -86,7 +86,7 @@ QList<UnitAnswer> answersFor(const QStringList &units, const QDBusMessage &reply
 std::optional<QDBusConnection> systemdBus()
 {
     quint64 generation = 0;
-    QDBusConnection bus = userBus(&generation);
+    QDBusConnection bus = userManager(&generation);
     if (!bus.isConnected())
         return std::nullopt;
     if (subscribedConnection != generation) {
@@ -104,7 +104,7 @@ std::optional<QDBusConnection> systemdBus()
 std::optional<QDBusConnection> subscribedSystemdBus()
 {
     quint64 generation = 0;
-    QDBusConnection bus = currentUserBus(&generation);
+    QDBusConnection bus = currentUserManager(&generation);
     if (!bus.isConnected() || subscribedConnection != generation)
         return std::nullopt;
     return bus;
@@ -119,7 +119,7 @@ void askSystemdAboutUnitsLater(const QDBusConnection &bus, const QStringList &un
                                std::function<void(const QList<UnitAnswer> &)> done)
 {
     const QDBusPendingCall call = bus.asyncCall(managerCall(QStringLiteral("ListUnitsByNames"), {units}),
-                                                systemdCallTimeoutMs);
+                                                userManagerCallTimeoutMs);
     // Parented to the context, the watcher and its answer go with it.
     auto *watcher = new QDBusPendingCallWatcher(call, context);
     QObject::connect(watcher, &QDBusPendingCallWatcher::finished, context, [watcher, units, done = std::move(done)] {

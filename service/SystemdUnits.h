@@ -11,19 +11,16 @@
 #include <functional>
 #include <optional>
 
-// systemd's user manager on the user bus, asked directly instead of through systemctl.
+// systemd's user manager, asked directly instead of through systemctl. A manager that does not
+// answer the subscription in time is not asked about the units in the same check.
 
-// Longest wait for one answer of the manager. A manager that does not answer the subscription
-// within it is not asked about the units in the same check.
-constexpr int systemdCallTimeoutMs = 4000;
-
-// The user bus, with the manager asked to announce unit changes on this connection (it sends
-// them only to clients that subscribed). Nothing when there is no bus or the manager did not
+// The connection to the manager, with the manager asked to announce unit changes on it (it sends
+// them only to clients that subscribed). Nothing when the manager cannot be reached or did not
 // answer in time. Blocks: background threads only.
 std::optional<QDBusConnection> systemdBus();
 
-// The user bus as it is connected now, when the manager took the subscription on it; nothing
-// otherwise. Never blocks.
+// The connection to the manager as it is now, when the manager took the subscription on it;
+// nothing otherwise. Never blocks.
 std::optional<QDBusConnection> subscribedSystemdBus();
 
 struct UnitAnswer

@@ -1,6 +1,6 @@
 #include "service/UnitChanges.h"
 
-#include "platform/UserBus.h"
+#include "platform/UserManager.h"
 
 #include <QDBusMessage>
 
@@ -9,7 +9,7 @@ UnitChanges::UnitChanges(QObject *parent) : QObject(parent) {}
 void UnitChanges::watch(const QStringList &objects)
 {
     quint64 generation = 0;
-    QDBusConnection bus = currentUserBus(&generation);
+    QDBusConnection bus = currentUserManager(&generation);
     if (!bus.isConnected())
         return;
     // A new connection has none of the old one's watches. On the same connection a unit is
@@ -19,7 +19,7 @@ void UnitChanges::watch(const QStringList &objects)
         m_watched.clear();
     }
     // From any sender: naming systemd's well-known name would make Qt ask the bus who owns it,
-    // a blocking call on this thread.
+    // a blocking call on this thread; and on the manager's own socket no one has a name.
     for (const QString &object : objects)
         if (!m_watched.contains(object) && bus.connect(QString(), object, QStringLiteral("org.freedesktop.DBus.Properties"),
                     QStringLiteral("PropertiesChanged"), {QStringLiteral("org.freedesktop.systemd1.Unit")},

@@ -6,8 +6,9 @@
 
 class QDBusMessage;
 
-// Says when systemd announces a change of a watched unit (its PropertiesChanged on the user
-// bus). Lives on the main thread, so changed() arrives there.
+// Says when systemd announces a change of a watched unit (its PropertiesChanged on the
+// connection the manager is reached on, bus or its own socket). Lives on the main thread, so
+// changed() arrives there.
 class UnitChanges : public QObject
 {
     Q_OBJECT
@@ -15,7 +16,7 @@ class UnitChanges : public QObject
 public:
     explicit UnitChanges(QObject *parent = nullptr);
 
-    // Listens for changes of these unit objects on the user bus as it is connected now; a
+    // Listens for changes of these unit objects on the manager's connection as it is now; a
     // connection made since the last call gets them anew. Never makes a connection itself.
     void watch(const QStringList &objects);
 

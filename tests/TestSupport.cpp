@@ -7,7 +7,7 @@
 #include "platform/Background.h"
 #include "platform/Bundle.h"
 #include "platform/SystemTools.h"
-#include "platform/UserBus.h"
+#include "platform/UserManager.h"
 #include "updates/LinkedUpdateEngine.h"
 #include "updates/UpdateEngineLoader.h"
 
@@ -182,10 +182,26 @@ void TestWorld::startUserBus()
 
 void TestWorld::stopUserBus()
 {
-    disconnectUserBus();
+    disconnectUserManager();
     endChild(m_manager);
     endChild(m_bus);
     QFile::remove(runtimeDir() + QStringLiteral("/bus"));
+    QFile::remove(runtimeDir() + QStringLiteral("/systemd/private"));
+}
+
+void TestWorld::moveUserManagerToItsSocket(Bus bus)
+{
+    disconnectUserManager();
+    endChild(m_manager);
+    if (bus == Bus::Stopped) {
+        endChild(m_bus);
+        QFile::remove(runtimeDir() + QStringLiteral("/bus"));
+    }
+    m_manager = childOfThisTest();
+    m_manager->start(QStringLiteral(VELDSPAR_FAKE_SYSTEMD),
+                     {QStringLiteral("--private"), runtimeDir() + QStringLiteral("/systemd/private"),
+                      binFolder() + QStringLiteral("/systemctl.d")});
+    QCOMPARE(firstLine(*m_manager), QByteArray("ready"));
 }
 
 QString TestWorld::home() const { return root() + QStringLiteral("/home"); }

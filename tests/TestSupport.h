@@ -84,6 +84,11 @@ public:
     QList<QStringList> systemdCalls() const;
     // Ends the world's user bus and its manager: the app finds no bus at all.
     void stopUserBus();
+    // The manager leaves the bus and answers on its own socket, $XDG_RUNTIME_DIR/systemd/private,
+    // only: with the bus kept, as in a session started with dbus-launch; without, as with no
+    // session bus at all.
+    enum class Bus { Kept, Stopped };
+    void moveUserManagerToItsSocket(Bus bus);
     void setServiceAction(const QString &action, const QByteArray &output, int status, bool hold = false) const;
     QStringList serviceActions() const;
     void setPkexecAnswer(const QString &answer) const;

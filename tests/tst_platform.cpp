@@ -9,12 +9,13 @@
 #include "platform/PrivateFolder.h"
 #include "platform/Process.h"
 #include "platform/SingleInstance.h"
-#include "platform/UserBus.h"
+#include "platform/UserManager.h"
 
 #include <QDir>
 #include <QFile>
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QDBusMessage>
 #include <QJsonArray>
 #include <QLocalSocket>
 #include <QProcess>
@@ -96,7 +97,7 @@ private Q_SLOTS:
     }
 
     // Only a plain socket path that leads nowhere counts as no bus; any other address is tried.
-    void userBusIsMissingOnlyWhenItsSocketIsNotThere_data()
+    void userManagerIsMissingOnlyWhenNeitherSocketIsThere_data()
     {
         QTest::addColumn<QByteArray>("address");
         QTest::addColumn<bool>("missing");
@@ -112,39 +113,55 @@ private Q_SLOTS:
         QTest::newRow("two addresses") << QByteArray("unix:path=/nonexistent/a;unix:path=/nonexistent/b") << false;
     }
 
-    void userBusIsMissingOnlyWhenItsSocketIsNotThere()
+    void userManagerIsMissingOnlyWhenNeitherSocketIsThere()
     {
         QFETCH(QByteArray, address);
         QFETCH(bool, missing);
         TestWorld world;
-        qunsetenv("XDG_RUNTIME_DIR");
+        world.stopUserBus(); // nothing at the runtime folder's bus path
         if (address.isEmpty())
             qunsetenv("DBUS_SESSION_BUS_ADDRESS");
         else
             qputenv("DBUS_SESSION_BUS_ADDRESS", address);
-        QCOMPARE(userBusIsMissing(), missing);
+        QCOMPARE(userManagerIsMissing(), missing);
+        // Without a runtime folder there is no manager's socket to look for: the bus decides.
+        qunsetenv("XDG_RUNTIME_DIR");
+        QCOMPARE(userManagerIsMissing(), missing);
+        // With something at the manager's own socket, the manager is there to be asked.
+        qputenv("XDG_RUNTIME_DIR", QFile::encodeName(world.runtimeDir()));
+        QDir().mkpath(world.runtimeDir() + QStringLiteral("/systemd"));
+        writeTestFile(world.runtimeDir() + QStringLiteral("/systemd/private"), {});
+        QVERIFY(!userManagerIsMissing());
     }
 
-    void userBusKeepsOneConnectionAndMakesItAgainWhenGone()
+    void userManagerSocketIsInTheRuntimeFolder()
     {
         TestWorld world;
-        QDBusConnection first = userBus();
+        QCOMPARE(userManagerSocketAddress(), QStringLiteral("unix:path=") + world.runtimeDir() + QStringLiteral("/systemd/private"));
+        qunsetenv("XDG_RUNTIME_DIR");
+        QCOMPARE(userManagerSocketAddress(), QString());
+    }
+
+    void userManagerKeepsOneConnectionAndMakesItAgainWhenGone()
+    {
+        TestWorld world;
+        QDBusConnection first = userManager();
         QVERIFY(first.isConnected());
         quint64 firstMade = 0;
-        currentUserBus(&firstMade);
-        QDBusConnection again = userBus();
+        currentUserManager(&firstMade);
+        QDBusConnection again = userManager();
         quint64 made = 0;
-        currentUserBus(&made);
+        currentUserManager(&made);
         QCOMPARE(made, firstMade);
         QCOMPARE(again.baseService(), first.baseService());
 
         quint64 handedOut = 0;
-        userBus(&handedOut);
+        userManager(&handedOut);
         QCOMPARE(handedOut, firstMade); // the generation of the connection returned
 
-        disconnectUserBus();
-        QDBusConnection remade = userBus(&handedOut);
-        currentUserBus(&made);
+        disconnectUserManager();
+        QDBusConnection remade = userManager(&handedOut);
+        currentUserManager(&made);
         QCOMPARE(handedOut, made);
         QVERIFY(made != firstMade);
         QVERIFY(remade.isConnected());
@@ -153,10 +170,43 @@ private Q_SLOTS:
         // Once the bus is gone the connection notices, and no new one can be made.
         world.stopUserBus();
         const quint64 lastMade = made;
-        QVERIFY(!userBus().isConnected());
-        currentUserBus(&made);
+        QVERIFY(!userManager().isConnected());
+        currentUserManager(&made);
         QCOMPARE(made, lastMade);
-        QVERIFY(!currentUserBus().isConnected());
+        QVERIFY(!currentUserManager().isConnected());
+    }
+
+    // A bus the manager is not on (a dbus-launch session) is left for the manager's own socket,
+    // a peer connection with no bus daemon behind it; without a bus, the socket is all there is.
+    void userManagerIsReachedOnItsOwnSocketWhenNotOnTheBus_data()
+    {
+        QTest::addColumn<bool>("busKept");
+        QTest::newRow("bus without the manager") << true;
+        QTest::newRow("no bus") << false;
+    }
+
+    void userManagerIsReachedOnItsOwnSocketWhenNotOnTheBus()
+    {
+        QFETCH(bool, busKept);
+        TestWorld world;
+        QVERIFY(!userManager().baseService().isEmpty()); // on the bus, a bus name of its own
+        world.moveUserManagerToItsSocket(busKept ? TestWorld::Bus::Kept : TestWorld::Bus::Stopped);
+        quint64 generation = 0;
+        QDBusConnection manager = userManager(&generation);
+        QVERIFY(manager.isConnected());
+        QVERIFY(manager.baseService().isEmpty()); // a peer: no bus gave it a name
+        quint64 current = 0;
+        QVERIFY(currentUserManager(&current).isConnected());
+        QCOMPARE(current, generation);
+        const QDBusMessage reply = manager.call(
+            QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.systemd1"), QStringLiteral("/org/freedesktop/systemd1"),
+                                           QStringLiteral("org.freedesktop.systemd1.Manager"), QStringLiteral("Subscribe")),
+            QDBus::Block, userManagerCallTimeoutMs);
+        QCOMPARE(reply.type(), QDBusMessage::ReplyMessage);
+        // Once the manager goes, so does the connection, and nothing is left to reach.
+        world.stopUserBus();
+        QTRY_VERIFY_WITH_TIMEOUT(!currentUserManager().isConnected(), 5000);
+        QVERIFY(!userManager().isConnected());
     }
 
     void messageErrorRendersGenericSentence()

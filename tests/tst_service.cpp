@@ -173,6 +173,9 @@ class ServiceTest : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
+        // The machine's own user session, before any test world replaces it.
+        m_realRuntime = qgetenv("XDG_RUNTIME_DIR");
+        m_realBus = qgetenv("DBUS_SESSION_BUS_ADDRESS");
         // Before any background thread exists, so that they all inherit it: read-only folders
         // stop this process as they would stop a user, root or not.
         m_ordinaryUser = std::make_unique<WithoutFilePermissionOverride>();
@@ -499,9 +502,19 @@ private Q_SLOTS:
         QTest::qWait(200); // its answer arrives with no window left to take it
     }
 
+    void aUnitChangeShowsWithoutWaitingForATick_data()
+    {
+        QTest::addColumn<bool>("onItsOwnSocket");
+        QTest::newRow("manager on the bus") << false;
+        QTest::newRow("manager on its own socket") << true;
+    }
+
     void aUnitChangeShowsWithoutWaitingForATick()
     {
+        QFETCH(bool, onItsOwnSocket);
         TestWorld world;
+        if (onItsOwnSocket)
+            world.moveUserManagerToItsSocket(TestWorld::Bus::Kept);
         RunningApp app(world);
         QVERIFY(app.waitForServiceStatus());
         QCOMPARE(stateLine(app), u"\u25CF Disabled"_s);
@@ -514,6 +527,84 @@ private Q_SLOTS:
         QVERIFY(QFile::rename(staged, world.binFolder() + u"/systemctl.d/units/"_s + unit(u"org.kestrum.Veldspar"_s)));
         QTRY_COMPARE_WITH_TIMEOUT(stateLine(app), u"\u25CF Running"_s, 10000);
         QVERIFY(!tick->isActive());
+    }
+
+    // A session whose bus has no manager on it (started with dbus-launch, or with
+    // DBUS_SESSION_BUS_ADDRESS naming another bus), or that has no bus at all: the manager is
+    // asked on its own socket, where systemctl finds it, and the button can turn the service
+    // off again once it runs.
+    void aManagerOnlyOnItsOwnSocketIsAskedThere_data()
+    {
+        QTest::addColumn<bool>("busKept");
+        QTest::newRow("bus without the manager") << true;
+        QTest::newRow("no bus") << false;
+    }
+
+    void aManagerOnlyOnItsOwnSocketIsAskedThere()
+    {
+        QFETCH(bool, busKept);
+        TestWorld world;
+        world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s)}));
+        world.moveUserManagerToItsSocket(busKept ? TestWorld::Bus::Kept : TestWorld::Bus::Stopped);
+        RunningApp app(world);
+        QVERIFY(app.waitForServiceStatus());
+        QCOMPARE(stateLine(app), u"\u25CF Disabled"_s);
+        QCOMPARE(unitQueries(world).value(0), QStringList({unit(u"org.kestrum.Veldspar"_s), unit(u"org.kestrum.veldspar"_s),
+                                                           unit(u"org.kestrum.palisade"_s)}));
+
+        world.setServiceAction(u"enable"_s, "enabled\n", 0);
+        app.click(app.serviceButton());
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(app.statusText(), u"Service enabled"_s);
+        world.answerUnit(unit(u"org.kestrum.Veldspar"_s), running);
+        QTRY_COMPARE_WITH_TIMEOUT(stateLine(app), u"\u25CF Running"_s, 8000);
+        QCOMPARE(app.serviceButton()->text(), u"Enabled"_s);
+        QVERIFY(app.serviceButton()->active());
+
+        world.setServiceAction(u"disable"_s, "disabled\n", 0);
+        QTRY_VERIFY_WITH_TIMEOUT(app.serviceButton()->isEnabled(), 8000);
+        app.click(app.serviceButton());
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(world.serviceActions(), QStringList({u"enable"_s, u"disable"_s}));
+        QCOMPARE(app.statusText(), u"Service disabled"_s);
+    }
+
+    // Where this machine has a real systemd user manager, the window says what systemctl says,
+    // whether the manager is reached on the session bus or on its own socket alone.
+    void aRealUserManagerIsReadAsSystemctlReadsIt_data()
+    {
+        QTest::addColumn<bool>("busHidden");
+        QTest::newRow("session bus") << false;
+        QTest::newRow("own socket only") << true;
+    }
+
+    void aRealUserManagerIsReadAsSystemctlReadsIt()
+    {
+        QFETCH(bool, busHidden);
+        if (m_realRuntime.isEmpty() || !QFile::exists(QFile::decodeName(m_realRuntime) + u"/systemd/private"_s))
+            QSKIP("No systemd user manager on this machine ($XDG_RUNTIME_DIR/systemd/private is not there)");
+        TestWorld world;
+        world.stopUserBus();
+        qputenv("XDG_RUNTIME_DIR", m_realRuntime);
+        if (busHidden || m_realBus.isEmpty())
+            qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + QFile::encodeName(world.root()) + "/no-bus-here");
+        else
+            qputenv("DBUS_SESSION_BUS_ADDRESS", m_realBus);
+
+        QList<UnitState> states;
+        for (const QString &label : serviceLabels()) {
+            QProcess systemctl;
+            systemctl.start(u"systemctl"_s, {u"--user"_s, u"show"_s, u"--property=LoadState,ActiveState,SubState"_s, unit(label)});
+            QVERIFY(systemctl.waitForFinished(10000));
+            QCOMPARE(systemctl.exitCode(), 0);
+            states << unitStateFromProperties(properties(systemctl.readAllStandardOutput()));
+        }
+        const QString expected = foldServiceStatus(states, false).stateText;
+        QVERIFY(expected != u"\u25CF Status unavailable"_s);
+
+        RunningApp app(world);
+        QVERIFY(app.waitForServiceStatus());
+        QCOMPARE(stateLine(app), expected);
     }
 
     // Service actions.
@@ -1642,6 +1733,8 @@ private Q_SLOTS:
 
 private:
     std::unique_ptr<WithoutFilePermissionOverride> m_ordinaryUser;
+    QByteArray m_realRuntime;
+    QByteArray m_realBus;
 };
 
 QTEST_MAIN(ServiceTest)

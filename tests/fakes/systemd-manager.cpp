@@ -12,7 +12,10 @@
 // Once a client has called Subscribe, a change of a unit file is announced with
 // PropertiesChanged on that unit's object.
 //
-//   systemd-manager BUS-ADDRESS CONTROL-FOLDER    prints "ready" once it serves
+//   systemd-manager BUS-ADDRESS CONTROL-FOLDER            on a bus, as org.freedesktop.systemd1
+//   systemd-manager --private SOCKET-PATH CONTROL-FOLDER  on its own socket, to peers, as the
+//                                                         manager's $XDG_RUNTIME_DIR/systemd/private
+// Either prints "ready" once it serves.
 
 #include <QCoreApplication>
 #include <QDBusArgument>
@@ -20,15 +23,19 @@
 #include <QDBusMetaType>
 #include <QDBusMessage>
 #include <QDBusObjectPath>
+#include <QDBusServer>
 #include <QDBusVirtualObject>
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QFileSystemWatcher>
 #include <QMap>
 #include <QTimer>
 
 #include <cstdio>
+#include <memory>
+#include <utility>
 #include <type_traits>
 
 namespace {
@@ -84,7 +91,7 @@ const QDBusArgument &operator>>(const QDBusArgument &argument, ListedUnit<State,
 class Manager : public QDBusVirtualObject
 {
 public:
-    Manager(const QString &control, QDBusConnection bus) : m_control(control), m_bus(bus)
+    explicit Manager(const QString &control) : m_control(control)
     {
         QDir().mkpath(path(QStringLiteral("units")));
         QDir().mkpath(path(QStringLiteral("bus-calls")));
@@ -96,6 +103,14 @@ public:
         QObject::connect(&m_watcher, &QFileSystemWatcher::fileChanged, [this] { unitsChanged(); });
         QObject::connect(&m_releaseCheck, &QTimer::timeout, [this] { answerHeldCalls(); });
         m_releaseCheck.start(20);
+    }
+
+    // Serves on this connection too; unit changes are announced on every one.
+    bool serveOn(QDBusConnection connection)
+    {
+        m_connections << connection;
+        return connection.registerVirtualObject(QStringLiteral("/org/freedesktop/systemd1"), this,
+                                                QDBusConnection::SubPath);
     }
 
     QString introspect(const QString &) const override { return QString(); }
@@ -111,7 +126,7 @@ public:
         const bool query = message.member() == QStringLiteral("ListUnitsByNames");
         if (query && exists(QStringLiteral("hold")) && !exists(QStringLiteral("release"))) {
             message.setDelayedReply(true);
-            m_held << message;
+            m_held.append({message, connection});
             return true;
         }
         connection.send(answer(message));
@@ -228,8 +243,8 @@ private:
     {
         if (m_held.isEmpty() || !exists(QStringLiteral("release")))
             return;
-        for (const QDBusMessage &message : std::as_const(m_held))
-            m_bus.send(answer(message));
+        for (const auto &[message, connection] : std::as_const(m_held))
+            connection.send(answer(message));
         m_held.clear();
     }
 
@@ -254,15 +269,16 @@ private:
             QDBusMessage signal = QDBusMessage::createSignal(objectOf(unit), QStringLiteral("org.freedesktop.DBus.Properties"),
                                                              QStringLiteral("PropertiesChanged"));
             signal.setArguments({QStringLiteral("org.freedesktop.systemd1.Unit"), now, QStringList()});
-            m_bus.send(signal);
+            for (const QDBusConnection &connection : std::as_const(m_connections))
+                connection.send(signal);
         }
     }
 
     QString m_control;
-    QDBusConnection m_bus;
+    QList<QDBusConnection> m_connections;
     QFileSystemWatcher m_watcher;
     QTimer m_releaseCheck;
-    QList<QDBusMessage> m_held;
+    QList<std::pair<QDBusMessage, QDBusConnection>> m_held;
     QMap<QString, QVariantMap> m_known;
     mutable bool m_subscribed = false;
     mutable qint64 m_calls = 0;
@@ -278,18 +294,32 @@ int main(int argc, char *argv[])
     qDBusRegisterMetaType<QList<ListedUnit<QString, QString>>>();
     qDBusRegisterMetaType<ListedUnit<int, QDBusObjectPath>>();
     qDBusRegisterMetaType<QList<ListedUnit<int, QDBusObjectPath>>>();
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: systemd-manager BUS-ADDRESS CONTROL-FOLDER\n");
+    const QStringList arguments = application.arguments().mid(1);
+    const bool onItsOwnSocket = arguments.size() == 3 && arguments[0] == QStringLiteral("--private");
+    if (arguments.size() != 2 && !onItsOwnSocket) {
+        std::fprintf(stderr, "usage: systemd-manager BUS-ADDRESS CONTROL-FOLDER\n"
+                             "       systemd-manager --private SOCKET-PATH CONTROL-FOLDER\n");
         return 64;
     }
-    QDBusConnection bus = QDBusConnection::connectToBus(QString::fromLocal8Bit(argv[1]), QStringLiteral("bus"));
-    Manager manager(QString::fromLocal8Bit(argv[2]), bus);
-    if (!bus.isConnected()
-        || !bus.registerVirtualObject(QStringLiteral("/org/freedesktop/systemd1"), &manager,
-                                      QDBusConnection::SubPath)
-        || !bus.registerService(QStringLiteral("org.freedesktop.systemd1"))) {
-        std::fprintf(stderr, "systemd-manager: cannot serve on %s\n", argv[1]);
-        return 1;
+    Manager manager(arguments.last());
+    std::unique_ptr<QDBusServer> server;
+    if (onItsOwnSocket) {
+        QDir().mkpath(QFileInfo(arguments[1]).path());
+        server = std::make_unique<QDBusServer>(QStringLiteral("unix:path=") + arguments[1]);
+        QObject::connect(server.get(), &QDBusServer::newConnection, [&manager](const QDBusConnection &peer) {
+            if (!manager.serveOn(peer))
+                std::fprintf(stderr, "systemd-manager: cannot serve a peer\n");
+        });
+        if (!server->isConnected()) {
+            std::fprintf(stderr, "systemd-manager: cannot listen on %s\n", qPrintable(arguments[1]));
+            return 1;
+        }
+    } else {
+        QDBusConnection bus = QDBusConnection::connectToBus(arguments[0], QStringLiteral("bus"));
+        if (!bus.isConnected() || !manager.serveOn(bus) || !bus.registerService(QStringLiteral("org.freedesktop.systemd1"))) {
+            std::fprintf(stderr, "systemd-manager: cannot serve on %s\n", qPrintable(arguments[0]));
+            return 1;
+        }
     }
     std::printf("ready\n");
     std::fflush(stdout);
