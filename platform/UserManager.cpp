@@ -89,12 +89,29 @@ bool connectThroughTheBus()
     return false;
 }
 
+// Whether the other end of a new peer connection answers. systemd's manager can miss a message
+// that reaches it together with the end of the authentication: it reads both at once and then
+// waits for more before it looks at the message. A second one brings it out, and its answer
+// proves the connection; on a connection without that trouble the first answer comes at once.
+bool peerAnswers(const QDBusConnection &peer)
+{
+    const QDBusMessage ping = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.systemd1"), QStringLiteral("/org/freedesktop/systemd1"),
+        QStringLiteral("org.freedesktop.DBus.Peer"), QStringLiteral("Ping"));
+    constexpr int firstWaitMs = 250;
+    for (const int waitMs : {firstWaitMs, userManagerCallTimeoutMs})
+        if (peer.call(ping, QDBus::Block, waitMs).type() == QDBusMessage::ReplyMessage)
+            return true;
+    return false;
+}
+
 bool connectToTheManagersSocket()
 {
     const QString address = userManagerSocketAddress();
     if (socketIsMissing(address))
         return false;
-    if (QDBusConnection::connectToPeer(address, peerConnectionName()).isConnected())
+    const QDBusConnection peer = QDBusConnection::connectToPeer(address, peerConnectionName());
+    if (peer.isConnected() && peerAnswers(peer))
         return true;
     QDBusConnection::disconnectFromPeer(peerConnectionName());
     return false;
