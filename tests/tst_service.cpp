@@ -4,6 +4,7 @@
 
 #include "TestSupport.h"
 #include "Privileges.h"
+#include "fakes/NotifySocket.h"
 
 #include "app/AppDelegate.h"
 #include "app/Announcement.h"
@@ -37,7 +38,10 @@
 #include <QUrl>
 #include <QtTest>
 
+#include <csignal>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -1638,6 +1642,92 @@ private Q_SLOTS:
         service.kill();
         QVERIFY(service.waitForFinished(5000));
         QTRY_COMPARE_WITH_TIMEOUT(app.announcementLine()->text(), u"Not announced: the service is not running"_s, 10000);
+    }
+
+    // ---- Starting the service as a Type=notify unit, and taking it down ----
+
+    void serviceSaysReadyOnceItsConfigurationIsReadAndStoppingAtSigterm()
+    {
+        TestWorld world;
+        world.writeConfig("{\"radios\": []}");
+        // Where a user manager keeps its notify socket.
+        const QString socketPath = world.runtimeDir() + u"/systemd/notify"_s;
+        QVERIFY(QDir().mkpath(QFileInfo(socketPath).path()));
+        const int manager = notify::listen(QFile::encodeName(socketPath).toStdString());
+        QVERIFY(manager >= 0);
+        const auto closeSocket = qScopeGuard([manager] { ::close(manager); });
+        const QString log = world.root() + u"/service.log"_s;
+        QProcess service;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(u"NOTIFY_SOCKET"_s, socketPath);
+        service.setProcessEnvironment(environment);
+        service.setStandardOutputFile(QProcess::nullDevice());
+        service.setStandardErrorFile(log);
+        service.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
+        service.start(QStringLiteral(VELDSPAR_SERVICE_EXECUTABLE), {u"--config"_s, world.configPath()});
+        QVERIFY(service.waitForStarted(10000));
+
+        const notify::Message ready = notify::receive(manager, 15000);
+        // Read at once: what the service had written when it said it was ready.
+        const QByteArray logAtReady = readTestFile(log);
+        QCOMPARE(QByteArray::fromStdString(ready.text), QByteArray("READY=1"));
+        QCOMPARE(ready.sender, service.processId()); // the main process, as NotifyAccess=main wants
+        QVERIFY2(logAtReady.contains("Configuration loaded: 0 of 0 radios enabled"), logAtReady.constData());
+
+        ::kill(pid_t(service.processId()), SIGTERM);
+        const notify::Message stopping = notify::receive(manager, 10000);
+        QCOMPARE(QByteArray::fromStdString(stopping.text), QByteArray("STOPPING=1"));
+        QVERIFY(service.waitForFinished(10000));
+        QCOMPARE(service.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(service.exitCode(), 0);
+        QVERIFY(readTestFile(log).contains("Stopping (SIGTERM)."));
+    }
+
+    void serviceStartsUnderTheRealUserManager()
+    {
+        // Only where systemd-run reaches a user manager: it runs a transient unit there.
+        QProcess probe;
+        probe.setProcessChannelMode(QProcess::MergedChannels);
+        probe.start(u"systemd-run"_s, {u"--user"_s, u"--quiet"_s, u"--wait"_s, u"--collect"_s, u"/bin/true"_s});
+        if (!probe.waitForStarted(10000))
+            QSKIP("systemd-run is not installed here");
+        if (!probe.waitForFinished(30000)) {
+            probe.kill();
+            probe.waitForFinished(5000);
+            QSKIP("systemd-run --user did not answer within 30 seconds here");
+        }
+        if (probe.exitStatus() != QProcess::NormalExit || probe.exitCode() != 0)
+            QSKIP(qPrintable(u"systemd-run --user does not work here (no user manager answers): "_s
+                             + QString::fromUtf8(probe.readAll()).simplified()));
+
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QString runtime = dir.path() + u"/run"_s;
+        QVERIFY(QDir().mkdir(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        writeTestFile(dir.path() + u"/config.json"_s, "{\"radios\": []}");
+        const QString name = u"veldspar-readiness-%1.service"_s.arg(QCoreApplication::applicationPid());
+        const auto run = [](const QString &program, const QStringList &arguments) {
+            QProcess process;
+            process.setProcessChannelMode(QProcess::MergedChannels);
+            process.start(program, arguments);
+            if (!process.waitForFinished(60000)) {
+                process.kill();
+                process.waitForFinished(5000);
+            }
+            return std::pair{process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+                             QString::fromUtf8(process.readAll())};
+        };
+        // It returns once the start job ends: for Type=notify, at READY=1.
+        const auto started = run(u"systemd-run"_s,
+                                 {u"--user"_s, u"--quiet"_s, u"--collect"_s, u"--unit="_s + name, u"-p"_s, u"Type=notify"_s,
+                                  u"-p"_s, u"NotifyAccess=main"_s, u"-p"_s, u"TimeoutStartSec=30"_s,
+                                  u"--setenv=XDG_RUNTIME_DIR="_s + runtime, QStringLiteral(VELDSPAR_SERVICE_EXECUTABLE),
+                                  u"--config"_s, dir.path() + u"/config.json"_s});
+        const auto state = run(u"systemctl"_s, {u"--user"_s, u"show"_s, u"--property=ActiveState,SubState"_s, name});
+        const auto stopped = run(u"systemctl"_s, {u"--user"_s, u"stop"_s, name});
+        QVERIFY2(started.first == 0, qPrintable(started.second));
+        QCOMPARE(state.second, u"ActiveState=active\nSubState=running\n"_s);
+        QVERIFY2(stopped.first == 0, qPrintable(stopped.second));
     }
 
 private:
