@@ -22,16 +22,20 @@ label=org.kestrum.Veldspar
 legacy_labels=(org.kestrum.veldspar org.kestrum.palisade)
 all_labels=("$label" "${legacy_labels[@]}")
 
+fail() {
+  printf 'Veldspar service: %s\n' "$*"
+  exit 1
+}
+
+if [ -z "${HOME:-}" ]; then
+  fail "HOME is not set, so the service's files cannot be found"
+fi
+
 resources=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 bundled="$resources/Veldspar"
 support="$HOME/.local/share/Veldspar"
 installed="$support/Veldspar"
 units="$HOME/.config/systemd/user"
-
-fail() {
-  printf 'Veldspar service: %s\n' "$*"
-  exit 1
-}
 
 unit_file() {
   printf '%s/%s.service' "$units" "$1"

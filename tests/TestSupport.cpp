@@ -343,12 +343,15 @@ void TestWorld::useRealServiceScript() const
     QVERIFY(QFile::copy(QStringLiteral(VELDSPAR_SOURCE_RESOURCES_DIR "/ManageService.command"), script));
 }
 
-TestWorld::ScriptRun TestWorld::runServiceScript(const QString &action) const
+TestWorld::ScriptRun TestWorld::runServiceScript(const QString &action,
+                                                 const std::function<void(QProcessEnvironment &)> &adjust) const
 {
     QProcess script;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("HOME"), home());
     environment.insert(QStringLiteral("PATH"), binFolder() + QStringLiteral(":/usr/bin:/bin"));
+    if (adjust)
+        adjust(environment);
     script.setProcessEnvironment(environment);
     script.setProcessChannelMode(QProcess::MergedChannels);
     script.start(QStringLiteral("/bin/bash"), {resources() + QStringLiteral("/ManageService.command"), action});

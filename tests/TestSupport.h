@@ -6,6 +6,7 @@
 #include <QList>
 #include <QObject>
 #include <QPointer>
+#include <QProcessEnvironment>
 #include <QRect>
 #include <QSize>
 #include <QString>
@@ -96,7 +97,9 @@ public:
         int status = -1;
         QString output;
     };
-    ScriptRun runServiceScript(const QString &action) const;
+    // adjust changes the script's environment first (HOME and PATH are set as above).
+    ScriptRun runServiceScript(const QString &action,
+                               const std::function<void(QProcessEnvironment &)> &adjust = {}) const;
     QString unitFilePath(const QString &label) const;
     void writeUnitFile(const QString &label) const;
     QString serviceLog() const;

@@ -1730,6 +1730,25 @@ private Q_SLOTS:
         QVERIFY2(stopped.first == 0, qPrintable(stopped.second));
     }
 
+    void scriptWithoutHomeSaysSoInOneLine_data()
+    {
+        QTest::addColumn<QString>("action");
+        for (const QString &action : {u"enable"_s, u"disable"_s, u"stop"_s, u"remove"_s})
+            QTest::newRow(qPrintable(action)) << action;
+    }
+
+    void scriptWithoutHomeSaysSoInOneLine()
+    {
+        QFETCH(QString, action);
+        TestWorld world;
+        world.useRealServiceScript();
+        const TestWorld::ScriptRun run =
+            world.runServiceScript(action, [](QProcessEnvironment &environment) { environment.remove(u"HOME"_s); });
+        QCOMPARE(run.output, u"Veldspar service: HOME is not set, so the service's files cannot be found\n"_s);
+        QCOMPARE(run.status, 1);
+        QVERIFY(world.systemctlCalls().isEmpty());
+    }
+
 private:
     std::unique_ptr<WithoutFilePermissionOverride> m_ordinaryUser;
 };
