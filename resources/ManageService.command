@@ -11,7 +11,8 @@
 #   stop     stop the running service, under this label and the earlier ones; it still starts
 #            at the next login
 #   remove   take the service down under every label and delete the installed executable;
-#            succeeds when nothing is left to remove, with or without systemd
+#            succeeds when nothing is left to remove, with or without systemd, and whether or
+#            not a user manager answers
 #
 # The unit file exists exactly while the service is set up to start at login: the app reads
 # that as "Configured to start at login". Every failure prints one line saying what failed and
@@ -174,9 +175,9 @@ stop() {
   done
 }
 
-# Without systemd no unit can be loaded or running: what is left are files, and deleting them
-# (with the links that enabling made) is all that removing means.
-remove_without_systemd() {
+# Without a user manager no unit can be loaded or running: what is left are files, and
+# deleting them (with the links that enabling made) is all that removing means.
+remove_unit_files() {
   local name link
   for name in "${all_labels[@]}"; do
     for link in "$units"/*.wants/"$name.service"; do
@@ -190,15 +191,16 @@ remove_without_systemd() {
 
 remove() {
   local name changed=1
-  if ! have_systemctl; then
-    remove_without_systemd
-  else
+  # A manager that does not answer (no user session) runs nothing of ours; asking each label
+  # would only fail, and uninstalling must still be possible.
+  if have_systemctl && systemctl --user show --property=LoadState "$label.service" > /dev/null 2>&1; then
     for name in "${all_labels[@]}"; do
       if take_down "$name"; then
         changed=0
       fi
     done
   fi
+  remove_unit_files
   if [ -e "$installed" ]; then
     rm -f -- "$installed" || fail "cannot delete $installed"
   fi

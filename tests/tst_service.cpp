@@ -1749,6 +1749,34 @@ private Q_SLOTS:
         QVERIFY(world.systemctlCalls().isEmpty());
     }
 
+    void scriptRemoveSucceedsWhenNoUserManagerAnswers()
+    {
+        TestWorld world;
+        world.useRealServiceScript();
+        world.writeConfig("{\"radios\": []}");
+        const QString executable = world.home() + u"/.local/share/Veldspar/Veldspar"_s;
+        writeTestFile(executable, "service");
+        QStringList links;
+        for (const QString &label : {u"org.kestrum.Veldspar"_s, u"org.kestrum.palisade"_s}) {
+            world.writeUnitFile(label);
+            const QString link = world.home() + u"/.config/systemd/user/default.target.wants/"_s + unit(label);
+            QDir().mkpath(QFileInfo(link).path());
+            QVERIFY(QFile::link(world.unitFilePath(label), link));
+            links << link;
+        }
+        world.makeSystemdUnavailable();
+        const TestWorld::ScriptRun run = world.runServiceScript(u"remove"_s);
+        QCOMPARE(run.output, QString());
+        QCOMPARE(run.status, 0);
+        for (const QString &label : {u"org.kestrum.Veldspar"_s, u"org.kestrum.veldspar"_s, u"org.kestrum.palisade"_s})
+            QVERIFY2(!QFile::exists(world.unitFilePath(label)), qPrintable(label));
+        for (const QString &link : std::as_const(links))
+            QVERIFY2(!QFileInfo(link).isSymLink(), qPrintable(link));
+        QVERIFY(!QFile::exists(executable));
+        QCOMPARE(world.readConfig(), QByteArray("{\"radios\": []}"));
+        QVERIFY(changingCalls(world).isEmpty());
+    }
+
 private:
     std::unique_ptr<WithoutFilePermissionOverride> m_ordinaryUser;
 };
