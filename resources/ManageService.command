@@ -4,8 +4,8 @@
 #   ManageService.command enable|disable|stop|remove
 #
 #   enable   install (or refresh) the service from this bundle, write its unit, start it at
-#            login and (re)start it now; units of the earlier labels are taken down first. If
-#            systemd refuses, the unit is withdrawn again
+#            login and (re)start it now; once it runs, units of the earlier labels are taken
+#            down. If systemd refuses, the unit is withdrawn again and the earlier ones stay
 #   disable  stop the service and remove its unit, so it no longer starts at login, under this
 #            label and the earlier ones
 #   stop     stop the running service, under this label and the earlier ones; it still starts
@@ -140,10 +140,7 @@ withdraw_unit() {
 }
 
 enable() {
-  local old
-  for old in "${legacy_labels[@]}"; do
-    take_down "$old" || true
-  done
+  local old changed=1
   install_service
   write_unit
   # In a subshell, so that a refusal (which exits) comes back here to withdraw the unit.
@@ -154,6 +151,15 @@ enable() {
   ); then
     withdraw_unit
     exit 1
+  fi
+  # Only now: had the new unit been refused, the earlier one would still be serving.
+  for old in "${legacy_labels[@]}"; do
+    if take_down "$old"; then
+      changed=0
+    fi
+  done
+  if [ "$changed" -eq 0 ]; then
+    user_systemctl daemon-reload
   fi
 }
 

@@ -306,6 +306,11 @@ QList<QStringList> TestWorld::systemdCalls() const
     return recordedCalls(binFolder() + QStringLiteral("/systemctl.d/bus-calls"));
 }
 
+QByteArray TestWorld::unitAnswer(const QString &unit) const
+{
+    return readTestFile(binFolder() + QStringLiteral("/systemctl.d/units/") + unit);
+}
+
 QList<QStringList> TestWorld::systemctlCalls() const
 {
     return recordedCalls(binFolder() + QStringLiteral("/systemctl.d/calls"));

@@ -85,6 +85,9 @@ public:
     QList<QStringList> systemdCalls() const;
     // Ends the world's user bus and its manager: the app finds no bus at all.
     void stopUserBus();
+    // What the systemctl stand-in says of a unit now ("show"'s KEY=VALUE lines); empty when it
+    // does not know the unit.
+    QByteArray unitAnswer(const QString &unit) const;
     void setServiceAction(const QString &action, const QByteArray &output, int status, bool hold = false) const;
     QStringList serviceActions() const;
     void setPkexecAnswer(const QString &answer) const;
