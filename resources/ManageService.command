@@ -4,8 +4,9 @@
 #   ManageService.command enable|disable|stop|remove
 #
 #   enable   install (or refresh) the service from this bundle, write its unit, start it at
-#            login and (re)start it now; once it runs, units of the earlier labels are taken
-#            down. If systemd refuses, the unit is withdrawn again and the earlier ones stay
+#            login and (re)start it now, waiting until the service says it is ready; once it
+#            runs, units of the earlier labels are taken down. If systemd refuses or the
+#            service does not start, the unit is withdrawn again and the earlier ones stay
 #   disable  stop the service and remove its unit, so it no longer starts at login, under this
 #            label and the earlier ones
 #   stop     stop the running service, under this label and the earlier ones; it still starts
@@ -16,15 +17,20 @@
 #
 # The unit file exists exactly while the service is set up to start at login: the app reads
 # that as "Configured to start at login". Every failure prints one line saying what failed and
-# exits non-zero. config.json is never touched.
+# exits non-zero; when the service does not start, the last lines of its journal follow.
+# config.json is never touched.
 set -euo pipefail
 
 label=org.kestrum.Veldspar
 legacy_labels=(org.kestrum.veldspar org.kestrum.palisade)
 all_labels=("$label" "${legacy_labels[@]}")
 
+# The one line that says what failed; any further arguments are lines that explain it.
 fail() {
-  printf 'Veldspar service: %s\n' "$*"
+  printf 'Veldspar service: %s\n' "$1"
+  if [ "$#" -gt 1 ]; then
+    printf '%s\n' "${@:2}"
+  fi
   exit 1
 }
 
@@ -42,13 +48,31 @@ unit_file() {
   printf '%s/%s.service' "$units" "$1"
 }
 
-# Runs "systemctl --user …"; a failure becomes one line naming the command and what it said.
+# Runs "systemctl --user …"; a failure becomes one line naming the command and what it said,
+# and for a start, the journal's last lines: systemd's words alone rarely say why.
 user_systemctl() {
-  local said
+  local said details=()
   if ! said=$(systemctl --user "$@" 2>&1); then
     said=${said//$'\n'/ }
-    fail "systemctl --user $* failed: ${said:-no reason given}"
+    if [ "$1" = start ] || [ "$1" = restart ]; then
+      mapfile -t details < <(journal_tail "$2")
+    fi
+    fail "systemctl --user $* failed: ${said:-no reason given}" "${details[@]}"
   fi
+}
+
+# The unit's last journal lines, indented; bounded in lines, width and time.
+journal_tail() {
+  local said line
+  said=$(timeout 10 journalctl --user -u "$1" -n 10 --no-pager -q -o cat 2>&1) || true
+  if [ -z "${said//[[:space:]]/}" ]; then
+    printf 'The journal has nothing from %s.\n' "$1"
+    return
+  fi
+  printf 'Its journal ends with:\n'
+  while IFS= read -r line; do
+    printf '  %s\n' "${line:0:300}"
+  done < <(printf '%s\n' "$said" | tail -n 10)
 }
 
 # Whether systemd knows the label now. Without a unit file and without an answer from systemd
@@ -119,10 +143,14 @@ write_unit() {
   write_atomically "$(unit_file "$label")" <<UNIT
 [Unit]
 Description=Veldspar: makes remote FlexRadios discoverable on the local network
-After=network-online.target
+StartLimitIntervalSec=60
+StartLimitBurst=5
 
 [Service]
+Type=notify
+NotifyAccess=main
 ExecStart=$(unit_quote "$installed") --config $(unit_quote "$support/config.json")
+TimeoutStartSec=30
 Restart=on-failure
 RestartSec=3
 
@@ -132,8 +160,10 @@ UNIT
 }
 
 # After a refused enable nothing may look set up: a unit file left behind reads as "Configured
-# to start at login" while nothing starts. Quietly, so that the refusal stays the one line.
+# to start at login" while nothing starts, and a service that failed its start would be
+# restarted. Quietly, so that the refusal stays what is said.
 withdraw_unit() {
+  systemctl --user stop "$label.service" > /dev/null 2>&1 || true
   systemctl --user disable "$label.service" > /dev/null 2>&1 || true
   rm -f -- "$(unit_file "$label")"
   systemctl --user daemon-reload > /dev/null 2>&1 || true
@@ -143,10 +173,13 @@ enable() {
   local old changed=1
   install_service
   write_unit
-  # In a subshell, so that a refusal (which exits) comes back here to withdraw the unit.
+  # In a subshell, so that a refusal (which exits) comes back here to withdraw the unit. The
+  # unit is Type=notify: restart returns once the service is ready, and fails when it is not.
   if ! (
     user_systemctl daemon-reload
     user_systemctl enable "$label.service"
+    # A deliberate start is not part of a crash loop: it gets the whole start limit.
+    systemctl --user reset-failed "$label.service" > /dev/null 2>&1 || true
     user_systemctl restart "$label.service"
   ); then
     withdraw_unit

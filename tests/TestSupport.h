@@ -85,6 +85,12 @@ public:
     QList<QStringList> systemdCalls() const;
     // Ends the world's user bus and its manager: the app finds no bus at all.
     void stopUserBus();
+    // Ends the processes the systemctl stand-in started for Type=notify units and left running.
+    void stopStartedUnits() const;
+    // What the journalctl stand-in holds for a unit.
+    QString journalOf(const QString &unit) const;
+    // The main process the systemctl stand-in started for a unit while it still runs, else 0.
+    qint64 startedProcess(const QString &unit) const;
     // What the systemctl stand-in says of a unit now ("show"'s KEY=VALUE lines); empty when it
     // does not know the unit.
     QByteArray unitAnswer(const QString &unit) const;
