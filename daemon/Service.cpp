@@ -9,6 +9,7 @@
 
 #include <csignal>
 #include <sys/resource.h>
+#include <systemd/sd-daemon.h>
 
 using namespace Qt::StringLiterals;
 
@@ -144,10 +145,15 @@ int runService(const ServiceSettings &settings)
     // worse than one that serves fewer radios.
     StopSignals stopSignals([](int signal) {
         logLine(signal == SIGTERM ? u"Stopping (SIGTERM)."_s : u"Stopping (SIGINT)."_s);
+        // Without NOTIFY_SOCKET (not under systemd) these messages go nowhere.
+        sd_notify(0, "STOPPING=1");
         QCoreApplication::quit();
     });
     allowAllOpenFiles();
     logLine(u"Veldspar service started with the configuration %1."_s.arg(QDir::toNativeSeparators(settings.configPath)));
     Service service(settings);
+    // The configuration is read and the sockets are open: only now does "systemctl start" (and
+    // so "enable") return, and a service that dies before this fails the start.
+    sd_notify(0, "READY=1");
     return QCoreApplication::exec();
 }

@@ -4,23 +4,39 @@
 #   ManageService.command enable|disable|stop|remove
 #
 #   enable   install (or refresh) the service from this bundle, write its unit, start it at
-#            login and (re)start it now; units of the earlier labels are taken down first. If
-#            systemd refuses, the unit is withdrawn again
+#            login and (re)start it now, waiting until the service says it is ready; once it
+#            runs, units of the earlier labels are taken down. If systemd refuses or the
+#            service does not start, the unit is withdrawn again and the earlier ones stay
 #   disable  stop the service and remove its unit, so it no longer starts at login, under this
 #            label and the earlier ones
 #   stop     stop the running service, under this label and the earlier ones; it still starts
 #            at the next login
 #   remove   take the service down under every label and delete the installed executable;
-#            succeeds when nothing is left to remove, with or without systemd
+#            succeeds when nothing is left to remove, with or without systemd, and whether or
+#            not a user manager answers
 #
 # The unit file exists exactly while the service is set up to start at login: the app reads
 # that as "Configured to start at login". Every failure prints one line saying what failed and
-# exits non-zero. config.json is never touched.
+# exits non-zero; when the service does not start, the last lines of its journal follow.
+# config.json is never touched.
 set -euo pipefail
 
 label=org.kestrum.Veldspar
 legacy_labels=(org.kestrum.veldspar org.kestrum.palisade)
 all_labels=("$label" "${legacy_labels[@]}")
+
+# The one line that says what failed; any further arguments are lines that explain it.
+fail() {
+  printf 'Veldspar service: %s\n' "$1"
+  if [ "$#" -gt 1 ]; then
+    printf '%s\n' "${@:2}"
+  fi
+  exit 1
+}
+
+if [ -z "${HOME:-}" ]; then
+  fail "HOME is not set, so the service's files cannot be found"
+fi
 
 resources=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 bundled="$resources/Veldspar"
@@ -28,22 +44,35 @@ support="$HOME/.local/share/Veldspar"
 installed="$support/Veldspar"
 units="$HOME/.config/systemd/user"
 
-fail() {
-  printf 'Veldspar service: %s\n' "$*"
-  exit 1
-}
-
 unit_file() {
   printf '%s/%s.service' "$units" "$1"
 }
 
-# Runs "systemctl --user …"; a failure becomes one line naming the command and what it said.
+# Runs "systemctl --user …"; a failure becomes one line naming the command and what it said,
+# and for a start, the journal's last lines: systemd's words alone rarely say why.
 user_systemctl() {
-  local said
+  local said details=()
   if ! said=$(systemctl --user "$@" 2>&1); then
     said=${said//$'\n'/ }
-    fail "systemctl --user $* failed: ${said:-no reason given}"
+    if [ "$1" = start ] || [ "$1" = restart ]; then
+      mapfile -t details < <(journal_tail "$2")
+    fi
+    fail "systemctl --user $* failed: ${said:-no reason given}" "${details[@]}"
   fi
+}
+
+# The unit's last journal lines, indented; bounded in lines, width and time.
+journal_tail() {
+  local said line
+  said=$(timeout 10 journalctl --user -u "$1" -n 10 --no-pager -q -o cat 2>&1) || true
+  if [ -z "${said//[[:space:]]/}" ]; then
+    printf 'The journal has nothing from %s.\n' "$1"
+    return
+  fi
+  printf 'Its journal ends with:\n'
+  while IFS= read -r line; do
+    printf '  %s\n' "${line:0:300}"
+  done < <(printf '%s\n' "$said" | tail -n 10)
 }
 
 # Whether systemd knows the label now. Without a unit file and without an answer from systemd
@@ -114,10 +143,14 @@ write_unit() {
   write_atomically "$(unit_file "$label")" <<UNIT
 [Unit]
 Description=Veldspar: makes remote FlexRadios discoverable on the local network
-After=network-online.target
+StartLimitIntervalSec=60
+StartLimitBurst=5
 
 [Service]
+Type=notify
+NotifyAccess=main
 ExecStart=$(unit_quote "$installed") --config $(unit_quote "$support/config.json")
+TimeoutStartSec=30
 Restart=on-failure
 RestartSec=3
 
@@ -127,28 +160,39 @@ UNIT
 }
 
 # After a refused enable nothing may look set up: a unit file left behind reads as "Configured
-# to start at login" while nothing starts. Quietly, so that the refusal stays the one line.
+# to start at login" while nothing starts, and a service that failed its start would be
+# restarted. Quietly, so that the refusal stays what is said.
 withdraw_unit() {
+  systemctl --user stop "$label.service" > /dev/null 2>&1 || true
   systemctl --user disable "$label.service" > /dev/null 2>&1 || true
   rm -f -- "$(unit_file "$label")"
   systemctl --user daemon-reload > /dev/null 2>&1 || true
 }
 
 enable() {
-  local old
-  for old in "${legacy_labels[@]}"; do
-    take_down "$old" || true
-  done
+  local old changed=1
   install_service
   write_unit
-  # In a subshell, so that a refusal (which exits) comes back here to withdraw the unit.
+  # In a subshell, so that a refusal (which exits) comes back here to withdraw the unit. The
+  # unit is Type=notify: restart returns once the service is ready, and fails when it is not.
   if ! (
     user_systemctl daemon-reload
     user_systemctl enable "$label.service"
+    # A deliberate start is not part of a crash loop: it gets the whole start limit.
+    systemctl --user reset-failed "$label.service" > /dev/null 2>&1 || true
     user_systemctl restart "$label.service"
   ); then
     withdraw_unit
     exit 1
+  fi
+  # Only now: had the new unit been refused, the earlier one would still be serving.
+  for old in "${legacy_labels[@]}"; do
+    if take_down "$old"; then
+      changed=0
+    fi
+  done
+  if [ "$changed" -eq 0 ]; then
+    user_systemctl daemon-reload
   fi
 }
 
@@ -170,9 +214,9 @@ stop() {
   done
 }
 
-# Without systemd no unit can be loaded or running: what is left are files, and deleting them
-# (with the links that enabling made) is all that removing means.
-remove_without_systemd() {
+# Without a user manager no unit can be loaded or running: what is left are files, and
+# deleting them (with the links that enabling made) is all that removing means.
+remove_unit_files() {
   local name link
   for name in "${all_labels[@]}"; do
     for link in "$units"/*.wants/"$name.service"; do
@@ -186,15 +230,16 @@ remove_without_systemd() {
 
 remove() {
   local name changed=1
-  if ! have_systemctl; then
-    remove_without_systemd
-  else
+  # A manager that does not answer (no user session) runs nothing of ours; asking each label
+  # would only fail, and uninstalling must still be possible.
+  if have_systemctl && systemctl --user show --property=LoadState "$label.service" > /dev/null 2>&1; then
     for name in "${all_labels[@]}"; do
       if take_down "$name"; then
         changed=0
       fi
     done
   fi
+  remove_unit_files
   if [ -e "$installed" ]; then
     rm -f -- "$installed" || fail "cannot delete $installed"
   fi

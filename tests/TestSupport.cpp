@@ -33,6 +33,7 @@
 #include <QTextDocument>
 #include <QTextEdit>
 #include <QTextLayout>
+#include <QThread>
 
 #include <cmath>
 #include <csignal>
@@ -93,8 +94,9 @@ TestWorld::TestWorld() : m_oldHome(qgetenv("HOME")), m_oldTmp(qgetenv("TMPDIR"))
     setBundleLocationForTesting(bundle());
 
     QDir().mkpath(binFolder());
-    for (const QString &tool : {QStringLiteral("systemctl"), QStringLiteral("pkexec")})
+    for (const QString &tool : {QStringLiteral("systemctl"), QStringLiteral("journalctl"), QStringLiteral("pkexec")})
         QFile::copy(QStringLiteral(VELDSPAR_FAKES_DIR "/") + tool, binFolder() + u'/' + tool);
+    QFile::link(QStringLiteral(VELDSPAR_FAKE_UNIT_RUNNER), binFolder() + QStringLiteral("/unit-runner"));
     QFile::copy(QStringLiteral(VELDSPAR_FAKES_DIR "/ManageService.command"),
                 resources() + QStringLiteral("/ManageService.command"));
     setPkexecProgramForTesting(binFolder() + QStringLiteral("/pkexec"));
@@ -104,6 +106,7 @@ TestWorld::TestWorld() : m_oldHome(qgetenv("HOME")), m_oldTmp(qgetenv("TMPDIR"))
 TestWorld::~TestWorld()
 {
     release();
+    stopStartedUnits();
     backgroundPool().waitForDone();
     QCoreApplication::sendPostedEvents();
     stopUserBus();
@@ -178,6 +181,41 @@ void TestWorld::startUserBus()
     m_manager->start(QStringLiteral(VELDSPAR_FAKE_SYSTEMD),
                      {QString::fromUtf8(address), binFolder() + QStringLiteral("/systemctl.d")});
     QCOMPARE(firstLine(*m_manager), QByteArray("ready"));
+}
+
+namespace {
+// A process's state and start time from /proc; empty when it is gone.
+QList<QByteArray> processStat(qint64 pid)
+{
+    const QByteArray stat = readTestFile(QStringLiteral("/proc/%1/stat").arg(pid));
+    const qsizetype end = stat.lastIndexOf(") ");
+    return end < 0 ? QList<QByteArray>() : stat.mid(end + 2).split(' ');
+}
+
+// Whether the process is still the one whose start time was recorded, and has not ended.
+bool stillRuns(qint64 pid, const QByteArray &started)
+{
+    const QList<QByteArray> stat = processStat(pid);
+    return stat.size() > 19 && stat.at(0) != "Z" && stat.at(19) == started;
+}
+} // namespace
+
+void TestWorld::stopStartedUnits() const
+{
+    const QDir running(binFolder() + QStringLiteral("/systemctl.d/running"));
+    for (const QString &unit : running.entryList(QDir::Files)) {
+        const qint64 pid = startedProcess(unit);
+        if (pid == 0)
+            continue;
+        // The stand-in started it in a session of its own: end the whole session.
+        ::kill(-pid_t(pid), SIGTERM);
+        QElapsedTimer waited;
+        waited.start();
+        while (startedProcess(unit) == pid && waited.elapsed() < 5000)
+            QThread::msleep(20);
+        if (startedProcess(unit) == pid)
+            ::kill(-pid_t(pid), SIGKILL);
+    }
 }
 
 void TestWorld::stopUserBus()
@@ -322,6 +360,24 @@ QList<QStringList> TestWorld::systemdCalls() const
     return recordedCalls(binFolder() + QStringLiteral("/systemctl.d/bus-calls"));
 }
 
+QString TestWorld::journalOf(const QString &unit) const
+{
+    return QString::fromUtf8(readTestFile(binFolder() + QStringLiteral("/systemctl.d/journal/") + unit));
+}
+
+qint64 TestWorld::startedProcess(const QString &unit) const
+{
+    const QList<QByteArray> recorded =
+        readTestFile(binFolder() + QStringLiteral("/systemctl.d/running/") + unit).trimmed().split(' ');
+    const qint64 pid = recorded.value(0).toLongLong();
+    return recorded.size() == 2 && pid > 1 && stillRuns(pid, recorded.at(1)) ? pid : 0;
+}
+
+QByteArray TestWorld::unitAnswer(const QString &unit) const
+{
+    return readTestFile(binFolder() + QStringLiteral("/systemctl.d/units/") + unit);
+}
+
 QList<QStringList> TestWorld::systemctlCalls() const
 {
     return recordedCalls(binFolder() + QStringLiteral("/systemctl.d/calls"));
@@ -359,12 +415,15 @@ void TestWorld::useRealServiceScript() const
     QVERIFY(QFile::copy(QStringLiteral(VELDSPAR_SOURCE_RESOURCES_DIR "/ManageService.command"), script));
 }
 
-TestWorld::ScriptRun TestWorld::runServiceScript(const QString &action) const
+TestWorld::ScriptRun TestWorld::runServiceScript(const QString &action,
+                                                 const std::function<void(QProcessEnvironment &)> &adjust) const
 {
     QProcess script;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("HOME"), home());
     environment.insert(QStringLiteral("PATH"), binFolder() + QStringLiteral(":/usr/bin:/bin"));
+    if (adjust)
+        adjust(environment);
     script.setProcessEnvironment(environment);
     script.setProcessChannelMode(QProcess::MergedChannels);
     script.start(QStringLiteral("/bin/bash"), {resources() + QStringLiteral("/ManageService.command"), action});

@@ -6,6 +6,7 @@
 #include <QList>
 #include <QObject>
 #include <QPointer>
+#include <QProcessEnvironment>
 #include <QRect>
 #include <QSize>
 #include <QString>
@@ -89,6 +90,15 @@ public:
     // session bus at all.
     enum class Bus { Kept, Stopped };
     void moveUserManagerToItsSocket(Bus bus);
+    // Ends the processes the systemctl stand-in started for Type=notify units and left running.
+    void stopStartedUnits() const;
+    // What the journalctl stand-in holds for a unit.
+    QString journalOf(const QString &unit) const;
+    // The main process the systemctl stand-in started for a unit while it still runs, else 0.
+    qint64 startedProcess(const QString &unit) const;
+    // What the systemctl stand-in says of a unit now ("show"'s KEY=VALUE lines); empty when it
+    // does not know the unit.
+    QByteArray unitAnswer(const QString &unit) const;
     void setServiceAction(const QString &action, const QByteArray &output, int status, bool hold = false) const;
     QStringList serviceActions() const;
     void setPkexecAnswer(const QString &answer) const;
@@ -101,7 +111,9 @@ public:
         int status = -1;
         QString output;
     };
-    ScriptRun runServiceScript(const QString &action) const;
+    // adjust changes the script's environment first (HOME and PATH are set as above).
+    ScriptRun runServiceScript(const QString &action,
+                               const std::function<void(QProcessEnvironment &)> &adjust = {}) const;
     QString unitFilePath(const QString &label) const;
     void writeUnitFile(const QString &label) const;
     QString serviceLog() const;

@@ -4,6 +4,7 @@
 
 #include "TestSupport.h"
 #include "Privileges.h"
+#include "fakes/NotifySocket.h"
 
 #include "app/AppDelegate.h"
 #include "app/Announcement.h"
@@ -37,7 +38,10 @@
 #include <QUrl>
 #include <QtTest>
 
+#include <csignal>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -875,10 +879,14 @@ private Q_SLOTS:
         QCOMPARE(readTestFile(world.unitFilePath(u"org.kestrum.Veldspar"_s)),
                  u"[Unit]\n"
                  "Description=Veldspar: makes remote FlexRadios discoverable on the local network\n"
-                 "After=network-online.target\n"
+                 "StartLimitIntervalSec=60\n"
+                 "StartLimitBurst=5\n"
                  "\n"
                  "[Service]\n"
+                 "Type=notify\n"
+                 "NotifyAccess=main\n"
                  "ExecStart=\"%1/Veldspar\" --config \"%1/config.json\"\n"
+                 "TimeoutStartSec=30\n"
                  "Restart=on-failure\n"
                  "RestartSec=3\n"
                  "\n"
@@ -886,6 +894,7 @@ private Q_SLOTS:
                  "WantedBy=default.target\n"_s.arg(support)
                      .toUtf8());
         QCOMPARE(changingCalls(world), QStringList({u"daemon-reload"_s, u"enable org.kestrum.Veldspar.service"_s,
+                                                    u"reset-failed org.kestrum.Veldspar.service"_s,
                                                     u"restart org.kestrum.Veldspar.service"_s}));
         QCOMPARE(world.readConfig(), QByteArray("{\"radios\": []}"));
         // Nothing but the installed service and the unit was written.
@@ -911,10 +920,13 @@ private Q_SLOTS:
         QCOMPARE(world.runServiceScript(u"enable"_s).status, 0);
         QVERIFY(!QFile::exists(world.unitFilePath(u"org.kestrum.palisade"_s)));
         QVERIFY(QFile::exists(world.unitFilePath(u"org.kestrum.Veldspar"_s)));
+        // Only once the new unit runs; by then the first reload has let systemd forget the stopped
+        // unit without a file, so there is nothing to stop under that label.
         QCOMPARE(changingCalls(world),
-                 QStringList({u"stop org.kestrum.veldspar.service"_s, u"stop org.kestrum.palisade.service"_s,
-                              u"disable org.kestrum.palisade.service"_s, u"daemon-reload"_s,
-                              u"enable org.kestrum.Veldspar.service"_s, u"restart org.kestrum.Veldspar.service"_s}));
+                 QStringList({u"daemon-reload"_s, u"enable org.kestrum.Veldspar.service"_s,
+                              u"reset-failed org.kestrum.Veldspar.service"_s, u"restart org.kestrum.Veldspar.service"_s,
+                              u"stop org.kestrum.palisade.service"_s, u"disable org.kestrum.palisade.service"_s,
+                              u"daemon-reload"_s}));
     }
 
     void scriptUnitQuotesAHomeWithSpecials()
@@ -1093,9 +1105,12 @@ private Q_SLOTS:
         world.failSystemctl(refused);
         const TestWorld::ScriptRun run = world.runServiceScript(u"enable"_s);
         QCOMPARE(run.status, 1);
-        // Still the one line that says what failed.
+        // Still the one line that says what failed; a refused start adds what the journal holds.
         QVERIFY2(run.output.startsWith(u"Veldspar service: systemctl --user %1"_s.arg(refused)), qPrintable(run.output));
-        QCOMPARE(run.output.count(u'\n'), 1);
+        if (refused == u"restart"_s)
+            QCOMPARE(run.output.section(u'\n', 1), u"The journal has nothing from org.kestrum.Veldspar.service.\n"_s);
+        else
+            QCOMPARE(run.output.count(u'\n'), 1);
         QVERIFY(!QFile::exists(world.unitFilePath(u"org.kestrum.Veldspar"_s)));
         // The app's status monitor reads the missing unit file as not set up to start at login.
         QVERIFY(QDir(world.home() + u"/.config/systemd/user"_s).entryList(QDir::Files | QDir::Hidden).isEmpty());
@@ -1108,7 +1123,8 @@ private Q_SLOTS:
         QTest::addColumn<QString>("expected");
         QTest::newRow("restart refused") << u"enable"_s << u"restart"_s
                                          << u"Veldspar service: systemctl --user restart org.kestrum.Veldspar.service "
-                                            "failed: Failed to restart org.kestrum.Veldspar.service: Access denied\n"_s;
+                                            "failed: Failed to restart org.kestrum.Veldspar.service: Access denied\n"
+                                            "The journal has nothing from org.kestrum.Veldspar.service.\n"_s;
         QTest::newRow("no user session") << u"enable"_s << u"bus"_s
                                          << u"Veldspar service: systemctl --user daemon-reload failed: Failed to "
                                             "connect to bus: No medium found\n"_s;
@@ -1731,7 +1747,287 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(app.announcementLine()->text(), u"Not announced: the service is not running"_s, 10000);
     }
 
+    // ---- Starting the service as a Type=notify unit, and taking it down ----
+
+    void serviceSaysReadyOnceItsConfigurationIsReadAndStoppingAtSigterm()
+    {
+        TestWorld world;
+        world.writeConfig("{\"radios\": []}");
+        // Where a user manager keeps its notify socket.
+        const QString socketPath = world.runtimeDir() + u"/systemd/notify"_s;
+        QVERIFY(QDir().mkpath(QFileInfo(socketPath).path()));
+        const int manager = notify::listen(QFile::encodeName(socketPath).toStdString());
+        QVERIFY(manager >= 0);
+        const auto closeSocket = qScopeGuard([manager] { ::close(manager); });
+        const QString log = world.root() + u"/service.log"_s;
+        QProcess service;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(u"NOTIFY_SOCKET"_s, socketPath);
+        service.setProcessEnvironment(environment);
+        service.setStandardOutputFile(QProcess::nullDevice());
+        service.setStandardErrorFile(log);
+        service.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
+        service.start(QStringLiteral(VELDSPAR_SERVICE_EXECUTABLE), {u"--config"_s, world.configPath()});
+        QVERIFY(service.waitForStarted(10000));
+
+        const notify::Message ready = notify::receive(manager, 15000);
+        // Read at once: what the service had written when it said it was ready.
+        const QByteArray logAtReady = readTestFile(log);
+        QCOMPARE(QByteArray::fromStdString(ready.text), QByteArray("READY=1"));
+        QCOMPARE(ready.sender, service.processId()); // the main process, as NotifyAccess=main wants
+        QVERIFY2(logAtReady.contains("Configuration loaded: 0 of 0 radios enabled"), logAtReady.constData());
+
+        ::kill(pid_t(service.processId()), SIGTERM);
+        const notify::Message stopping = notify::receive(manager, 10000);
+        QCOMPARE(QByteArray::fromStdString(stopping.text), QByteArray("STOPPING=1"));
+        QVERIFY(service.waitForFinished(10000));
+        QCOMPARE(service.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(service.exitCode(), 0);
+        QVERIFY(readTestFile(log).contains("Stopping (SIGTERM)."));
+    }
+
+    void serviceStartsUnderTheRealUserManager()
+    {
+        // Only where systemd-run reaches a user manager: it runs a transient unit there.
+        QProcess probe;
+        probe.setProcessChannelMode(QProcess::MergedChannels);
+        probe.start(u"systemd-run"_s, {u"--user"_s, u"--quiet"_s, u"--wait"_s, u"--collect"_s, u"/bin/true"_s});
+        if (!probe.waitForStarted(10000))
+            QSKIP("systemd-run is not installed here");
+        if (!probe.waitForFinished(30000)) {
+            probe.kill();
+            probe.waitForFinished(5000);
+            QSKIP("systemd-run --user did not answer within 30 seconds here");
+        }
+        if (probe.exitStatus() != QProcess::NormalExit || probe.exitCode() != 0)
+            QSKIP(qPrintable(u"systemd-run --user does not work here (no user manager answers): "_s
+                             + QString::fromUtf8(probe.readAll()).simplified()));
+
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QString runtime = dir.path() + u"/run"_s;
+        QVERIFY(QDir().mkdir(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        writeTestFile(dir.path() + u"/config.json"_s, "{\"radios\": []}");
+        const QString name = u"veldspar-readiness-%1.service"_s.arg(QCoreApplication::applicationPid());
+        const auto run = [](const QString &program, const QStringList &arguments) {
+            QProcess process;
+            process.setProcessChannelMode(QProcess::MergedChannels);
+            process.start(program, arguments);
+            if (!process.waitForFinished(60000)) {
+                process.kill();
+                process.waitForFinished(5000);
+            }
+            return std::pair{process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+                             QString::fromUtf8(process.readAll())};
+        };
+        // It returns once the start job ends: for Type=notify, at READY=1.
+        const auto started = run(u"systemd-run"_s,
+                                 {u"--user"_s, u"--quiet"_s, u"--collect"_s, u"--unit="_s + name, u"-p"_s, u"Type=notify"_s,
+                                  u"-p"_s, u"NotifyAccess=main"_s, u"-p"_s, u"TimeoutStartSec=30"_s,
+                                  u"--setenv=XDG_RUNTIME_DIR="_s + runtime, QStringLiteral(VELDSPAR_SERVICE_EXECUTABLE),
+                                  u"--config"_s, dir.path() + u"/config.json"_s});
+        const auto state = run(u"systemctl"_s, {u"--user"_s, u"show"_s, u"--property=ActiveState,SubState"_s, name});
+        const auto stopped = run(u"systemctl"_s, {u"--user"_s, u"stop"_s, name});
+        QVERIFY2(started.first == 0, qPrintable(started.second));
+        QCOMPARE(state.second, u"ActiveState=active\nSubState=running\n"_s);
+        QVERIFY2(stopped.first == 0, qPrintable(stopped.second));
+    }
+
+    void scriptWithoutHomeSaysSoInOneLine_data()
+    {
+        QTest::addColumn<QString>("action");
+        for (const QString &action : {u"enable"_s, u"disable"_s, u"stop"_s, u"remove"_s})
+            QTest::newRow(qPrintable(action)) << action;
+    }
+
+    void scriptWithoutHomeSaysSoInOneLine()
+    {
+        QFETCH(QString, action);
+        TestWorld world;
+        world.useRealServiceScript();
+        const TestWorld::ScriptRun run =
+            world.runServiceScript(action, [](QProcessEnvironment &environment) { environment.remove(u"HOME"_s); });
+        QCOMPARE(run.output, u"Veldspar service: HOME is not set, so the service's files cannot be found\n"_s);
+        QCOMPARE(run.status, 1);
+        QVERIFY(world.systemctlCalls().isEmpty());
+    }
+
+    void scriptRemoveSucceedsWhenNoUserManagerAnswers()
+    {
+        TestWorld world;
+        world.useRealServiceScript();
+        world.writeConfig("{\"radios\": []}");
+        const QString executable = world.home() + u"/.local/share/Veldspar/Veldspar"_s;
+        writeTestFile(executable, "service");
+        QStringList links;
+        for (const QString &label : {u"org.kestrum.Veldspar"_s, u"org.kestrum.palisade"_s}) {
+            world.writeUnitFile(label);
+            const QString link = world.home() + u"/.config/systemd/user/default.target.wants/"_s + unit(label);
+            QDir().mkpath(QFileInfo(link).path());
+            QVERIFY(QFile::link(world.unitFilePath(label), link));
+            links << link;
+        }
+        world.makeSystemdUnavailable();
+        const TestWorld::ScriptRun run = world.runServiceScript(u"remove"_s);
+        QCOMPARE(run.output, QString());
+        QCOMPARE(run.status, 0);
+        for (const QString &label : {u"org.kestrum.Veldspar"_s, u"org.kestrum.veldspar"_s, u"org.kestrum.palisade"_s})
+            QVERIFY2(!QFile::exists(world.unitFilePath(label)), qPrintable(label));
+        for (const QString &link : std::as_const(links))
+            QVERIFY2(!QFileInfo(link).isSymLink(), qPrintable(link));
+        QVERIFY(!QFile::exists(executable));
+        QCOMPARE(world.readConfig(), QByteArray("{\"radios\": []}"));
+        QVERIFY(changingCalls(world).isEmpty());
+    }
+
+    void scriptEnableThatSystemdRefusesLeavesTheEarlierLabelsRunning()
+    {
+        TestWorld world;
+        world.useRealServiceScript();
+        runEarlierService(world);
+        world.answerUnit(unit(u"org.kestrum.veldspar"_s), running);
+        world.failSystemctl(u"restart"_s);
+        QCOMPARE(world.runServiceScript(u"enable"_s).status, 1);
+        QVERIFY(!QFile::exists(world.unitFilePath(u"org.kestrum.Veldspar"_s)));
+        // The earlier service goes on serving, set up as it was.
+        QVERIFY(QFile::exists(world.unitFilePath(u"org.kestrum.palisade"_s)));
+        QCOMPARE(world.unitAnswer(unit(u"org.kestrum.palisade"_s)), running);
+        QCOMPARE(world.unitAnswer(unit(u"org.kestrum.veldspar"_s)), running);
+        for (const QString &call : changingCalls(world))
+            QVERIFY2(call.endsWith(u"org.kestrum.Veldspar.service"_s) || call == u"daemon-reload"_s, qPrintable(call));
+    }
+
+    void scriptWritesANotifyUnitWithAStartLimit()
+    {
+        TestWorld world;
+        world.useRealServiceScript();
+        QCOMPARE(world.runServiceScript(u"enable"_s).status, 0);
+        const QByteArray text = readTestFile(world.unitFilePath(u"org.kestrum.Veldspar"_s));
+        QMap<QString, QString> keys; // "[Section]Key" -> value
+        QString section;
+        for (const QString &line : QString::fromUtf8(text).split(u'\n')) {
+            if (line.startsWith(u'['))
+                section = line;
+            else if (line.contains(u'='))
+                keys.insert(section + line.section(u'=', 0, 0), line.section(u'=', 1));
+        }
+        QCOMPARE(keys.value(u"[Service]Type"_s), u"notify"_s);
+        QCOMPARE(keys.value(u"[Service]NotifyAccess"_s), u"main"_s);
+        // A service that never says it is ready fails its start in bounded time.
+        QVERIFY(keys.value(u"[Service]TimeoutStartSec"_s).toInt() > 0);
+        // The start limit is read from [Unit] only, and a crash loop reaches it: the burst's restarts,
+        // RestartSec apart, all fall within the interval.
+        const int interval = keys.value(u"[Unit]StartLimitIntervalSec"_s).toInt();
+        const int burst = keys.value(u"[Unit]StartLimitBurst"_s).toInt();
+        QVERIFY2(interval > 0 && burst > 0, text.constData());
+        QVERIFY(burst * keys.value(u"[Service]RestartSec"_s).toInt() < interval);
+        QCOMPARE(keys.value(u"[Service]Restart"_s), u"on-failure"_s);
+        // A user manager has no network-online.target.
+        QVERIFY2(!text.contains("network-online"), text.constData());
+    }
+
+    void scriptEnableOfAServiceThatCannotStartFailsWithItsJournal()
+    {
+        TestWorld world;
+        world.useRealServiceScript();
+        world.writeConfig("{\"radios\": []}");
+        runEarlierService(world);
+        // A service that says a good deal and then why it cannot run, and ends.
+        const QString broken = world.root() + u"/broken-service"_s;
+        writeTestFile(broken, "#!/bin/sh\n"
+                              "for step in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15; do echo \"step $step\" >&2; done\n"
+                              "echo 'Veldspar: error while loading shared libraries: libQt6Network.so.6' >&2\n"
+                              "exit 127\n");
+        QFile::setPermissions(broken, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        world.useServiceExecutable(broken);
+
+        const TestWorld::ScriptRun run = world.runServiceScript(u"enable"_s);
+        QCOMPARE(run.status, 1);
+        const QString name = unit(u"org.kestrum.Veldspar"_s);
+        QStringList lines = run.output.split(u'\n');
+        QCOMPARE(lines.takeLast(), QString());
+        QCOMPARE(lines.value(0), u"Veldspar service: systemctl --user restart %1 failed: Job for %1 failed because the "
+                                 "control process exited with error code. See \"systemctl --user status %1\" and "
+                                 "\"journalctl --user -xeu %1\" for details."_s.arg(name));
+        QCOMPARE(lines.value(1), u"Its journal ends with:"_s);
+        // The last ten lines, the reason among them.
+        QStringList journal = world.journalOf(name).split(u'\n', Qt::SkipEmptyParts);
+        QVERIFY2(journal.size() > 10, qPrintable(world.journalOf(name)));
+        journal = journal.mid(journal.size() - 10);
+        for (QString &line : journal)
+            line.prepend(u"  "_s);
+        QCOMPARE(lines.mid(2), journal);
+        QVERIFY(journal.contains(u"  Veldspar: error while loading shared libraries: libQt6Network.so.6"_s));
+        QVERIFY(journal.contains(u"  %1: Main process exited, code=exited, status=127/n/a"_s.arg(name)));
+
+        // Nothing looks set up, nothing of the unit is left, and the earlier service still serves.
+        QVERIFY(!QFile::exists(world.unitFilePath(u"org.kestrum.Veldspar"_s)));
+        QCOMPARE(world.unitAnswer(name), QByteArray());
+        QVERIFY(QFile::exists(world.unitFilePath(u"org.kestrum.palisade"_s)));
+        QCOMPARE(world.unitAnswer(unit(u"org.kestrum.palisade"_s)), running);
+    }
+
+    void scriptEnableWaitsUntilTheRealServiceIsReady()
+    {
+        TestWorld world;
+        world.useRealServiceScript();
+        world.writeConfig("{\"radios\": []}");
+        world.useServiceExecutable(QStringLiteral(VELDSPAR_SERVICE_EXECUTABLE));
+        const QString name = unit(u"org.kestrum.Veldspar"_s);
+        const QString installed = world.home() + u"/.local/share/Veldspar/Veldspar"_s;
+
+        const TestWorld::ScriptRun run = world.runServiceScript(u"enable"_s);
+        QCOMPARE(run.output, QString());
+        QCOMPARE(run.status, 0);
+        const qint64 first = world.startedProcess(name);
+        QVERIFY(first > 0);
+        QCOMPARE(QFileInfo(u"/proc/%1/exe"_s.arg(first)).symLinkTarget(), installed);
+        // systemctl returned once the service said it was ready, and it says so once it has read
+        // its configuration.
+        QVERIFY2(world.journalOf(name).contains(u"Configuration loaded: 0 of 0 radios enabled"_s),
+                 qPrintable(world.journalOf(name)));
+
+        QCOMPARE(world.runServiceScript(u"stop"_s).status, 0);
+        QCOMPARE(world.startedProcess(name), 0);
+        QVERIFY(world.journalOf(name).contains(u"Stopping (SIGTERM)."_s));
+
+        QCOMPARE(world.runServiceScript(u"enable"_s).status, 0);
+        const qint64 second = world.startedProcess(name);
+        QVERIFY(second > 0 && second != first);
+        QCOMPARE(world.runServiceScript(u"remove"_s).status, 0);
+        QCOMPARE(world.startedProcess(name), 0);
+        QVERIFY(!QFile::exists(world.unitFilePath(u"org.kestrum.Veldspar"_s)));
+    }
+
+    void aServiceTheStandInStartedEndsWithItsWorld()
+    {
+        qint64 pid = 0;
+        {
+            TestWorld world;
+            world.useRealServiceScript();
+            QCOMPARE(world.runServiceScript(u"enable"_s).status, 0);
+            pid = world.startedProcess(unit(u"org.kestrum.Veldspar"_s));
+            QVERIFY(pid > 0);
+        }
+        QVERIFY(!runs(pid));
+    }
+
 private:
+    // An earlier version's service, set up under its label and running.
+    static void runEarlierService(const TestWorld &world)
+    {
+        world.writeUnitFile(u"org.kestrum.palisade"_s);
+        world.answerUnit(unit(u"org.kestrum.palisade"_s), running);
+    }
+
+    // A process that runs and has not ended (a zombie has ended).
+    static bool runs(qint64 pid)
+    {
+        const QByteArray stat = readTestFile(u"/proc/%1/stat"_s.arg(pid));
+        const qsizetype end = stat.lastIndexOf(") ");
+        return end >= 0 && stat.mid(end + 2, 1) != "Z";
+    }
+
     std::unique_ptr<WithoutFilePermissionOverride> m_ordinaryUser;
     QByteArray m_realRuntime;
     QByteArray m_realBus;
