@@ -24,6 +24,7 @@ set -euo pipefail
 label=org.kestrum.Veldspar
 legacy_labels=(org.kestrum.veldspar org.kestrum.palisade)
 all_labels=("$label" "${legacy_labels[@]}")
+started_at=0 # when the last start was asked for, in seconds since the epoch
 
 # The one line that says what failed; any further arguments are lines that explain it.
 fail() {
@@ -61,10 +62,11 @@ user_systemctl() {
   fi
 }
 
-# The unit's last journal lines, indented; bounded in lines, width and time.
+# The unit's last journal lines since this start (an earlier run's lines would only mislead),
+# indented; bounded in lines, width and time.
 journal_tail() {
   local said line
-  said=$(timeout 10 journalctl --user -u "$1" -n 10 --no-pager -q -o cat 2>&1) || true
+  said=$(timeout 10 journalctl --user -u "$1" --since "@$started_at" -n 10 --no-pager -q -o cat 2>&1) || true
   if [ -z "${said//[[:space:]]/}" ]; then
     printf 'The journal has nothing from %s.\n' "$1"
     return
@@ -180,6 +182,7 @@ enable() {
     user_systemctl enable "$label.service"
     # A deliberate start is not part of a crash loop: it gets the whole start limit.
     systemctl --user reset-failed "$label.service" > /dev/null 2>&1 || true
+    started_at=$(date +%s)
     user_systemctl restart "$label.service"
   ); then
     withdraw_unit

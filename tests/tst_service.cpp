@@ -1941,9 +1941,16 @@ private Q_SLOTS:
         QFile::setPermissions(broken, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         world.useServiceExecutable(broken);
 
+        const qint64 before = QDateTime::currentSecsSinceEpoch();
         const TestWorld::ScriptRun run = world.runServiceScript(u"enable"_s);
         QCOMPARE(run.status, 1);
         const QString name = unit(u"org.kestrum.Veldspar"_s);
+        // Only this start's lines are asked for: an earlier run's would mislead.
+        const QString asked = QString::fromUtf8(readTestFile(world.binFolder() + u"/systemctl.d/journal-calls"_s));
+        const QRegularExpressionMatch since = QRegularExpression(u"--since @(\\d+) "_s).match(asked);
+        QVERIFY2(since.hasMatch(), qPrintable(asked));
+        QVERIFY(since.captured(1).toLongLong() >= before);
+        QVERIFY(since.captured(1).toLongLong() <= QDateTime::currentSecsSinceEpoch());
         QStringList lines = run.output.split(u'\n');
         QCOMPARE(lines.takeLast(), QString());
         QCOMPARE(lines.value(0), u"Veldspar service: systemctl --user restart %1 failed: Job for %1 failed because the "
