@@ -1346,12 +1346,35 @@ private Q_SLOTS:
         exhausted.rlim_cur = rlim_t(spare); // the lowest free descriptor is now out of reach
         QCOMPARE(::setrlimit(RLIMIT_NOFILE, &exhausted), 0);
         const int refused = ::dup(0);
-        sender.send(QByteArrayLiteral("beacon"));
+        sender.send(QByteArrayLiteral("beacon"), QHostAddress(QHostAddress::LocalHost));
         QCOMPARE(::setrlimit(RLIMIT_NOFILE, &before), 0);
         QCOMPARE(refused, -1);
 
         QTRY_VERIFY_WITH_TIMEOUT(listener.hasPendingDatagrams(), 5000);
         QCOMPARE(listener.receiveDatagram().data(), QByteArrayLiteral("beacon"));
+    }
+
+    // ---- beacons on the local networks ----
+
+    void beaconsGoOnceOutOfEachLocalNetworkButTheRadios()
+    {
+        const auto described = [](const QList<Outlet> &outlets) {
+            QStringList texts;
+            for (const Outlet &outlet : outlets)
+                texts << u"%1 (%2)"_s.arg(outlet.text()).arg(outlet.interfaceIndex);
+            return texts;
+        };
+        const LocalNetwork wired{u"eth0"_s, 2, {{QHostAddress(u"192.168.1.10"_s), 24}}};
+        const LocalNetwork wireless{u"wlan0"_s, 3, {{QHostAddress(u"10.0.0.5"_s), 24}, {QHostAddress(u"172.20.0.1"_s), 16}}};
+        // A radio beyond a tunnel or a router: on each network, out of its own interface.
+        QCOMPARE(described(outletsFor({wired, wireless}, QHostAddress(u"10.8.0.1"_s))),
+                 QStringList({u"255.255.255.255:4992 on eth0 (2)"_s, u"255.255.255.255:4992 on wlan0 (3)"_s}));
+        // A radio on a network (any of its interface's subnets) announces itself there.
+        QCOMPARE(described(outletsFor({wired, wireless}, QHostAddress(u"172.20.9.9"_s))),
+                 QStringList({u"255.255.255.255:4992 on eth0 (2)"_s}));
+        QCOMPARE(described(outletsFor({wired}, QHostAddress(u"192.168.1.77"_s))), QStringList());
+        // No local network: this computer's own listeners, through the loopback.
+        QCOMPARE(described(outletsFor({}, QHostAddress(u"10.8.0.1"_s))), QStringList({u"127.255.255.255:4992 (0)"_s}));
     }
 
     void aRadioCannotOverfillItsBeacon()
