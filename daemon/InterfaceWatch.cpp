@@ -12,9 +12,6 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-// Long enough for an interface's address and state to settle, short enough that the next beat
-// already uses them.
-constexpr int settleMs = 100;
 constexpr int pollMs = 2000;
 // Messages read at one wake-up; a storm leaves the rest for the next one.
 constexpr int mostReadsAtOnce = 64;
@@ -42,9 +39,6 @@ int openInterfaceNews()
 InterfaceWatch::InterfaceWatch(std::function<void()> changed, QObject *parent)
     : QObject(parent), m_changed(std::move(changed))
 {
-    m_settle.setSingleShot(true);
-    m_settle.setInterval(settleMs);
-    connect(&m_settle, &QTimer::timeout, this, [this] { m_changed(); });
     m_socket = openInterfaceNews();
     if (m_socket < 0) {
         logLine(u"Cannot follow the network interfaces as they change (%1); looking at them every %2 seconds."_s.arg(
@@ -67,15 +61,14 @@ InterfaceWatch::~InterfaceWatch()
 
 void InterfaceWatch::drain()
 {
-    // Which change it was does not matter: the interfaces are read afresh. A full queue
-    // (ENOBUFS) lost some news, which is news as well.
+    // Which change it was does not matter: the interfaces are read afresh, at once (a beacon
+    // sent out of an interface that has just gone would fail for nothing), once for all the
+    // news at hand. A full queue (ENOBUFS) lost some news, which is news as well.
     char buffer[8192];
     for (int read = 0; read < mostReadsAtOnce; ++read) {
         const ssize_t received = ::recv(m_socket, buffer, sizeof buffer, 0);
         if (received < 0 && errno != EINTR && errno != ENOBUFS)
             break; // EAGAIN: all read
     }
-    // Not restarted by later news, so a steady stream cannot hold the change back.
-    if (!m_settle.isActive())
-        m_settle.start();
+    m_changed();
 }
