@@ -1,6 +1,7 @@
 #pragma once
 
 #include "daemon/Endpoint.h"
+#include "daemon/LocalNetworks.h"
 
 #include <QByteArray>
 #include <QHostAddress>
@@ -18,26 +19,50 @@ struct Destination
     friend bool operator==(const Destination &, const Destination &) = default;
 };
 
-// Every up, broadcast-capable, non-loopback IPv4 interface's directed broadcast address, and
-// the limited broadcast 255.255.255.255, all on port 4992.
-QList<Destination> automaticDestinations();
+// One way out for a beacon: a destination, and the interface it leaves by whatever the
+// routing table says (index 0: where the routing table sends it).
+struct Outlet
+{
+    Destination destination;
+    int interfaceIndex = 0;
+    QString interfaceName;
 
-// Sends every beacon to the same destinations from one UDP socket. A destination that cannot
-// be reached is logged when it starts and when it stops failing, not at each beacon.
+    QString text() const; // "255.255.255.255:4992 on eth0"
+    friend bool operator==(const Outlet &, const Outlet &) = default;
+};
+
+// Where the beacon of a radio reached at `radio` goes, as the radio itself would send it on
+// each local network: once, to the limited broadcast 255.255.255.255:4992 out of that
+// network's interface. Not on a network the radio is on (a tap link to its site, or a radio
+// on this LAN after all): it announces itself there. Linux hands a broadcast sent out an
+// interface to this computer's own listeners as well; with no local network at all, the
+// loopback's broadcast reaches them instead.
+QList<Outlet> outletsFor(const QList<LocalNetwork> &networks, const QHostAddress &radio);
+
+// Sends beacons from one UDP socket on a port of the system's choosing, so that every
+// listener on this computer can still bind port 4992. An outlet that fails is logged when it
+// starts and when it stops failing, not at each beacon.
 class BeaconSender
 {
 public:
-    // fixed: the destinations given on the command line; when empty, automaticDestinations(),
-    // looked up again at each refresh().
+    // fixed: the destinations given on the command line, the same for every radio; when
+    // empty, outletsFor() on the local networks as refresh() last found them.
     explicit BeaconSender(const QList<Destination> &fixed);
 
+    // Reads the local networks again (the interfaces changed).
     void refresh();
-    void send(const QByteArray &packet);
-    const QList<Destination> &destinations() const { return m_destinations; }
+    // Sends one beacon of the radio reached at `radio`. Returns where it went, in words that
+    // follow the radio's name in the log ("is announced on eth0, wlan0."); nothing with fixed
+    // destinations, which are logged once for every radio.
+    QString send(const QByteArray &packet, const QHostAddress &radio);
 
 private:
+    void sendOut(const QByteArray &packet, const Outlet &outlet);
+    QString whereAnnounced(const QList<Outlet> &outlets) const;
+
     bool m_automatic;
-    QList<Destination> m_destinations;
+    QList<Outlet> m_fixed;
+    QList<LocalNetwork> m_networks;
     QUdpSocket m_socket;
     QSet<QString> m_failing;
 };

@@ -37,8 +37,8 @@ Options parseOptions(const QStringList &arguments)
     const QCommandLineOption config(u"config"_s, u"The configuration file."_s, u"PATH"_s);
     const QCommandLineOption import(u"import"_s, u"Replace the configuration with FILE."_s, u"FILE"_s);
     const QCommandLineOption broadcast(u"broadcast"_s,
-                                       u"Send beacons to ADDRESS (port 4992 unless given) instead of every "
-                                       u"local network's broadcast address. Repeatable."_s,
+                                       u"Send beacons to ADDRESS (port 4992 unless given) instead of on every "
+                                       u"local network. Repeatable."_s,
                                        u"ADDRESS"_s);
     QCommandLineOption checkPeriod(u"check-period-ms"_s, u"How often each radio must answer on its held connection."_s, u"MS"_s);
     checkPeriod.setFlags(QCommandLineOption::HiddenFromHelp);

@@ -33,7 +33,7 @@ public:
     void start();
     bool isReady() const { return m_ready; }
     const RadioState &state() const { return m_state; }
-    QString peer() const { return m_channel.peer().toString(); }
+    QHostAddress peer() const { return m_channel.peer(); }
 
 private:
     enum class Ask { Info, Version, Clients, Resources, Licence, KeepAlive };

@@ -156,6 +156,7 @@ void RadioWatch::ready()
     m_announced = true;
     logLine(u"%1 answers; announcing it every %2 ms."_s.arg(label(), QString::number(m_beaconTimer.interval())));
     enterPhase(RadioLiveState::Phase::Announced);
+    m_where.clear(); // said again for a radio that returns, perhaps at another address
     sendBeacon();
     m_beaconTimer.start();
 }
@@ -183,10 +184,21 @@ void RadioWatch::sendBeacon()
 {
     if (!m_link || !m_link->isReady())
         return;
-    const QList<BeaconField> fields = beaconFields(m_link->state(), m_radio, m_link->peer(), m_endpoint.port);
-    m_sender.send(beaconPacket(beaconPayload(fields), m_packetCount++, quint32(QDateTime::currentSecsSinceEpoch())));
+    const QList<BeaconField> fields = beaconFields(m_link->state(), m_radio, m_link->peer().toString(), m_endpoint.port);
+    noteWhere(m_sender.send(beaconPacket(beaconPayload(fields), m_packetCount++, quint32(QDateTime::currentSecsSinceEpoch())),
+                            m_link->peer()));
     m_live.lastBeacon = QDateTime::currentDateTimeUtc();
     noteClients(fields);
+}
+
+// Where the radio is announced changes with the interfaces: logged when it does, not per beat.
+void RadioWatch::noteWhere(const QString &where)
+{
+    if (where == m_where)
+        return;
+    m_where = where;
+    if (!where.isEmpty())
+        logLine(label() + u' ' + where);
 }
 
 // The beacon is what listeners see: the state file says the same of the radio's clients.

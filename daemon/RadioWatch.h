@@ -49,6 +49,7 @@ private:
     void starved(); // no file descriptor for a connection: wait for one, without a line per radio
     void dropLink();
     void sendBeacon();
+    void noteWhere(const QString &where);
     void noteClients(const QList<BeaconField> &fields);
     void enterPhase(RadioLiveState::Phase phase, const QString &reason = QString());
 
@@ -64,6 +65,7 @@ private:
     bool m_announced = false;
     QString m_lastProblem; // the latest reason logged, so a radio that stays away is logged once
     QString m_name;        // as the radio last named itself
+    QString m_where;       // where its beacons went, as last logged
     unsigned m_packetCount = 0;
     std::function<void()> m_changed;
     RadioLiveState m_live;

@@ -14,20 +14,15 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-constexpr int destinationsRefreshMs = 10000;
-
 QString keyOf(const ConfiguredRadio &radio) { return radio.ipAddress + u'\n' + radio.serialNumber; }
 } // namespace
 
 Service::Service(const ServiceSettings &settings, QObject *parent)
     : QObject(parent), m_settings(settings), m_sender(settings.destinations),
-      m_watcher(settings.configPath, [this] { reload(); }),
+      // A laptop joins another network, a VPN comes up: beacons follow at the next beat.
+      m_interfaces([this] { m_sender.refresh(); }), m_watcher(settings.configPath, [this] { reload(); }),
       m_stateFile(stateFilePath(settings.configPath), [this] { return liveStates(); })
 {
-    // Interfaces come and go (a laptop joins another network); look again now and then.
-    m_refreshDestinations.setInterval(destinationsRefreshMs);
-    connect(&m_refreshDestinations, &QTimer::timeout, this, [this] { m_sender.refresh(); });
-    m_refreshDestinations.start();
     reload();
 }
 

@@ -3,6 +3,7 @@
 #include "daemon/BeaconSender.h"
 #include "daemon/ConfigWatcher.h"
 #include "daemon/Configuration.h"
+#include "daemon/InterfaceWatch.h"
 #include "daemon/RadioWatch.h"
 #include "daemon/StateFile.h"
 
@@ -11,14 +12,13 @@
 #include <QMap>
 #include <QObject>
 #include <QString>
-#include <QTimer>
 
 #include <optional>
 
 struct ServiceSettings
 {
     QString configPath;
-    QList<Destination> destinations; // empty: every broadcast-capable interface
+    QList<Destination> destinations; // empty: every local network, as the radio would be announced there
     int keepAliveMs = defaultKeepAliveMs; // how often each radio must answer
 };
 
@@ -39,8 +39,8 @@ private:
 
     ServiceSettings m_settings;
     BeaconSender m_sender;
+    InterfaceWatch m_interfaces;
     ConfigWatcher m_watcher;
-    QTimer m_refreshDestinations;
     QMap<QString, RadioWatch *> m_watches; // by address and serial
     QStringList m_order;                   // their keys in the configuration's order
     StateFile m_stateFile;

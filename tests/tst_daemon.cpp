@@ -1,6 +1,8 @@
 // The service executable "Veldspar" as its callers see it: the lines it prints, its exit
 // status, the files it writes and the beacons it sends. Every radio is a radio-sim on
-// 127.0.0.1 and every beacon goes to a socket of this test on 127.0.0.1 (--broadcast).
+// 127.0.0.1 and every beacon goes to a socket of this test on 127.0.0.1 (--broadcast), except
+// in the tests of beacons on local networks: those run the service, its radio and listeners
+// in network namespaces of their own (as root only).
 #include "RunningService.h"
 #include "TestSupport.h"
 
@@ -20,6 +22,7 @@
 #include <QNetworkDatagram>
 #include <QProcess>
 #include <QRegularExpression>
+#include <QStandardPaths>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QThread>
@@ -27,18 +30,27 @@
 #include <QtEndian>
 #include <QtTest>
 
+#include <linux/if_tun.h>
 #include <linux/securebits.h>
+#include <net/if.h>
 #include <netinet/in.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <memory>
 #include <optional>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 using namespace Qt::StringLiterals;
 
@@ -194,10 +206,12 @@ private:
 class RadioSim
 {
 public:
-    explicit RadioSim(const QStringList &arguments = {})
+    explicit RadioSim(const QStringList &arguments = {}, const std::function<void()> &inChild = {})
     {
         m_process.setProgram(simulatorProgram);
         m_process.setArguments(arguments);
+        if (inChild)
+            m_process.setChildProcessModifier(inChild);
         m_process.start();
         QElapsedTimer clock;
         clock.start();
@@ -363,9 +377,13 @@ struct Received
 class BeaconListener
 {
 public:
-    explicit BeaconListener(const QElapsedTimer &clock) : m_clock(clock)
+    // On 127.0.0.1, on a port of the system's choosing.
+    explicit BeaconListener(const QElapsedTimer &clock) : BeaconListener(clock, -1) { m_socket.bind(QHostAddress::LocalHost, 0); }
+    // On a socket bound already, which it keeps; -1: on none, so it hears nothing.
+    BeaconListener(const QElapsedTimer &clock, int boundSocket) : m_clock(clock)
     {
-        m_socket.bind(QHostAddress::LocalHost, 0);
+        if (boundSocket >= 0)
+            m_socket.setSocketDescriptor(boundSocket, QAbstractSocket::BoundState);
         QObject::connect(&m_socket, &QUdpSocket::readyRead, &m_socket, [this] {
             while (m_socket.hasPendingDatagrams()) {
                 QByteArray datagram(m_socket.pendingDatagramSize(), '\0');
@@ -478,7 +496,374 @@ QStringList backupsBeside(const QString &path)
 void withoutRootPowers() { ::prctl(PR_SET_SECUREBITS, SECBIT_NOROOT | SECBIT_NOROOT_LOCKED); }
 
 const QRegularExpression backupName(u"^config-\\d{4}-\\d{2}-\\d{2}T\\d{2}-\\d{2}-\\d{2}\\.\\d{3}Z\\.json$"_s);
+
+// ---------------------------------------------------------------------------------------
+// Network layouts of the tests' own: namespaces joined by veth pairs, or by a tunnel that the
+// test carries itself. Their traffic stays inside them; they go when the test ends.
+
+QString ipProgram()
+{
+    return QStandardPaths::findExecutable(u"ip"_s, {u"/usr/sbin"_s, u"/sbin"_s, u"/usr/bin"_s, u"/bin"_s});
+}
+
+// Why network layouts cannot be made here; nothing when they can. Asked once, by making a
+// namespace and deleting it again.
+QString whyNoNetworkLayouts()
+{
+    static const QString why = [] {
+        if (::geteuid() != 0)
+            return u"network layouts need root (network namespaces, veth pairs, tun interfaces)"_s;
+        if (ipProgram().isEmpty())
+            return u"network layouts need iproute2's ip, which is not installed"_s;
+        if (!QFileInfo::exists(u"/dev/net/tun"_s))
+            return u"network layouts need /dev/net/tun"_s;
+        const QString probe = u"veldspar-%1-probe"_s.arg(QCoreApplication::applicationPid());
+        const Run made = runProgram(ipProgram(), {u"netns"_s, u"add"_s, probe}, 10000);
+        if (made.status != 0)
+            return u"cannot make a network namespace here (ip netns add: %1)"_s.arg(made.output.trimmed());
+        runProgram(ipProgram(), {u"netns"_s, u"delete"_s, probe}, 10000);
+        return QString();
+    }();
+    return why;
+}
+
+QByteArray namespacePath(const QString &space) { return QFile::encodeName(u"/run/netns/"_s + space); }
+
+// Runs `make` on a thread that has joined the network namespace SPACE and returns what it
+// made: a socket or a tun interface made there stays there, whichever thread uses it later.
+// errno is the thread's, after `make`.
+int madeInside(const QString &space, const std::function<int()> &make)
+{
+    int made = -1;
+    int error = 0;
+    std::thread([&] {
+        const int fd = ::open(namespacePath(space).constData(), O_RDONLY | O_CLOEXEC);
+        if (fd >= 0 && ::setns(fd, CLONE_NEWNET) == 0)
+            made = make();
+        error = errno;
+        if (fd >= 0)
+            ::close(fd);
+    }).join();
+    errno = error;
+    return made;
+}
+
+// For a child process: it runs inside the network namespace SPACE, or not at all.
+std::function<void()> inside(const QString &space)
+{
+    const QByteArray path = namespacePath(space);
+    return [path] {
+        const int fd = ::open(path.constData(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0 || ::setns(fd, CLONE_NEWNET) != 0)
+            ::_exit(126);
+    };
+}
+
+// The namespaces of one test, named after this process so that runs side by side never meet,
+// deleted with every interface in them when the test ends, also when it fails.
+class NetworkLab
+{
+public:
+    NetworkLab() = default;
+    NetworkLab(const NetworkLab &) = delete;
+    NetworkLab &operator=(const NetworkLab &) = delete;
+    ~NetworkLab()
+    {
+        for (const QString &space : std::as_const(m_spaces))
+            runProgram(ipProgram(), {u"netns"_s, u"delete"_s, space}, 10000);
+    }
+
+    // A new namespace for ROLE, its loopback up; its name.
+    QString add(const QString &role)
+    {
+        const QString name = u"veldspar-%1-%2"_s.arg(QCoreApplication::applicationPid()).arg(role);
+        if (ip({u"netns"_s, u"add"_s, name}))
+            m_spaces << name;
+        in(name, {u"link set lo up"_s});
+        return name;
+    }
+    // Runs ip commands inside SPACE ("addr add 10.0.0.1/24 dev eth0", ...), in order.
+    void in(const QString &space, const QStringList &commands)
+    {
+        for (const QString &command : commands)
+            ip(QStringList{u"-n"_s, space} + command.split(u' '));
+    }
+    // SPACE routes between its interfaces.
+    void forwards(const QString &space)
+    {
+        const int written = madeInside(space, [] {
+            QFile forwarding(u"/proc/sys/net/ipv4/ip_forward"_s);
+            return forwarding.open(QIODevice::WriteOnly) && forwarding.write("1") == 1 ? 0 : -1;
+        });
+        if (written != 0)
+            failed(u"cannot turn forwarding on in %1"_s.arg(space));
+    }
+    void failed(const QString &problem) { m_problems << problem; }
+    // What failed, for the test's message; nothing when all went well.
+    QString problems() const { return m_problems.join(u'\n'); }
+
+private:
+    bool ip(const QStringList &arguments)
+    {
+        const Run run = runProgram(ipProgram(), arguments, 10000);
+        if (run.status != 0)
+            m_problems << u"ip %1: %2"_s.arg(arguments.join(u' '), run.output.trimmed());
+        return run.status == 0;
+    }
+
+    QStringList m_spaces;
+    QStringList m_problems;
+};
+
+// A UDP socket for a test's listener inside SPACE, bound to ADDRESS:PORT with one reuse option
+// set, as discovery clients bind 0.0.0.0:4992: some with SO_REUSEADDR only, others with
+// SO_REUSEPORT only. -1, and one more of the lab's problems, when the port cannot be had.
+int boundInside(NetworkLab &lab, const QString &space, int reuseOption, quint32 address = INADDR_ANY, quint16 port = radioPort)
+{
+    const int socket = madeInside(space, [=] {
+        const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        const int on = 1;
+        sockaddr_in local{};
+        local.sin_family = AF_INET;
+        local.sin_port = htons(port);
+        local.sin_addr.s_addr = htonl(address);
+        if (fd >= 0 && ::setsockopt(fd, SOL_SOCKET, reuseOption, &on, sizeof on) == 0
+            && ::bind(fd, reinterpret_cast<const sockaddr *>(&local), sizeof local) == 0)
+            return fd;
+        if (fd >= 0)
+            ::close(fd);
+        return -1;
+    });
+    if (socket < 0)
+        lab.failed(u"cannot bind port %1 inside %2: %3"_s.arg(port).arg(space, QString::fromLocal8Bit(std::strerror(errno))));
+    return socket;
+}
+
+// A VPN as small as can be: a tun interface NAME in each of two namespaces, and a thread of
+// the test that carries every packet from one to the other.
+class Tunnel
+{
+public:
+    Tunnel(const QString &one, const QString &other, const QString &name) : m_ends{tunInside(one, name), tunInside(other, name)}
+    {
+        if (made())
+            m_carrier = std::thread([this] { carry(); });
+    }
+    Tunnel(const Tunnel &) = delete;
+    Tunnel &operator=(const Tunnel &) = delete;
+    ~Tunnel()
+    {
+        m_stop = true;
+        if (m_carrier.joinable())
+            m_carrier.join();
+        for (int end : m_ends)
+            if (end >= 0)
+                ::close(end);
+    }
+    bool made() const { return m_ends[0] >= 0 && m_ends[1] >= 0; }
+
+private:
+    static int tunInside(const QString &space, const QString &name)
+    {
+        const QByteArray interface = name.toLatin1();
+        return madeInside(space, [&interface] {
+            const int fd = ::open("/dev/net/tun", O_RDWR | O_CLOEXEC);
+            ifreq request{};
+            request.ifr_flags = IFF_TUN | IFF_NO_PI;
+            std::strncpy(request.ifr_name, interface.constData(), IFNAMSIZ - 1);
+            if (fd >= 0 && ::ioctl(fd, TUNSETIFF, &request) == 0)
+                return fd;
+            if (fd >= 0)
+                ::close(fd);
+            return -1;
+        });
+    }
+    void carry()
+    {
+        pollfd ends[2] = {{m_ends[0], POLLIN, 0}, {m_ends[1], POLLIN, 0}};
+        std::vector<char> packet(65536);
+        while (!m_stop) {
+            if (::poll(ends, 2, 100) <= 0) // bounded, so that the end of the test is seen
+                continue;
+            for (int i = 0; i < 2; ++i) {
+                if (ends[i].revents & (POLLERR | POLLHUP | POLLNVAL))
+                    return;
+                if (!(ends[i].revents & POLLIN))
+                    continue;
+                const ssize_t size = ::read(m_ends[i], packet.data(), packet.size());
+                if (size > 0) {
+                    [[maybe_unused]] const ssize_t written = ::write(m_ends[1 - i], packet.data(), size_t(size));
+                }
+            }
+        }
+    }
+
+    int m_ends[2];
+    std::atomic<bool> m_stop = false;
+    std::thread m_carrier;
+};
+
+// How this computer reaches the radio's site.
+enum class Way {
+    FullTunnel,    // a VPN's tun, the default route through it
+    SplitTunnel,   // a point-to-point link (/32 with a peer), the default route through the LAN
+    EthernetLink,  // a tap-like link with a /24 on which the radio sits
+    RouterOnTheLan, // the LAN's router runs a site-to-site VPN
+    TunnelOnly,    // a full tunnel and no LAN at all
+};
+
+// The computer that runs the service ("host"), its LAN ("lan", where the LAN's other computers
+// listen; it is the router too with RouterOnTheLan) and the radio's site ("site").
+struct Layout
+{
+    QString host;
+    QString lan;
+    QString site;
+    QString radio; // where the radio listens, inside site
+    std::unique_ptr<Tunnel> tunnel;
+};
+
+// One end of a link: its namespace, its interface and how that is addressed ("10.9.0.2/24 brd +"
+// or "10.8.0.2 peer 10.8.0.1").
+struct End
+{
+    QString space;
+    QString interface;
+    QString address;
+};
+
+void bringUp(NetworkLab &lab, const End &end)
+{
+    lab.in(end.space, {u"addr add %1 dev %2"_s.arg(end.address, end.interface), u"link set %1 up"_s.arg(end.interface)});
+}
+
+// A veth pair, one end in each namespace, both addressed and up.
+void cable(NetworkLab &lab, const End &one, const End &other)
+{
+    lab.in(one.space, {u"link add %1 type veth peer name %2 netns %3"_s.arg(one.interface, other.interface, other.space)});
+    bringUp(lab, one);
+    bringUp(lab, other);
+}
+
+// The LAN as DHCP would set it up: lan0 on the host, 192.168.77.0/24 with its broadcast,
+// the router at .1.
+void joinLan(NetworkLab &lab, const Layout &layout)
+{
+    cable(lab, {layout.host, u"lan0"_s, u"192.168.77.2/24 brd +"_s}, {layout.lan, u"eth0"_s, u"192.168.77.1/24 brd +"_s});
+}
+
+Layout makeLayout(NetworkLab &lab, Way way)
+{
+    Layout layout{lab.add(u"host"_s), lab.add(u"lan"_s), lab.add(u"site"_s), {}, {}};
+    const bool fullTunnel = way == Way::FullTunnel || way == Way::TunnelOnly;
+    if (way != Way::TunnelOnly)
+        joinLan(lab, layout);
+    switch (way) {
+    case Way::FullTunnel:
+    case Way::TunnelOnly:
+        layout.tunnel = std::make_unique<Tunnel>(layout.host, layout.site, u"tun0"_s);
+        if (!layout.tunnel->made())
+            lab.failed(u"cannot make the tun interfaces"_s);
+        bringUp(lab, {layout.host, u"tun0"_s, u"10.8.0.2 peer 10.8.0.1"_s});
+        bringUp(lab, {layout.site, u"tun0"_s, u"10.8.0.1 peer 10.8.0.2"_s});
+        layout.radio = u"10.8.0.1"_s;
+        break;
+    case Way::SplitTunnel:
+        cable(lab, {layout.host, u"vpn0"_s, u"10.8.0.2 peer 10.8.0.1"_s}, {layout.site, u"vpn0"_s, u"10.8.0.1 peer 10.8.0.2"_s});
+        layout.radio = u"10.8.0.1"_s;
+        break;
+    case Way::EthernetLink:
+        cable(lab, {layout.host, u"site0"_s, u"10.9.0.2/24 brd +"_s}, {layout.site, u"eth0"_s, u"10.9.0.1/24 brd +"_s});
+        layout.radio = u"10.9.0.1"_s;
+        break;
+    case Way::RouterOnTheLan:
+        cable(lab, {layout.lan, u"wan0"_s, u"10.9.0.1/24 brd +"_s}, {layout.site, u"eth0"_s, u"10.9.0.2/24 brd +"_s});
+        lab.forwards(layout.lan);
+        lab.in(layout.site, {u"route add default via 10.9.0.1"_s});
+        layout.radio = u"10.9.0.2"_s;
+        break;
+    }
+    lab.in(layout.host, {fullTunnel ? u"route add default dev tun0"_s : u"route add default via 192.168.77.1"_s});
+    return layout;
+}
+
+// The beat of the tests on network layouts: short, so that a few seconds hold many beats.
+constexpr int layoutBeatMs = 250;
+
+QElapsedTimer startedClock()
+{
+    QElapsedTimer clock;
+    clock.start();
+    return clock;
+}
+
+// One test's network layout, the radio (a radio-sim) at its site and the service on its host
+// that announces the radio on the local networks, or sends its beacons to DESTINATIONS; with
+// listeners on the LAN and at the radio's site from before the service starts. All of it goes
+// when the test ends.
+class LayoutRun
+{
+public:
+    LayoutRun(Way way, const QString &serial, const QString &config, const QStringList &destinations = {})
+        : layout(makeLayout(lab, way)), clock(startedClock()), onLan(clock, boundInside(lab, layout.lan, SO_REUSEADDR)),
+          atTheSite(clock, boundInside(lab, layout.site, SO_REUSEADDR)),
+          radio({u"--listen"_s, layout.radio, u"--port"_s, u"4992"_s, u"--serial"_s, serial}, inside(layout.site)),
+          service(written(config, configuration({radioEntry(layout.radio + u":4992"_s, serial)}, layoutBeatMs)),
+                  destinations, inside(layout.host)),
+          m_serial(serial)
+    {
+    }
+
+    // Nothing when LISTENER heard the radio once a beat since SINCEMS: each beacon's packet
+    // count follows the one before (a second copy of a beacon repeats it) and there are about
+    // as many as beats passed. Otherwise what it heard, for the test's message.
+    QString onceABeat(const BeaconListener &listener, qint64 sinceMs) const
+    {
+        const QList<Received> beacons = listener.from(m_serial, sinceMs);
+        const qint64 windowMs = clock.elapsed() - sinceMs;
+        const qint64 beats = windowMs / layoutBeatMs;
+        if (beacons.size() < beats / 2 || beacons.size() > beats + beats / 2 + 1)
+            return u"%1 beacons in %2 ms at a beat of %3 ms"_s.arg(beacons.size()).arg(windowMs).arg(layoutBeatMs);
+        for (qsizetype i = 1; i < beacons.size(); ++i) {
+            const quint32 count = beacons.at(i).beacon.packetCount;
+            const quint32 before = beacons.at(i - 1).beacon.packetCount;
+            if (count != (before + 1) % 16)
+                return u"packet count %1 after %2, %3 ms apart"_s.arg(count).arg(before).arg(beacons.at(i).atMs - beacons.at(i - 1).atMs);
+        }
+        return {};
+    }
+
+    NetworkLab lab;
+    Layout layout;
+    QElapsedTimer clock;
+    BeaconListener onLan;
+    BeaconListener atTheSite;
+    RadioSim radio;
+    RunningService service;
+
+private:
+    static QString written(const QString &path, const QByteArray &bytes)
+    {
+        writeInPlace(path, bytes);
+        return path;
+    }
+
+    QString m_serial;
+};
+
+// The last thing the service said of where a radio is announced: "is announced on lan0." ...
+QString lastSaidWhere(const QString &log)
+{
+    static const QRegularExpression where(u" (is announced on .+|is not announced: it is on the network of .+)$"_s);
+    const QStringList lines = log.split(u'\n', Qt::SkipEmptyParts);
+    for (qsizetype i = lines.size() - 1; i >= 0; --i)
+        if (const QRegularExpressionMatch match = where.match(lines.at(i)); match.hasMatch())
+            return match.captured(1);
+    return {};
+}
 } // namespace
+
+Q_DECLARE_METATYPE(Way)
 
 class DaemonTest : public QObject
 {
@@ -1346,12 +1731,138 @@ private Q_SLOTS:
         exhausted.rlim_cur = rlim_t(spare); // the lowest free descriptor is now out of reach
         QCOMPARE(::setrlimit(RLIMIT_NOFILE, &exhausted), 0);
         const int refused = ::dup(0);
-        sender.send(QByteArrayLiteral("beacon"));
+        sender.send(QByteArrayLiteral("beacon"), QHostAddress(QHostAddress::LocalHost));
         QCOMPARE(::setrlimit(RLIMIT_NOFILE, &before), 0);
         QCOMPARE(refused, -1);
 
         QTRY_VERIFY_WITH_TIMEOUT(listener.hasPendingDatagrams(), 5000);
         QCOMPARE(listener.receiveDatagram().data(), QByteArrayLiteral("beacon"));
+    }
+
+    // ---- beacons on the local networks ----
+
+    void beaconsGoOnceOutOfEachLocalNetworkButTheRadios()
+    {
+        const auto described = [](const QList<Outlet> &outlets) {
+            QStringList texts;
+            for (const Outlet &outlet : outlets)
+                texts << u"%1 (%2)"_s.arg(outlet.text()).arg(outlet.interfaceIndex);
+            return texts;
+        };
+        const LocalNetwork wired{u"eth0"_s, 2, {{QHostAddress(u"192.168.1.10"_s), 24}}};
+        const LocalNetwork wireless{u"wlan0"_s, 3, {{QHostAddress(u"10.0.0.5"_s), 24}, {QHostAddress(u"172.20.0.1"_s), 16}}};
+        // A radio beyond a tunnel or a router: on each network, out of its own interface.
+        QCOMPARE(described(outletsFor({wired, wireless}, QHostAddress(u"10.8.0.1"_s))),
+                 QStringList({u"255.255.255.255:4992 on eth0 (2)"_s, u"255.255.255.255:4992 on wlan0 (3)"_s}));
+        // A radio on a network (any of its interface's subnets) announces itself there.
+        QCOMPARE(described(outletsFor({wired, wireless}, QHostAddress(u"172.20.9.9"_s))),
+                 QStringList({u"255.255.255.255:4992 on eth0 (2)"_s}));
+        QCOMPARE(described(outletsFor({wired}, QHostAddress(u"192.168.1.77"_s))), QStringList());
+        // No local network: this computer's own listeners, through the loopback.
+        QCOMPARE(described(outletsFor({}, QHostAddress(u"10.8.0.1"_s))), QStringList({u"127.255.255.255:4992 (0)"_s}));
+    }
+
+    void eachLanHearsTheRadioOnceABeatAndNothingGoesTowardIt_data()
+    {
+        QTest::addColumn<Way>("way");
+        QTest::addColumn<QString>("where"); // as the log says it
+        QTest::newRow("full-tunnel VPN") << Way::FullTunnel << u"is announced on lan0."_s;
+        QTest::newRow("split-tunnel point-to-point VPN") << Way::SplitTunnel << u"is announced on lan0."_s;
+        QTest::newRow("Ethernet-like VPN to the radio's subnet") << Way::EthernetLink << u"is announced on lan0."_s;
+        QTest::newRow("site-to-site VPN on the LAN's router") << Way::RouterOnTheLan << u"is announced on lan0."_s;
+        QTest::newRow("no LAN, a full-tunnel VPN") << Way::TunnelOnly << u"is announced on this computer only (loopback)."_s;
+    }
+
+    // Listeners on the LAN, on the service's own computer (with either habit of binding the
+    // port, while the service runs) and beyond the link at the radio's site.
+    void eachLanHearsTheRadioOnceABeatAndNothingGoesTowardIt()
+    {
+        QFETCH(Way, way);
+        QFETCH(QString, where);
+        if (const QString why = whyNoNetworkLayouts(); !why.isEmpty())
+            QSKIP(qPrintable(why));
+        LayoutRun run(way, u"N-1"_s, path(u"lans/config.json"_s));
+        QVERIFY2(run.lab.problems().isEmpty(), qPrintable(run.lab.problems()));
+        QVERIFY(run.radio.listening());
+        QTRY_VERIFY2_WITH_TIMEOUT(lastSaidWhere(run.service.log()) == where, qPrintable(run.service.log()), 10000);
+        const qint64 announcedMs = run.clock.elapsed();
+
+        // Two clients with different habits cannot hold the port together: one after the other.
+        for (const auto &[option, habit] : {std::pair{SO_REUSEADDR, u"SO_REUSEADDR"_s}, std::pair{SO_REUSEPORT, u"SO_REUSEPORT"_s}}) {
+            BeaconListener onThisComputer(run.clock, boundInside(run.lab, run.layout.host, option));
+            QVERIFY2(run.lab.problems().isEmpty(), qPrintable(u"with %1: %2"_s.arg(habit, run.lab.problems())));
+            const qint64 fromMs = run.clock.elapsed();
+            QTest::qWait(1500);
+            const QString heard = run.onceABeat(onThisComputer, fromMs);
+            QVERIFY2(heard.isEmpty(), qPrintable(u"on the service's computer, with %1: %2"_s.arg(habit, heard)));
+        }
+        if (way != Way::TunnelOnly) {
+            const QString heard = run.onceABeat(run.onLan, announcedMs);
+            QVERIFY2(heard.isEmpty(), qPrintable(u"on the LAN: "_s + heard));
+        }
+        QVERIFY2(run.atTheSite.datagrams().isEmpty(),
+                 qPrintable(u"%1 datagrams went toward the radio"_s.arg(run.atTheSite.datagrams().size())));
+        QCOMPARE(run.service.log().count(where), 1); // said once, not at every beat
+    }
+
+    // Interfaces appear, lose their carrier, get it back and go while the service runs.
+    void interfacesThatComeAndGoTakeEffectWithinFiveSeconds()
+    {
+        if (const QString why = whyNoNetworkLayouts(); !why.isEmpty())
+            QSKIP(qPrintable(why));
+        LayoutRun run(Way::TunnelOnly, u"M-1"_s, path(u"moves/config.json"_s));
+        QVERIFY2(run.lab.problems().isEmpty(), qPrintable(run.lab.problems()));
+        QVERIFY(run.radio.listening());
+        BeaconListener onThisComputer(run.clock, boundInside(run.lab, run.layout.host, SO_REUSEPORT));
+        QVERIFY2(run.lab.problems().isEmpty(), qPrintable(run.lab.problems()));
+        const QString onLoopback = u"is announced on this computer only (loopback)."_s;
+        const QString onLan0 = u"is announced on lan0."_s;
+        QTRY_VERIFY2_WITH_TIMEOUT(lastSaidWhere(run.service.log()) == onLoopback, qPrintable(run.service.log()), 10000);
+
+        const std::pair<std::function<void()>, QString> changes[] = {
+            {[&] { joinLan(run.lab, run.layout); }, onLan0},
+            {[&] { run.lab.in(run.layout.lan, {u"link set eth0 down"_s}); }, onLoopback}, // the cable is pulled
+            {[&] { run.lab.in(run.layout.lan, {u"link set eth0 up"_s}); }, onLan0},
+            {[&] { run.lab.in(run.layout.host, {u"link delete lan0"_s}); }, onLoopback},
+        };
+        for (const auto &[change, where] : changes) {
+            change();
+            QVERIFY2(run.lab.problems().isEmpty(), qPrintable(run.lab.problems()));
+            QTRY_VERIFY2_WITH_TIMEOUT(lastSaidWhere(run.service.log()) == where, qPrintable(run.service.log()), 5000);
+            const qint64 fromMs = run.clock.elapsed();
+            QTest::qWait(1000);
+            const QString heard = run.onceABeat(onThisComputer, fromMs);
+            QVERIFY2(heard.isEmpty(), qPrintable(u"on the service's computer, %1 %2"_s.arg(where, heard)));
+            if (where == onLan0) {
+                const QString onTheLan = run.onceABeat(run.onLan, fromMs);
+                QVERIFY2(onTheLan.isEmpty(), qPrintable(u"on the LAN: "_s + onTheLan));
+            }
+        }
+        QCOMPARE(run.service.log().count(u" is announced"_s), 5); // at each change, not at every beat
+        QVERIFY(run.atTheSite.datagrams().isEmpty());
+    }
+
+    // --broadcast replaces the local networks: beacons go there, and nowhere else.
+    void givenDestinationsReplaceTheLocalNetworks()
+    {
+        if (const QString why = whyNoNetworkLayouts(); !why.isEmpty())
+            QSKIP(qPrintable(why));
+        // Any port is free on the host's own loopback; it is bound as soon as the host exists.
+        LayoutRun run(Way::SplitTunnel, u"G-1"_s, path(u"given/config.json"_s), {u"127.0.0.1:4993"_s});
+        BeaconListener given(run.clock, boundInside(run.lab, run.layout.host, SO_REUSEADDR, INADDR_LOOPBACK, 4993));
+        BeaconListener onPort4992(run.clock, boundInside(run.lab, run.layout.host, SO_REUSEADDR));
+        QVERIFY2(run.lab.problems().isEmpty(), qPrintable(run.lab.problems()));
+        QVERIFY(run.radio.listening());
+        QTRY_VERIFY_WITH_TIMEOUT(!given.from(u"G-1"_s).isEmpty(), 10000);
+        const qint64 fromMs = run.clock.elapsed();
+        QTest::qWait(1500);
+        const QString heard = run.onceABeat(given, fromMs);
+        QVERIFY2(heard.isEmpty(), qPrintable(heard));
+        QVERIFY(run.onLan.datagrams().isEmpty());
+        QVERIFY(onPort4992.datagrams().isEmpty());
+        QVERIFY(run.atTheSite.datagrams().isEmpty());
+        QVERIFY2(run.service.log().contains(u"Beacons go to 127.0.0.1:4993."_s), qPrintable(run.service.log()));
+        QVERIFY2(!run.service.log().contains(u" is announced"_s), qPrintable(run.service.log()));
     }
 
     void aRadioCannotOverfillItsBeacon()
