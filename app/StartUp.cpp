@@ -3,6 +3,7 @@
 #include "app/AfterFirstFrame.h"
 #include "app/AppIcon.h"
 #include "app/AppStyle.h"
+#include "platform/SessionBusCheck.h"
 #include "service/UnitChanges.h"
 #include "updates/EmberlaneUpdates.h"
 
@@ -13,6 +14,11 @@
 #include <QPointer>
 #include <QScreen>
 #include <QTimer>
+
+namespace {
+// The check runs beside the application's start and is usually done long before this.
+constexpr int sessionBusWaitMs = 250;
+} // namespace
 
 void AppDelegate::applicationDidFinishLaunching()
 {
@@ -26,6 +32,9 @@ void AppDelegate::applicationDidFinishLaunching()
         return QStringLiteral("Wait for the current service or configuration operation to finish.");
     };
     installAppStyle(); // before the first widget, which takes the style in use
+    // The first menu bar and the first label make Qt connect to the session bus on this thread,
+    // with no time-out.
+    keepQtOffASilentSessionBus(sessionBusWaitMs);
     QMenuBar *menu = buildMenu();
     makeWindow(menu);
     editor = std::make_unique<Draft>();

@@ -1,5 +1,6 @@
 #include "app/AppDelegate.h"
 #include "platform/FontConfigWarmUp.h"
+#include "platform/SessionBusCheck.h"
 #include "platform/SingleInstance.h"
 
 #include <QApplication>
@@ -8,6 +9,7 @@ int main(int argc, char *argv[])
 {
     // The font configuration is read beside the application's own start, not after it.
     FontConfigWarmUp fonts;
+    checkSessionBusInBackground();
     QApplication application(argc, argv);
     QGuiApplication::setApplicationDisplayName(QStringLiteral("Veldspar"));
     QGuiApplication::setDesktopFileName(QStringLiteral("org.kestrum.Veldspar.configure"));

@@ -1,6 +1,10 @@
 #include "platform/UserManager.h"
 
+#include "platform/BusProbe.h"
+#include "platform/SessionBusCheck.h"
+
 #include <QDBusMessage>
+#include <QDeadlineTimer>
 #include <QFileInfo>
 #include <QMutex>
 
@@ -20,10 +24,11 @@ const QString &peerConnectionName()
     return name;
 }
 
+// Never destroyed: a status check may still be connecting, holding it, when the process ends.
 QMutex &connectionLock()
 {
-    static QMutex lock;
-    return lock;
+    static QMutex *lock = new QMutex;
+    return *lock;
 }
 
 // Which of the two connections is the manager's now. Read without the lock, which a connection
@@ -75,12 +80,21 @@ void forgetConnections()
     route = Route::None;
 }
 
+// Whether Qt may be asked to connect: it does so on its one D-Bus thread without a time-out, and
+// an endpoint that never answers would hold that thread, and with it the main thread's every
+// look at a connection and the end of the process. A kind of address the probe does not speak
+// is left to Qt.
+bool answersInTime(const QString &address, BusKind kind)
+{
+    return probeBus(address, kind, QDeadlineTimer(userManagerCallTimeoutMs)) != BusAnswer::Silent;
+}
+
 // The session bus, when the manager is on it. Asking Qt to connect to a socket that is not
 // there costs a round trip to its D-Bus thread, so a plainly missing one is not tried.
 bool connectThroughTheBus()
 {
     const QString address = userBusAddress();
-    if (socketIsMissing(address))
+    if (socketIsMissing(address) || !answersInTime(address, BusKind::MessageBus))
         return false;
     const QDBusConnection bus = QDBusConnection::connectToBus(address, busConnectionName());
     if (bus.isConnected() && managerIsOn(bus))
@@ -108,7 +122,7 @@ bool peerAnswers(const QDBusConnection &peer)
 bool connectToTheManagersSocket()
 {
     const QString address = userManagerSocketAddress();
-    if (socketIsMissing(address))
+    if (socketIsMissing(address) || !answersInTime(address, BusKind::Peer))
         return false;
     const QDBusConnection peer = QDBusConnection::connectToPeer(address, peerConnectionName());
     if (peer.isConnected() && peerAnswers(peer))
@@ -120,6 +134,9 @@ bool connectToTheManagersSocket()
 
 QString userBusAddress()
 {
+    const QString hidden = hiddenSessionBusAddress();
+    if (!hidden.isEmpty())
+        return hidden; // still the user's bus, only hidden from Qt's own services
     const QString session = qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS");
     if (!session.isEmpty())
         return session;

@@ -227,6 +227,18 @@ void TestWorld::stopUserBus()
     QFile::remove(runtimeDir() + QStringLiteral("/systemd/private"));
 }
 
+void TestWorld::pauseUserBus() const
+{
+    QVERIFY(m_bus && m_bus->processId() > 0);
+    QCOMPARE(::kill(pid_t(m_bus->processId()), SIGSTOP), 0);
+}
+
+void TestWorld::resumeUserBus() const
+{
+    if (m_bus && m_bus->processId() > 0)
+        ::kill(pid_t(m_bus->processId()), SIGCONT);
+}
+
 void TestWorld::moveUserManagerToItsSocket(Bus bus)
 {
     disconnectUserManager();

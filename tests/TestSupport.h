@@ -85,6 +85,10 @@ public:
     QList<QStringList> systemdCalls() const;
     // Ends the world's user bus and its manager: the app finds no bus at all.
     void stopUserBus();
+    // Stops the bus daemon with SIGSTOP, as a hung bus: connections are taken into its queue
+    // and never answered. resumeUserBus() lets it go on (SIGCONT).
+    void pauseUserBus() const;
+    void resumeUserBus() const;
     // The manager leaves the bus and answers on its own socket, $XDG_RUNTIME_DIR/systemd/private,
     // only: with the bus kept, as in a session started with dbus-launch; without, as with no
     // session bus at all.

@@ -9,6 +9,7 @@
 #include "app/Fonts.h"
 #include "app/ServiceButton.h"
 #include "app/StatusLabel.h"
+#include "platform/Background.h"
 #include "platform/WindowTitle.h"
 #include "updates/EmberlaneUpdates.h"
 
@@ -369,6 +370,7 @@ private Q_SLOTS:
     // Controller and gate.
     void whileSavingOnlyReloadAndShowFilesAct();
     void closingTheWindowQuits();
+    void theWindowShowsWhileTheUserBusHangs();
     void secondStartBringsTheFirstForwardAndLeaves();
     void theAppStartsWithoutTheUpdateLibrariesOrImagePlugins();
     void theUpdateEngineWaitsForTheFirstFrame();
@@ -723,6 +725,26 @@ void AppShellTest::closingTheWindowQuits()
     QCOMPARE(lastClosed.size(), 1);
     QCOMPARE(quitting.size(), 1);
     QVERIFY(!app.window()->isVisible());
+}
+
+// Run on X11 by ctest as well, alone: there the first menu bar (looking for a global menu) and
+// the first label (telling the accessibility bridge) make Qt connect to the session bus.
+void AppShellTest::theWindowShowsWhileTheUserBusHangs()
+{
+    TestWorld world;
+    world.writeUnitFile(u"org.kestrum.Veldspar"_s);
+    world.pauseUserBus();
+    const auto resume = qScopeGuard([&world] { world.resumeUserBus(); });
+    {
+        RunningApp app(world);
+        QVERIFY(QTest::qWaitForWindowExposed(app.window(), 5000));
+        // The status check gives up on the silent bus like on a missing one.
+        QVERIFY(app.waitForServiceStatus());
+        QCOMPARE(app.window()->findChild<QLabel *>(u"serviceState"_s)->text(), u"\u25CF Status unavailable"_s);
+        // The next check is connecting again when the app goes.
+        QTRY_VERIFY_WITH_TIMEOUT(backgroundPool().activeThreadCount() > 0, 10000);
+    }
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
 }
 
 void AppShellTest::secondStartBringsTheFirstForwardAndLeaves()

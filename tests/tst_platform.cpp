@@ -2,6 +2,7 @@
 
 #include "platform/Background.h"
 #include "platform/Bundle.h"
+#include "platform/BusProbe.h"
 #include "platform/Error.h"
 #include "platform/Files.h"
 #include "platform/Json.h"
@@ -19,6 +20,7 @@
 #include <QJsonArray>
 #include <QLocalSocket>
 #include <QProcess>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QThread>
 #include <QtTest>
@@ -28,6 +30,7 @@
 #include <fcntl.h>
 #include <future>
 #include <latch>
+#include <thread>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -61,6 +64,7 @@ Claim claimFromAnotherThread(const QString &name)
         QTest::qWait(10);
     return claim.get(); // the claim ends on its own within its ten seconds
 }
+
 } // namespace
 
 class PlatformTest : public QObject
@@ -132,6 +136,55 @@ private Q_SLOTS:
         QDir().mkpath(world.runtimeDir() + QStringLiteral("/systemd"));
         writeTestFile(world.runtimeDir() + QStringLiteral("/systemd/private"), {});
         QVERIFY(!userManagerIsMissing());
+    }
+
+    void busProbeTellsAnAnsweringBusFromAHungOne()
+    {
+        TestWorld world;
+        const QString bus = userBusAddress();
+        QCOMPARE(probeBus(bus, BusKind::MessageBus, QDeadlineTimer(5000)), BusAnswer::Answered);
+        QCOMPARE(probeBus(bus, BusKind::Peer, QDeadlineTimer(5000)), BusAnswer::Answered);
+        // The first address that takes the connection decides.
+        QCOMPARE(probeBus(QStringLiteral("unix:path=") + world.root() + QStringLiteral("/nothing;") + bus, BusKind::MessageBus, QDeadlineTimer(5000)),
+                 BusAnswer::Answered);
+        QCOMPARE(probeBus(QStringLiteral("tcp:host=localhost,port=1"), BusKind::MessageBus, QDeadlineTimer(5000)), BusAnswer::Unknown);
+
+        world.pauseUserBus();
+        const auto resume = qScopeGuard([&world] { world.resumeUserBus(); });
+        QDeadlineTimer deadline(300);
+        QCOMPARE(probeBus(bus, BusKind::MessageBus, deadline), BusAnswer::Silent);
+        QVERIFY(deadline.hasExpired());
+    }
+
+    void busProbeCountsABusThatAuthenticatesButNeverAnswersAsSilent()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("bus"));
+        const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        QVERIFY(listener >= 0);
+        const auto closeListener = qScopeGuard([listener] { ::close(listener); });
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        const QByteArray name = QFile::encodeName(path);
+        std::memcpy(address.sun_path, name.constData(), size_t(name.size()));
+        QCOMPARE(::bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof(address)), 0);
+        QCOMPARE(::listen(listener, 4), 0);
+        // Accepts the probe, says OK to its authentication and then nothing more.
+        std::thread daemon([listener] {
+            const int client = ::accept(listener, nullptr, nullptr);
+            if (client < 0)
+                return;
+            char buffer[256];
+            ::recv(client, buffer, sizeof(buffer), 0);
+            const char ok[] = "OK 0123456789abcdef0123456789abcdef\r\n";
+            ::send(client, ok, sizeof(ok) - 1, MSG_NOSIGNAL);
+            QThread::msleep(1500);
+            ::close(client);
+        });
+        QDeadlineTimer deadline(500);
+        QCOMPARE(probeBus(QStringLiteral("unix:path=") + path, BusKind::MessageBus, deadline), BusAnswer::Silent);
+        QVERIFY(deadline.hasExpired());
+        daemon.join();
     }
 
     void userManagerSocketIsInTheRuntimeFolder()
