@@ -1,6 +1,6 @@
 #include "platform/SingleInstance.h"
 
-#include "platform/PrivateFolder.h"
+#include "platform/InstanceFolder.h"
 
 #include <QDeadlineTimer>
 #include <QDir>
@@ -246,14 +246,17 @@ SingleInstance::~SingleInstance()
 
 QString SingleInstance::defaultServerName()
 {
-    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
-    if (isPrivateRuntimeFolder(runtime))
-        return QDir::cleanPath(runtime) + QStringLiteral("/org.kestrum.Veldspar.configure.socket");
-    return QDir::tempPath() + QStringLiteral("/org.kestrum.Veldspar.configure-%1.socket").arg(::geteuid());
+    // Each test world has a root of its own; as shipped the folders are the system's.
+    const QString folder = instanceFolder(qEnvironmentVariable("VELDSPAR_ROOT_FOR_TESTING", QStringLiteral("/")));
+    return folder.isEmpty() ? QString() : folder + QStringLiteral("/org.kestrum.Veldspar.configure.socket");
 }
 
 SingleInstance::Claim SingleInstance::claim(int timeoutMs)
 {
+    if (m_name.isEmpty()) {
+        qWarning("Veldspar has no place of this user's own to look for its running copy; starting anyway.");
+        return Claim::Primary;
+    }
     const QDeadlineTimer deadline(timeoutMs);
     // Looking for a running copy and taking the name over happen under one lock, so that of two
     // starts that find the same stale socket, the second finds the first one listening.

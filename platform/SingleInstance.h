@@ -6,7 +6,7 @@
 class QDeadlineTimer;
 class QSocketNotifier;
 
-// One copy of the app per user and session. The first copy listens on a local socket; a later
+// One copy of the app per user. The first copy listens on a local socket; a later
 // start connects to it, asks it to come forward and leaves. Every wait is bounded. Plain Unix
 // sockets rather than Qt Network, which the app does not load until its window is up.
 class SingleInstance : public QObject
@@ -27,8 +27,8 @@ public:
     // A socket left by a copy that crashed is taken over; two starts at once yield one Primary.
     Claim claim(int timeoutMs = 5000);
 
-    // The socket's path: in $XDG_RUNTIME_DIR when that folder is private to this user, else a
-    // name carrying the user id in the temporary folder.
+    // The socket's path, the same for every start of this user's, in instanceFolder(); empty
+    // when there is no such folder to be trusted, and then every start runs on its own.
     static QString defaultServerName();
 
 Q_SIGNALS:

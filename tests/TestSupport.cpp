@@ -38,6 +38,7 @@
 #include <cmath>
 #include <csignal>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 
 void writeTestFile(const QString &path, const QByteArray &bytes)
 {
@@ -75,6 +76,11 @@ TestWorld::TestWorld() : m_oldHome(qgetenv("HOME")), m_oldTmp(qgetenv("TMPDIR"))
         m_oldRuntime = qgetenv("XDG_RUNTIME_DIR");
     if (qEnvironmentVariableIsSet("DBUS_SESSION_BUS_ADDRESS"))
         m_oldBusAddress = qgetenv("DBUS_SESSION_BUS_ADDRESS");
+    if (qEnvironmentVariableIsSet("VELDSPAR_ROOT_FOR_TESTING"))
+        m_oldSystemRoot = qgetenv("VELDSPAR_ROOT_FOR_TESTING");
+    QDir().mkpath(systemRoot() + QStringLiteral("/tmp"));
+    ::chmod(QFile::encodeName(systemRoot() + QStringLiteral("/tmp")).constData(), 01777);
+    qputenv("VELDSPAR_ROOT_FOR_TESTING", QFile::encodeName(systemRoot()));
     QDir().mkpath(home());
     QDir().mkpath(tempDir());
     QDir().mkdir(runtimeDir(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
@@ -122,6 +128,10 @@ TestWorld::~TestWorld()
         qputenv("DBUS_SESSION_BUS_ADDRESS", *m_oldBusAddress);
     else
         qunsetenv("DBUS_SESSION_BUS_ADDRESS");
+    if (m_oldSystemRoot)
+        qputenv("VELDSPAR_ROOT_FOR_TESTING", *m_oldSystemRoot);
+    else
+        qunsetenv("VELDSPAR_ROOT_FOR_TESTING");
 }
 
 namespace {
@@ -257,6 +267,7 @@ void TestWorld::moveUserManagerToItsSocket(Bus bus)
 QString TestWorld::home() const { return root() + QStringLiteral("/home"); }
 QString TestWorld::tempDir() const { return root() + QStringLiteral("/tmp"); }
 QString TestWorld::runtimeDir() const { return root() + QStringLiteral("/run"); }
+QString TestWorld::systemRoot() const { return root() + QStringLiteral("/fs"); } // short: a socket path has 107 bytes
 QString TestWorld::bundle() const { return m_bundle; }
 QString TestWorld::binFolder() const { return root() + QStringLiteral("/bin"); }
 QString TestWorld::resources() const { return bundle() + QStringLiteral("/Resources"); }

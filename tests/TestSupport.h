@@ -42,6 +42,9 @@ public:
     QString home() const;
     QString tempDir() const;
     QString runtimeDir() const; // XDG_RUNTIME_DIR, made 0700 as a login session makes it
+    // Stands for / where the app looks for its running copy: holds tmp/ (mode 1777) and, when a
+    // test makes it, run/user/<uid>.
+    QString systemRoot() const;
     QString bundle() const;
     QString resources() const;
     QString configPath() const;
@@ -135,6 +138,7 @@ private:
     QByteArray m_oldHome;
     QByteArray m_oldTmp;
     std::optional<QByteArray> m_oldRuntime;
+    std::optional<QByteArray> m_oldSystemRoot;
 };
 
 struct ShownDialog

@@ -10,6 +10,7 @@
 #include "app/ServiceButton.h"
 #include "app/StatusLabel.h"
 #include "platform/Background.h"
+#include "platform/SingleInstance.h"
 #include "platform/WindowTitle.h"
 #include "updates/EmberlaneUpdates.h"
 
@@ -759,7 +760,8 @@ void AppShellTest::secondStartBringsTheFirstForwardAndLeaves()
     });
     QVERIFY(first.waitForStarted(10000));
     // The first copy is up once later starts can reach it.
-    const QString socket = world.runtimeDir() + u"/org.kestrum.Veldspar.configure.socket"_s;
+    const QString socket = SingleInstance::defaultServerName();
+    QVERIFY(!socket.isEmpty());
     QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(socket) || first.state() != QProcess::Running, 30000);
     QCOMPARE(first.state(), QProcess::Running);
 

@@ -33,6 +33,7 @@
 #include <thread>
 #include <sys/file.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -628,16 +629,84 @@ private Q_SLOTS:
         QCOMPARE(asked.count(), 1);
     }
 
-    void serverNameBelongsToThisUserAndSession()
+    void everyStartOfThisUserMeetsInOnePlace_data()
     {
+        QTest::addColumn<bool>("runtimeFolder");
+        QTest::newRow("in /run/user/<uid>") << true;
+        QTest::newRow("in its own folder in /tmp") << false;
+    }
+
+    void everyStartOfThisUserMeetsInOnePlace()
+    {
+        QFETCH(bool, runtimeFolder);
         TestWorld world;
-        QCOMPARE(SingleInstance::defaultServerName(), world.runtimeDir() + QStringLiteral("/org.kestrum.Veldspar.configure.socket"));
-        // A runtime folder others may enter is not trusted; the user id keeps the name apart.
-        QVERIFY(QFile::setPermissions(world.runtimeDir(), QFile::permissions(world.runtimeDir()) | QFile::ExeOther));
-        const QString byUser = world.tempDir() + QStringLiteral("/org.kestrum.Veldspar.configure-%1.socket").arg(::geteuid());
-        QCOMPARE(SingleInstance::defaultServerName(), byUser);
+        const QString userRuntime = world.systemRoot() + QStringLiteral("/run/user/%1").arg(::geteuid());
+        if (runtimeFolder)
+            QVERIFY(QDir().mkpath(userRuntime) && QFile::setPermissions(userRuntime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        const QString folder = runtimeFolder ? userRuntime
+                                             : world.systemRoot() + QStringLiteral("/tmp/org.kestrum.Veldspar.configure-%1").arg(::geteuid());
+        SingleInstance first;
+        QSignalSpy asked(&first, &SingleInstance::activationRequested);
+        QCOMPARE(first.claim(), Claim::Primary);
+        QVERIFY(QFileInfo::exists(folder + QStringLiteral("/org.kestrum.Veldspar.configure.socket")));
+        struct stat info;
+        QCOMPARE(::lstat(QFile::encodeName(folder).constData(), &info), 0);
+        QCOMPARE(info.st_mode & 07777, mode_t(0700));
+
+        // A start from a terminal without the session's runtime folder finds the same copy.
+        QCOMPARE(claimFromAnotherThread(SingleInstance::defaultServerName()), Claim::RaisedRunningCopy);
         qunsetenv("XDG_RUNTIME_DIR");
-        QCOMPARE(SingleInstance::defaultServerName(), byUser);
+        QCOMPARE(claimFromAnotherThread(SingleInstance::defaultServerName()), Claim::RaisedRunningCopy);
+        QCOMPARE(asked.count(), 2);
+    }
+
+    void aFolderThisUserDidNotMakeAloneIsNotTrusted_data()
+    {
+        QTest::addColumn<QString>("made");
+        QTest::addColumn<QString>("why");
+        QTest::newRow("another account's") << QStringLiteral("nobody's") << QStringLiteral("it belongs to another account");
+        QTest::newRow("open to everyone") << QStringLiteral("0777") << QStringLiteral("other accounts may enter it");
+        QTest::newRow("a link") << QStringLiteral("link") << QStringLiteral("it is not a folder");
+    }
+
+    void aFolderThisUserDidNotMakeAloneIsNotTrusted()
+    {
+        QFETCH(QString, made);
+        QFETCH(QString, why);
+        TestWorld world;
+        // Made first by someone else, with a lock inside that they hold: trusted, it would hold
+        // every start back until the wait for the lock ran out.
+        const QString folder = world.systemRoot() + QStringLiteral("/tmp/org.kestrum.Veldspar.configure-%1").arg(::geteuid());
+        const QString real = made == QStringLiteral("link") ? world.root() + QStringLiteral("/elsewhere") : folder;
+        QVERIFY(QDir().mkdir(real));
+        if (made == QStringLiteral("link"))
+            QVERIFY(QFile::link(real, folder));
+        const QString lockPath = real + QStringLiteral("/org.kestrum.Veldspar.configure.socket.lock");
+        const int holder = ::open(QFile::encodeName(lockPath).constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+        QVERIFY(holder >= 0);
+        const auto closeHolder = qScopeGuard([holder] { ::close(holder); });
+        QCOMPARE(::flock(holder, LOCK_EX | LOCK_NB), 0);
+        const QByteArray realName = QFile::encodeName(real);
+        QCOMPARE(::chmod(realName.constData(), made == QStringLiteral("link") ? 0700 : 0777), 0);
+        if (made == QStringLiteral("nobody's")) {
+            QCOMPARE(::chown(realName.constData(), 65534, 65534), 0);
+            QCOMPARE(::chmod(realName.constData(), 0700), 0);
+            QCOMPARE(::chown(QFile::encodeName(lockPath).constData(), 65534, 65534), 0);
+        }
+
+        const QRegularExpression passedOver(QStringLiteral("^Veldspar does not look for its running copy in .*/tmp/org\\.kestrum\\.Veldspar\\.configure-%1: %2\\.$")
+                                                .arg(::geteuid()).arg(QRegularExpression::escape(why)));
+        QTest::ignoreMessage(QtWarningMsg, passedOver);
+        QCOMPARE(SingleInstance::defaultServerName(), QString());
+
+        QTest::ignoreMessage(QtWarningMsg, passedOver);
+        QTest::ignoreMessage(QtWarningMsg, "Veldspar has no place of this user's own to look for its running copy; starting anyway.");
+        QElapsedTimer took;
+        took.start();
+        SingleInstance start;
+        QCOMPARE(start.claim(), Claim::Primary);
+        QVERIFY2(took.elapsed() < 4000, "the start waited for a lock another account holds");
+        QVERIFY(!QFileInfo::exists(real + QStringLiteral("/org.kestrum.Veldspar.configure.socket")));
     }
 
     void supportFolderFollowsHome()
