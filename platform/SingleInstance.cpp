@@ -33,6 +33,18 @@ constexpr int requestWaitMs = 5000;
 // How long a copy that holds the socket may take to accept a connection.
 constexpr int connectWaitMs = 1000;
 constexpr int backlog = 16;
+// Requests served at once; more are closed as they come. Each holds a descriptor for up to
+// requestWaitMs.
+constexpr int mostRequests = 8;
+// How long the listener rests when the process has no descriptor left for a connection.
+constexpr int restMs = 250;
+
+// Whether accept failed for want of descriptors or memory, which lasts a while: the connection
+// stays queued and the socket readable, so asking again at once would fail again and again.
+bool outOfResources(int error)
+{
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
 
 int remainingMs(const QDeadlineTimer &deadline)
 {
@@ -323,10 +335,21 @@ void SingleInstance::acceptRequests()
         if (connection < 0) {
             if (errno == EINTR)
                 continue;
+            if (outOfResources(errno))
+                rest();
             return; // none left (or a connection that gave up before it was taken)
         }
-        answer(connection);
+        if (m_requests >= mostRequests)
+            ::close(connection);
+        else
+            answer(connection);
     }
+}
+
+void SingleInstance::rest()
+{
+    m_listening->setEnabled(false);
+    QTimer::singleShot(restMs, m_listening, [listening = m_listening] { listening->setEnabled(true); });
 }
 
 void SingleInstance::answer(int connection)
@@ -335,8 +358,10 @@ void SingleInstance::answer(int connection)
         ::close(connection);
         return;
     }
-    new Request(connection, [this] {
+    auto *request = new Request(connection, [this] {
         qInfo("Another start of Veldspar asked this copy to come forward.");
         Q_EMIT activationRequested();
     }, this);
+    ++m_requests;
+    connect(request, &QObject::destroyed, this, [this] { --m_requests; });
 }

@@ -39,9 +39,11 @@ private:
     Claim askRunningCopy(const QDeadlineTimer &deadline) const;
     void listen();
     void acceptRequests();
+    void rest();
     void answer(int connection);
 
     QString m_name;
     int m_listener = -1;
     QSocketNotifier *m_listening = nullptr;
+    int m_requests = 0; // being served now
 };

@@ -35,6 +35,9 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace {
@@ -66,6 +69,38 @@ Claim claimFromAnotherThread(const QString &name)
     return claim.get(); // the claim ends on its own within its ten seconds
 }
 
+// A client socket connected to the name; -1 when it cannot be.
+int connectTo(const QString &name)
+{
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    const QByteArray path = QFile::encodeName(name);
+    std::memcpy(address.sun_path, path.constData(), size_t(path.size()));
+    if (fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0)
+        return fd;
+    if (fd >= 0)
+        ::close(fd);
+    return -1;
+}
+
+// Whether the other end closed the connection within the time.
+bool closedByPeer(int fd, int withinMs)
+{
+    pollfd watched = {fd, POLLIN, 0};
+    if (::poll(&watched, 1, withinMs) <= 0)
+        return false;
+    char byte;
+    return ::recv(fd, &byte, 1, MSG_DONTWAIT) == 0;
+}
+
+// CPU time this thread has used, in milliseconds.
+qint64 threadCpuMs()
+{
+    timespec used = {};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+    return qint64(used.tv_sec) * 1000 + used.tv_nsec / 1000000;
+}
 } // namespace
 
 class PlatformTest : public QObject
@@ -627,6 +662,86 @@ private Q_SLOTS:
         // The copy still answers the next start.
         QCOMPARE(claimFromAnotherThread(name), Claim::RaisedRunningCopy);
         QCOMPARE(asked.count(), 1);
+    }
+
+    void aListenerOutOfDescriptorsRestsAndServesAgain()
+    {
+        QTemporaryDir dir;
+        const QString name = dir.filePath(QStringLiteral("instance.socket"));
+        SingleInstance first(name);
+        QSignalSpy asked(&first, &SingleInstance::activationRequested);
+        QCOMPARE(first.claim(), Claim::Primary);
+
+        // Every descriptor in use (the limit lowered to what is open), then starts knock.
+        rlimit limit = {};
+        QCOMPARE(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+        std::vector<int> clients;
+        for (int i = 0; i < 4; ++i)
+            clients.push_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        std::vector<int> filler;
+        const auto giveBack = qScopeGuard([&] {
+            for (const int fd : filler)
+                ::close(fd);
+            ::setrlimit(RLIMIT_NOFILE, &limit);
+            for (const int fd : clients)
+                ::close(fd);
+        });
+        rlimit lowered = limit;
+        lowered.rlim_cur = rlim_t(clients.back() + 64);
+        QCOMPARE(::setrlimit(RLIMIT_NOFILE, &lowered), 0);
+        for (int fd = ::dup(clients.back()); fd >= 0; fd = ::dup(clients.back()))
+            filler.push_back(fd);
+        QCOMPARE(errno, EMFILE);
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        const QByteArray path = QFile::encodeName(name);
+        std::memcpy(address.sun_path, path.constData(), size_t(path.size()));
+        for (const int fd : clients)
+            QCOMPARE(::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)), 0);
+
+        // Turning over and over, accept would keep this thread busy most of the second.
+        const qint64 before = threadCpuMs();
+        QTest::qWait(1000);
+        const qint64 used = threadCpuMs() - before;
+        QVERIFY2(used < 300, qPrintable(QStringLiteral("%1 ms of CPU in one second").arg(used)));
+
+        // With descriptors free again, the copy serves the next start.
+        for (const int fd : filler)
+            ::close(fd);
+        filler.clear();
+        QCOMPARE(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+        for (const int fd : clients)
+            ::close(fd);
+        clients.clear();
+        QCOMPARE(claimFromAnotherThread(name), Claim::RaisedRunningCopy);
+        QCOMPARE(asked.count(), 1);
+    }
+
+    void aListenerServesAFewConnectionsAtOnceAndClosesTheRest()
+    {
+        QTemporaryDir dir;
+        const QString name = dir.filePath(QStringLiteral("instance.socket"));
+        SingleInstance first(name);
+        QCOMPARE(first.claim(), Claim::Primary);
+
+        // Connections that say nothing, each held for the request's whole wait.
+        std::vector<int> clients;
+        const auto closeClients = qScopeGuard([&clients] {
+            for (const int fd : clients)
+                ::close(fd);
+        });
+        for (int i = 0; i < 12; ++i) {
+            clients.push_back(connectTo(name));
+            QVERIFY(clients.back() >= 0);
+            QTest::qWait(20); // taken in turn
+        }
+        QTest::qWait(200);
+        int closed = 0;
+        for (const int fd : clients)
+            closed += closedByPeer(fd, 0) ? 1 : 0;
+        QCOMPARE(closed, 4);
+        for (int i = 0; i < 8; ++i)
+            QVERIFY(!closedByPeer(clients.at(size_t(i)), 0));
     }
 
     void everyStartOfThisUserMeetsInOnePlace_data()
