@@ -6,7 +6,8 @@
 #include "daemon/Failure.h"
 #include "daemon/FolderLock.h"
 #include "daemon/Log.h"
-#include "daemon/RegularFile.h"
+#include "platform/ConfigurationLimit.h"
+#include "platform/RegularFile.h"
 
 #include <QDir>
 #include <QFile>
@@ -23,7 +24,7 @@ constexpr int lockWaitMs = 10000;
 
 QByteArray readImported(const QString &file)
 {
-    const FileContents contents = readRegularFile(file, largestConfiguration);
+    const FileContents contents = readRegularFile(file, largestConfigurationFile);
     if (contents.problem != FileContents::Problem::None)
         throw Failure{contents.message};
     return contents.bytes;
@@ -45,7 +46,7 @@ QString fileToReplace(const QString &configPath)
 // The bytes now at target, or nothing when there is no file yet.
 std::optional<QByteArray> currentConfiguration(const QString &target)
 {
-    const FileContents current = readRegularFile(target, largestConfiguration);
+    const FileContents current = readRegularFile(target, largestConfigurationFile);
     if (current.problem == FileContents::Problem::Missing)
         return std::nullopt;
     if (current.problem == FileContents::Problem::Unreadable)
