@@ -9,6 +9,7 @@
 #include "platform/ConfigurationLimit.h"
 #include "platform/RegularFile.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -84,10 +85,11 @@ QString replaceConfiguration(const QString &configPath, const QByteArray &bytes)
         throw Failure{u"Cannot back up the current configuration: cannot create the folder %1."_s.arg(
             QDir::toNativeSeparators(backups))};
     QString backup;
+    const QDateTime now = QDateTime::currentDateTimeUtc();
     try {
         PendingFile next(target, bytes);
         if (current)
-            backup = writeBackup(backups, *current);
+            backup = writeBackup(backups, *current, now);
         next.commit();
     } catch (const Failure &) {
         if (!backup.isEmpty())
@@ -97,7 +99,7 @@ QString replaceConfiguration(const QString &configPath, const QByteArray &bytes)
         throw;
     }
     if (current)
-        pruneBackups(backups, keptBackups, QFileInfo(backup).fileName());
+        pruneBackups(backups, now, keptBackups, QFileInfo(backup).fileName());
     return backup;
 }
 } // namespace
