@@ -1,6 +1,7 @@
 #include "config/ConfigFile.h"
 
 #include "config/ConfigDocument.h"
+#include "platform/ConfigurationLimit.h"
 #include "platform/Error.h"
 
 #include <QFile>
@@ -20,12 +21,12 @@ QJsonObject readConfigurationFile(const QString &path)
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         throw Error::fromFile(file, path);
-    const QByteArray bytes = file.read(configurationFileLimit + 1);
+    const QByteArray bytes = file.read(largestConfigurationFile + 1);
     if (file.error() != QFileDevice::NoError)
         throw Error::fromFile(file, path);
-    if (bytes.size() > configurationFileLimit)
+    if (bytes.size() > largestConfigurationFile)
         throw fileError(QFileDevice::ReadError, path,
                         QStringLiteral("The file is larger than %1 MB, too large for a radio configuration")
-                            .arg(configurationFileLimit / (1024 * 1024)));
+                            .arg(largestConfigurationFile / (1024 * 1024)));
     return parseConfiguration(bytes);
 }

@@ -4,7 +4,8 @@
 #include "app/RadioTable.h"
 #include "app/ServiceButton.h"
 #include "app/StatusLabel.h"
-#include "platform/Files.h"
+#include "platform/ConfigurationLimit.h"
+#include "platform/RegularFile.h"
 
 #include <QCheckBox>
 #include <QDesktopServices>
@@ -17,11 +18,12 @@ namespace {
 // The file's text, or nothing when it is missing, unreadable or not UTF-8.
 std::optional<QString> readUtf8File(const QString &path)
 {
-    const std::optional<QByteArray> bytes = readWholeFile(path);
-    if (!bytes)
+    // Bounded and never waiting: a FIFO, a device or a huge file in its place reads as unreadable.
+    const FileContents contents = readRegularFile(path, largestConfigurationFile);
+    if (contents.problem != FileContents::Problem::None)
         return std::nullopt;
     QStringDecoder decoder(QStringDecoder::Utf8);
-    QString text = decoder(*bytes);
+    QString text = decoder(contents.bytes);
     if (decoder.hasError())
         return std::nullopt;
     return text;

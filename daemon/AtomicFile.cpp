@@ -40,16 +40,9 @@ bool writeAll(int fd, const QByteArray &bytes)
     return true;
 }
 
-// New files get the usual mode for the user's umask; a replaced file keeps its own.
-mode_t modeFor(const QByteArray &path)
-{
-    struct stat existing{};
-    if (::stat(path.constData(), &existing) == 0)
-        return existing.st_mode & 07777;
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    return 0666 & ~mask;
-}
+// Configurations and their backups say where the user's radios are: for the user's eyes alone,
+// whatever the umask, and a replaced file too.
+constexpr mode_t privateMode = 0600;
 
 void syncFolder(const QString &folder)
 {
@@ -77,7 +70,7 @@ PendingFile::PendingFile(const QString &path, const QByteArray &bytes) : m_path(
     if (fd < 0)
         cannotWrite(path, errno);
 
-    const bool written = writeAll(fd, bytes) && ::fchmod(fd, modeFor(m_target)) == 0 && ::fsync(fd) == 0;
+    const bool written = writeAll(fd, bytes) && ::fchmod(fd, privateMode) == 0 && ::fsync(fd) == 0;
     const int writeError = errno;
     if (::close(fd) != 0 || !written) {
         const int error = written ? errno : writeError;
@@ -102,7 +95,7 @@ void PendingFile::commit()
     syncFolder(QFileInfo(m_path).absolutePath());
 }
 
-void writeFileAtomically(const QString &path, const QByteArray &bytes)
+void replaceFileAtomically(const QString &path, const QByteArray &bytes)
 {
     PendingFile file(path, bytes);
     file.commit();

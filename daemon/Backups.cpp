@@ -6,7 +6,9 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QMap>
 #include <QRegularExpression>
+#include <QSet>
 
 #include <algorithm>
 
@@ -34,6 +36,23 @@ QStringList backupsOldestFirst(const QString &folder)
             backups << name;
     return backups;
 }
+
+// The newest backup of each of the last backupDays days up to now's.
+QSet<QString> newestOfEachRecentDay(const QStringList &oldestFirst, const QDateTime &now)
+{
+    const QDate today = now.toUTC().date();
+    const QDate firstDay = today.addDays(1 - backupDays);
+    QMap<QDate, QString> newestOfDay;
+    for (const QString &name : oldestFirst) {
+        const QDate day = timeOf(name).date();
+        if (day.isValid() && day >= firstDay && day <= today)
+            newestOfDay.insert(day, name); // a later one of the same day replaces it
+    }
+    QSet<QString> newest;
+    for (const QString &name : std::as_const(newestOfDay))
+        newest.insert(name);
+    return newest;
+}
 } // namespace
 
 QString backupFolderFor(const QString &configPath) { return QFileInfo(configPath).absolutePath() + u'/' + backupFolderName; }
@@ -59,18 +78,24 @@ QString writeBackup(const QString &folder, const QByteArray &bytes, const QDateT
 {
     const QString backup = nextBackupPath(folder, now);
     try {
-        writeFileAtomically(backup, bytes);
+        replaceFileAtomically(backup, bytes);
     } catch (const Failure &failure) {
         throw Failure{u"Cannot back up the current configuration: "_s + failure.message};
     }
     return backup;
 }
 
-void pruneBackups(const QString &folder, int keep, const QString &spared)
+void pruneBackups(const QString &folder, const QDateTime &now, int keep, const QString &spared)
 {
-    QStringList backups = backupsOldestFirst(folder);
-    backups.removeAll(spared);
-    const int keepOthers = spared.isEmpty() || !QFileInfo::exists(folder + u'/' + spared) ? keep : keep - 1;
-    while (backups.size() > std::max(keepOthers, 0))
-        QFile::remove(folder + u'/' + backups.takeFirst());
+    const QStringList backups = backupsOldestFirst(folder);
+    QSet<QString> kept = newestOfEachRecentDay(backups, now);
+    if (!backups.isEmpty())
+        kept.insert(backups.first());
+    for (qsizetype i = std::max<qsizetype>(backups.size() - keep, 0); i < backups.size(); ++i)
+        kept.insert(backups.at(i));
+    if (!spared.isEmpty())
+        kept.insert(spared);
+    for (const QString &name : backups)
+        if (!kept.contains(name))
+            QFile::remove(folder + u'/' + name);
 }

@@ -4,7 +4,12 @@
 #include <QDateTime>
 #include <QString>
 
+// Which backups are kept, so that no configuration the user ever had is pruned away for good
+// (one the app could not read, say, and then saved over): the newest keptBackups, the oldest of
+// all, and the newest of each of the last backupDays days (UTC days, as in the names, today
+// being the clock's); and never the one just written.
 inline constexpr int keptBackups = 20;
+inline constexpr int backupDays = 30;
 
 // The folder "backups" beside the configuration at configPath.
 QString backupFolderFor(const QString &configPath);
@@ -23,6 +28,6 @@ QString nextBackupPath(const QString &folder, const QDateTime &now);
 QString writeBackup(const QString &folder, const QByteArray &bytes,
                     const QDateTime &now = QDateTime::currentDateTimeUtc());
 
-// Deletes the oldest backups in folder until at most keep remain, never the one named spared;
-// other files are left alone.
-void pruneBackups(const QString &folder, int keep = keptBackups, const QString &spared = {});
+// Deletes the backups in folder that none of the rules above keeps, with now as the clock's
+// time and spared as the one just written; other files are left alone.
+void pruneBackups(const QString &folder, const QDateTime &now, int keep = keptBackups, const QString &spared = {});

@@ -9,8 +9,6 @@
 inline constexpr int defaultBroadcastIntervalMs = 3000;
 inline constexpr int shortestBroadcastIntervalMs = 250;
 inline constexpr int longestBroadcastIntervalMs = 60000;
-// Far beyond any real configuration; keeps a file picked by mistake from being read whole.
-inline constexpr qint64 largestConfiguration = 16 * 1024 * 1024;
 
 // One entry of "radios", as the service uses it.
 struct ConfiguredRadio

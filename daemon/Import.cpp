@@ -6,8 +6,10 @@
 #include "daemon/Failure.h"
 #include "daemon/FolderLock.h"
 #include "daemon/Log.h"
-#include "daemon/RegularFile.h"
+#include "platform/ConfigurationLimit.h"
+#include "platform/RegularFile.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -23,7 +25,7 @@ constexpr int lockWaitMs = 10000;
 
 QByteArray readImported(const QString &file)
 {
-    const FileContents contents = readRegularFile(file, largestConfiguration);
+    const FileContents contents = readRegularFile(file, largestConfigurationFile);
     if (contents.problem != FileContents::Problem::None)
         throw Failure{contents.message};
     return contents.bytes;
@@ -45,7 +47,7 @@ QString fileToReplace(const QString &configPath)
 // The bytes now at target, or nothing when there is no file yet.
 std::optional<QByteArray> currentConfiguration(const QString &target)
 {
-    const FileContents current = readRegularFile(target, largestConfiguration);
+    const FileContents current = readRegularFile(target, largestConfigurationFile);
     if (current.problem == FileContents::Problem::Missing)
         return std::nullopt;
     if (current.problem == FileContents::Problem::Unreadable)
@@ -83,10 +85,11 @@ QString replaceConfiguration(const QString &configPath, const QByteArray &bytes)
         throw Failure{u"Cannot back up the current configuration: cannot create the folder %1."_s.arg(
             QDir::toNativeSeparators(backups))};
     QString backup;
+    const QDateTime now = QDateTime::currentDateTimeUtc();
     try {
         PendingFile next(target, bytes);
         if (current)
-            backup = writeBackup(backups, *current);
+            backup = writeBackup(backups, *current, now);
         next.commit();
     } catch (const Failure &) {
         if (!backup.isEmpty())
@@ -96,7 +99,7 @@ QString replaceConfiguration(const QString &configPath, const QByteArray &bytes)
         throw;
     }
     if (current)
-        pruneBackups(backups, keptBackups, QFileInfo(backup).fileName());
+        pruneBackups(backups, now, keptBackups, QFileInfo(backup).fileName());
     return backup;
 }
 } // namespace

@@ -1,8 +1,9 @@
 #include "daemon/Service.h"
 
 #include "daemon/Log.h"
-#include "daemon/RegularFile.h"
 #include "daemon/StopSignals.h"
+#include "platform/ConfigurationLimit.h"
+#include "platform/RegularFile.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -50,7 +51,7 @@ void Service::reload()
 {
     const QString path = QDir::toNativeSeparators(m_settings.configPath);
     // Bounded: a FIFO or a huge file in its place must neither block the service nor exhaust it.
-    const FileContents file = readRegularFile(m_settings.configPath, largestConfiguration);
+    const FileContents file = readRegularFile(m_settings.configPath, largestConfigurationFile);
     if (file.problem == FileContents::Problem::Missing) {
         m_seen.reset();
         note(m_loaded ? u"The configuration %1 is gone; keeping the previous one."_s.arg(path)

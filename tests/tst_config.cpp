@@ -13,9 +13,20 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QLabel>
+#include <QMainWindow>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QtTest>
+
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
 
 namespace {
 const QString checking = QStringLiteral("Checking radio identities before saving\u2026");
@@ -101,6 +112,88 @@ QRegularExpression draftIn(const QString &folder)
         QRegularExpression::escape(folder)
         + QStringLiteral("/Veldspar-[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}\\.json")));
 }
+// Something other than a configuration in config.json's place: "fifo", "zero" (a link to
+// /dev/zero) or "huge" (a 3 GB sparse file).
+void putInPlaceOfConfig(const TestWorld &world, const QString &kind)
+{
+    const QString config = world.configPath();
+    QVERIFY(QDir().mkpath(QFileInfo(config).path()));
+    const QByteArray path = QFile::encodeName(config);
+    if (kind == QStringLiteral("fifo"))
+        QCOMPARE(::mkfifo(path.constData(), 0600), 0);
+    else if (kind == QStringLiteral("zero"))
+        QCOMPARE(::symlink("/dev/zero", path.constData()), 0);
+    else {
+        QFile file(config);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        QVERIFY(file.resize(qint64(3) << 30));
+    }
+}
+
+// While alive, a reader blocked on the FIFO at path (waiting for a writer) is let go after
+// waitMs, so that a test of an app that waits there ends; released() tells whether it had to.
+class FifoRelease
+{
+public:
+    FifoRelease(const QString &path, int waitMs)
+        : m_thread([this, path = QFile::encodeName(path), waitMs] {
+              for (int waited = 0; !m_done; waited += 20) {
+                  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                  if (waited < waitMs)
+                      continue;
+                  // Succeeds only while a reader has the FIFO open; closing it gives that reader its end.
+                  const int fd = ::open(path.constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+                  if (fd >= 0) {
+                      m_released = true;
+                      ::close(fd);
+                  }
+              }
+          })
+    {
+    }
+    ~FifoRelease() { finish(); }
+    void finish()
+    {
+        m_done = true;
+        if (m_thread.joinable())
+            m_thread.join();
+    }
+    bool released() const { return m_released; }
+
+private:
+    std::atomic<bool> m_done{false};
+    std::atomic<bool> m_released{false};
+    std::thread m_thread;
+};
+
+// While alive, this process may map only about a gigabyte more than it has now, so that a reader
+// that takes a device or a huge file in whole fails at once instead of eating the machine. (The
+// sanitizer's shadow memory needs an unbounded address space: then there is no limit.)
+class AddressSpaceLimit
+{
+public:
+    AddressSpaceLimit()
+    {
+#if !defined(__SANITIZE_ADDRESS__)
+        ::getrlimit(RLIMIT_AS, &m_before);
+        QFile statm(QStringLiteral("/proc/self/statm"));
+        if (!statm.open(QIODevice::ReadOnly))
+            return;
+        const rlim_t mapped = rlim_t(statm.readAll().split(' ').value(0).toULongLong()) * rlim_t(::sysconf(_SC_PAGESIZE));
+        const rlimit limit{mapped + (rlim_t(1) << 30), m_before.rlim_max};
+        m_limited = ::setrlimit(RLIMIT_AS, &limit) == 0;
+#endif
+    }
+    ~AddressSpaceLimit()
+    {
+        if (m_limited)
+            ::setrlimit(RLIMIT_AS, &m_before);
+    }
+
+private:
+    rlimit m_before{};
+    bool m_limited = false;
+};
 } // namespace
 
 // One information dialog was shown: the message alone, no Cancel, no input field.
@@ -209,6 +302,43 @@ private Q_SLOTS:
         QCOMPARE(app.rowCount(), 0);
         QCOMPARE(app.serviceButton()->toolTip(), addFirstTip);
         QVERIFY(!world.configExists());
+        QVERIFY(world.calls().isEmpty());
+        QVERIFY(answerer.shown().isEmpty());
+    }
+
+    void whatCannotBeAConfigurationLoadsTheEmptyDocument_data()
+    {
+        QTest::addColumn<QString>("kind");
+        QTest::newRow("FIFO") << QStringLiteral("fifo");
+        QTest::newRow("link to /dev/zero") << QStringLiteral("zero");
+        QTest::newRow("3 GB sparse file") << QStringLiteral("huge");
+    }
+
+    void whatCannotBeAConfigurationLoadsTheEmptyDocument()
+    {
+        QFETCH(QString, kind);
+        TestWorld world;
+        putInPlaceOfConfig(world, kind);
+        DialogAnswerer answerer;
+        // A start that waits on the FIFO for a writer is let go after ten seconds, and fails.
+        std::optional<FifoRelease> release;
+        if (kind == QStringLiteral("fifo"))
+            release.emplace(world.configPath(), 10000);
+        std::unique_ptr<RunningApp> app;
+        {
+            const AddressSpaceLimit limit;
+            app = std::make_unique<RunningApp>(world);
+        }
+        if (release) {
+            release->finish();
+            QVERIFY2(!release->released(), "the app waited for something to write into the FIFO");
+        }
+        QVERIFY(app->waitUntilIdle());
+        QVERIFY(app->window()->isVisible());
+        QCOMPARE(app->app().draftText(), QString::fromUtf8(emptyDocumentText));
+        QCOMPARE(app->statusText(), noRadios);
+        QCOMPARE(app->rowCount(), 0);
+        // Nothing was written in its place.
         QVERIFY(world.calls().isEmpty());
         QVERIFY(answerer.shown().isEmpty());
     }
@@ -1307,10 +1437,10 @@ private Q_SLOTS:
             << QStringLiteral("^Cannot read file: Error Domain=QJsonParseError Code=\\d+ \"JSON text is not valid: invalid "
                               "UTF8 string at offset \\d+\\.\" UserInfo=.+$");
         // Valid JSON, but far larger than any radio list.
-        QTest::newRow("5 MB") << (QByteArray("{\"radios\": [], \"padding\": \"") + QByteArray(5 * 1000 * 1000, 'x')
+        QTest::newRow("17 MB") << (QByteArray("{\"radios\": [], \"padding\": \"") + QByteArray(17 * 1000 * 1000, 'x')
                                   + QByteArray("\"}"))
                               << QStringLiteral("^Cannot read file: Error Domain=QFile Code=\\d+ \".+/chosen\\.json: The "
-                                                "file is larger than 4 MB, too large for a radio configuration\" "
+                                                "file is larger than 16 MB, too large for a radio configuration\" "
                                                 "UserInfo=.+$");
     }
 

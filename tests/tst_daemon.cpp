@@ -1216,23 +1216,31 @@ private Q_SLOTS:
         QCOMPARE(readFile(config), QByteArray("{\"radios\": []}"));
     }
 
-    void importKeepsTheNewestTwentyBackups()
+    void importKeepsTheNewestTwentyBackupsAndTheOldest()
     {
         const QString config = path(u"import-rotation/config.json"_s);
         const QString file = path(u"import-rotation.json"_s);
         const auto version = [](int n) { return configuration({radioEntry(u"10.0.0.%1"_s.arg(n), u"S-%1"_s.arg(n))}, 3000); };
-        // 22 imports: the first has nothing to back up, the other 21 each back up the one before.
-        for (int n = 1; n <= 22; ++n) {
+        // 25 imports: the first has nothing to back up, the other 24 each back up the one before.
+        // Within one day (unless midnight comes in between), the newest twenty and the oldest stay.
+        for (int n = 1; n <= 25; ++n) {
             writeInPlace(file, version(n));
             const Run run = runVeldspar({u"--config"_s, config, u"--import"_s, file});
             QCOMPARE(run.status, 0);
-            QCOMPARE(backupsBeside(config).size(), std::min(n - 1, 20));
+            const QStringList backups = backupsBeside(config);
+            if (backups.isEmpty() || backups.first().left(17) == backups.last().left(17))
+                QCOMPARE(backups.size(), std::min(n - 1, 21));
         }
-        QCOMPARE(readFile(config), version(22));
+        QCOMPARE(readFile(config), version(25));
         const QStringList backups = backupsBeside(config);
-        // The oldest backup (version 1) is gone; versions 2 to 21 remain, oldest name first.
-        for (int i = 0; i < backups.size(); ++i)
-            QCOMPARE(readFile(QFileInfo(config).path() + u"/backups/"_s + backups.at(i)), version(i + 2));
+        const auto backupBytes = [&](const QString &name) { return readFile(QFileInfo(config).path() + u"/backups/"_s + name); };
+        // Version 1, the oldest, stays; versions 2 to 4 are gone; versions 5 to 24 remain, oldest name first.
+        QCOMPARE(backupBytes(backups.first()), version(1));
+        const QStringList newest = backups.mid(backups.size() - 20);
+        for (int i = 0; i < newest.size(); ++i)
+            QCOMPARE(backupBytes(newest.at(i)), version(i + 5));
+        if (backups.first().left(17) == backups.last().left(17))
+            QCOMPARE(backups.size(), 21);
     }
 
     void importIntoAReadOnlyFolderFailsAndChangesNothing()

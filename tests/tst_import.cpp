@@ -1,12 +1,15 @@
 // The service executable's import mode and the service's reading of config.json, where they
 // can lose or corrupt a configuration: failing disks, clocks set back, FIFOs and devices,
-// concurrent saves, links, kills half-way, and text that the app cannot read.
+// concurrent saves, links, kills half-way, and text that the app cannot read; which backups
+// are kept and who may read them; and that the app and the service accept the same sizes.
 #include "RunningService.h"
 #include "TestSupport.h"
 
 #include "config/ConfigDocument.h"
 #include "config/ConfigFile.h"
+#include "daemon/Backups.h"
 #include "daemon/Configuration.h"
+#include "platform/ConfigurationLimit.h"
 #include "platform/Error.h"
 
 #include <QDir>
@@ -115,6 +118,12 @@ QString reportedBackup(const QString &output)
     return match.hasMatch() ? match.captured(1) : QString();
 }
 
+int modeOf(const QString &path)
+{
+    struct stat info{};
+    return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 07777) : -1;
+}
+
 void makeFifo(const QString &path) { QCOMPARE(::mkfifo(QFile::encodeName(path).constData(), 0600), 0); }
 
 void makeSparseFile(const QString &path, qint64 size)
@@ -184,12 +193,15 @@ private Q_SLOTS:
         QCOMPARE(backupsOf(config), history);
         QCOMPARE(hiddenFilesIn(QFileInfo(config).path()), QStringList());
 
-        // The same save with room enough succeeds, backs up the previous file and keeps twenty.
+        // The same save with room enough succeeds and backs up the previous file; the twenty
+        // earlier ones stay (the newest twenty with it, and the oldest of all).
         const ImportRun saved = runImport(config, path(u"full-disk.json"_s));
         QCOMPARE(saved.status, 0);
         QCOMPARE(readTestFile(config), next);
         QCOMPARE(readTestFile(reportedBackup(saved.output)), previous);
-        QCOMPARE(backupsOf(config).size(), 20);
+        QMap<QString, QByteArray> expected = history;
+        expected.insert(QFileInfo(reportedBackup(saved.output)).fileName(), previous);
+        QCOMPARE(backupsOf(config), expected);
     }
 
     void theNewBackupIsKeptWhenTheClockWasOnceAhead()
@@ -197,7 +209,8 @@ private Q_SLOTS:
         const QString config = path(u"clock/config.json"_s);
         const QByteArray previous = documentOf(u"previous"_s);
         writeTestFile(config, previous);
-        // Made while the clock said 2099.
+        // Made while the clock said 2098 and 2099.
+        writeBackups(config, u"2098-01-01T00-00-00"_s, u"far"_s);
         writeBackups(config, u"2099-01-01T00-00-00"_s, u"future"_s);
         writeTestFile(path(u"clock.json"_s), documentOf(u"next"_s));
 
@@ -207,10 +220,159 @@ private Q_SLOTS:
         QVERIFY2(!backup.isEmpty(), qPrintable(run.output));
         QCOMPARE(readTestFile(backup), previous);
         const QStringList names = backupsOf(config).keys();
-        QCOMPARE(names.size(), 20);
-        // The newest by name, so the next prune cannot take it either; the oldest went instead.
+        QCOMPARE(names.size(), 21);
+        // The newest by name, so the next prune cannot take it either; older ones went instead,
+        // all but the oldest of all.
         QCOMPARE(names.last(), QFileInfo(backup).fileName());
+        QCOMPARE(names.first(), backupNameAt(u"2098-01-01T00-00-00.000"_s));
         QVERIFY(!names.contains(backupNameAt(u"2099-01-01T00-00-00.000"_s)));
+    }
+
+    void theOldestBackupOutlivesAnyNumberOfSaves()
+    {
+        // A configuration the app could not read, then saved over by one with a single radio.
+        const QString config = path(u"overwritten/config.json"_s);
+        const QByteArray unreadable = documentOf(u"the user's radios"_s, 12);
+        writeTestFile(config, unreadable);
+        QString first;
+        for (int save = 0; save < 3 * keptBackups; ++save) {
+            writeTestFile(path(u"overwritten.json"_s), documentOf(u"save-%1"_s.arg(save)));
+            const ImportRun run = runImport(config, path(u"overwritten.json"_s));
+            QCOMPARE(run.status, 0);
+            if (first.isEmpty())
+                first = QFileInfo(reportedBackup(run.output)).fileName();
+        }
+        const QMap<QString, QByteArray> backups = backupsOf(config);
+        QCOMPARE(backups.value(first), unreadable);
+        // Made within one day (unless midnight came in between): the newest twenty and that oldest one.
+        if (backups.firstKey().left(17) == backups.lastKey().left(17))
+            QCOMPARE(backups.size(), keptBackups + 1);
+    }
+
+    void pruningKeepsTheNewestTheOldestAndTheNewestOfEachRecentDay()
+    {
+        const QString config = path(u"rules/config.json"_s);
+        const QString folder = backupFolderOf(config);
+        const QDateTime now(QDate(2026, 3, 31), QTime(12, 0), Qt::UTC);
+        const auto at = [](const QDateTime &time) { return backupNameAt(time.toString(u"yyyy-MM-ddTHH-mm-ss.zzz"_s)); };
+        QStringList expected;
+        // Long ago: only the oldest of all stays.
+        for (int i = 0; i < 5; ++i)
+            writeTestFile(folder + u'/' + at(now.addDays(-400 + i)), documentOf(u"old-%1"_s.arg(i)));
+        expected << at(now.addDays(-400));
+        // Three a day over the last 40 days: from each of the last 30 days (today included), the
+        // last of the day stays.
+        for (int day = 40; day >= 1; --day)
+            for (int hour : {1, 5, 9}) {
+                const QDateTime time(now.date().addDays(-day), QTime(hour, 0), Qt::UTC);
+                writeTestFile(folder + u'/' + at(time), documentOf(u"day-%1-%2"_s.arg(day).arg(hour)));
+                if (hour == 9 && day <= 29)
+                    expected << at(time);
+            }
+        // Today, thirty in the last hour: the newest twenty of them stay.
+        for (int i = 0; i < 30; ++i) {
+            const QDateTime time = now.addSecs(-3600 + 60 * i);
+            writeTestFile(folder + u'/' + at(time), documentOf(u"today-%1"_s.arg(i)));
+            if (i >= 10)
+                expected << at(time);
+        }
+        // Not backups, so never touched.
+        writeTestFile(folder + u"/notes.txt"_s, "mine");
+        writeTestFile(folder + u"/config-someday.json"_s, "mine too");
+        expected << u"config-someday.json"_s << u"notes.txt"_s;
+
+        // The one just written, dated by a clock set far back: kept whatever it says.
+        const QString spared = at(QDateTime(QDate(2001, 6, 1), QTime(0, 0), Qt::UTC));
+        writeTestFile(folder + u'/' + spared, documentOf(u"just written"_s));
+        // (It is now the oldest, so the one from 400 days ago is only as old as the others.)
+        expected.removeAll(at(now.addDays(-400)));
+        expected << spared;
+
+        pruneBackups(folder, now, keptBackups, spared);
+        expected.sort();
+        QCOMPARE(backupsOf(config).keys(), expected);
+
+        // Pruning again changes nothing.
+        pruneBackups(folder, now, keptBackups, spared);
+        QCOMPARE(backupsOf(config).keys(), expected);
+    }
+
+    void theBackupJustWrittenIsKeptWhateverTheClockSays()
+    {
+        const QString config = path(u"spared/config.json"_s);
+        const QString folder = backupFolderOf(config);
+        const QDateTime now(QDate(2026, 3, 31), QTime(12, 0), Qt::UTC);
+        writeBackups(config, u"2026-03-31T11-00-00"_s, u"recent"_s);
+        writeTestFile(folder + u'/' + backupNameAt(u"1999-01-01T00-00-00.000"_s), documentOf(u"oldest"_s));
+        // Neither the oldest, nor among the newest twenty, nor of a recent day.
+        const QString spared = backupNameAt(u"2000-01-01T00-00-00.000"_s);
+        writeTestFile(folder + u'/' + spared, documentOf(u"just written"_s));
+
+        pruneBackups(folder, now, keptBackups, spared);
+        const QStringList names = backupsOf(config).keys();
+        QVERIFY(names.contains(spared));
+        QVERIFY(names.contains(backupNameAt(u"1999-01-01T00-00-00.000"_s)));
+        QCOMPARE(names.size(), keptBackups + 2);
+    }
+
+    // ---- who may read what the import writes ----
+
+    void theConfigurationAndItsBackupsAreTheUsersAlone()
+    {
+        const QString config = path(u"private/config.json"_s);
+        const QByteArray previous = documentOf(u"previous"_s);
+        writeTestFile(config, previous);
+        QCOMPARE(::chmod(QFile::encodeName(config).constData(), 0644), 0);
+        writeTestFile(path(u"private.json"_s), documentOf(u"next"_s));
+
+        const ImportRun run = runImport(config, path(u"private.json"_s), [] { ::umask(022); });
+        QCOMPARE(run.status, 0);
+        const QString backup = reportedBackup(run.output);
+        QCOMPARE(readTestFile(backup), previous);
+        QCOMPARE(modeOf(config), 0600);
+        QCOMPARE(modeOf(backup), 0600);
+
+        // A configuration made where there was none is private too.
+        const QString fresh = path(u"private-new/config.json"_s);
+        const ImportRun made = runImport(fresh, path(u"private.json"_s), [] { ::umask(022); });
+        QCOMPARE(made.status, 0);
+        QCOMPARE(modeOf(fresh), 0600);
+    }
+
+    // ---- one size limit for the app and the service ----
+
+    void theAppAndTheServiceAcceptTheSameSizes_data()
+    {
+        QTest::addColumn<qint64>("size");
+        QTest::addColumn<bool>("accepted");
+        QTest::newRow("5 MB") << qint64(5 * 1000 * 1000) << true;
+        QTest::newRow("at the limit") << largestConfigurationFile << true;
+        QTest::newRow("one byte more") << largestConfigurationFile + 1 << false;
+    }
+
+    void theAppAndTheServiceAcceptTheSameSizes()
+    {
+        QFETCH(qint64, size);
+        QFETCH(bool, accepted);
+        const QByteArray start = "{\"radios\": [], \"padding\": \"";
+        const QByteArray end = "\"}";
+        const QByteArray document = start + QByteArray(size - start.size() - end.size(), 'x') + end;
+        QCOMPARE(document.size(), size);
+        const QString file = path(u"sized.json"_s);
+        writeTestFile(file, document);
+
+        bool appAccepts = true;
+        try {
+            readConfigurationFile(file);
+        } catch (const Error &) {
+            appAccepts = false;
+        }
+        QCOMPARE(appAccepts, accepted);
+        const QString config = path(u"sized/config.json"_s);
+        const ImportRun run = runImport(config, file);
+        QCOMPARE(run.status == 0, accepted);
+        QCOMPARE(QFileInfo::exists(config), accepted);
+        QFile::remove(config);
     }
 
     // ---- reading: only regular files, and only so much ----

@@ -13,7 +13,8 @@ struct FileContents
     QString message; // one sentence for the operator, naming the file; empty when read
 };
 
-// Reads the whole file at path when it is a regular file of at most limit bytes. Never waits
+// The one bounded reader of configurations, for the app (config.json at start-up) and the service
+// executable alike. Reads the whole file at path when it is a regular file of at most limit bytes. Never waits
 // on a FIFO or a device (the open does not block, and the opened descriptor must be a regular
 // file), and never takes in more than limit + 1 bytes, whatever size the file reports.
 FileContents readRegularFile(const QString &path, qint64 limit);

@@ -1,4 +1,4 @@
-#include "daemon/RegularFile.h"
+#include "platform/RegularFile.h"
 
 #include <QDir>
 #include <QFile>
