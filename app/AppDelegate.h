@@ -68,6 +68,8 @@ public:
     // Saving (config/Save.cpp, config/WriteConfig.cpp).
     void save();
     void writeConfig();
+    // Refuses, and says why, when rewriting the draft would change one of its values.
+    bool refuseInexactDraft();
 
     // Discovery (discovery/Discover.cpp). Blocks; background threads only.
     QJsonObject discover(const QString &address) const;

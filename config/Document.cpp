@@ -85,6 +85,8 @@ void AppDelegate::refreshRadios()
 
 void AppDelegate::replaceEntries()
 {
+    if (refuseInexactDraft())
+        return;
     const std::optional<QString> rewritten = draftWithRadios(draft().text(), entries);
     if (!rewritten)
         return;

@@ -4,6 +4,7 @@
 #include "app/AppDelegate.h"
 #include "app/ServiceButton.h"
 #include "config/ConfigFile.h"
+#include "config/ExactValues.h"
 #include "config/Verification.h"
 #include "platform/Error.h"
 
@@ -929,6 +930,116 @@ private Q_SLOTS:
             QCOMPARE(error.localizedDescription(),
                      messageText(QStringLiteral("Radio serial does not match at 10.0.0.6")));
         }
+    }
+
+    // ---- Values the document must keep exactly ----
+
+    void numbersThatSurviveARewriteAreExact()
+    {
+        for (const char *json : {"{\"a\": 3000}", "{\"a\": 1.5}", "{\"a\": 1e3}", "{\"a\": 0.1}", "{\"a\": -2.5E-3}",
+                                 "{\"a\": 0}", "{\"a\": 0.0e12}", "{\"a\": 9007199254740992}", "{\"a\": 1e19}",
+                                 "{\"a\": [1, 2, {\"b\": 5e-324}]}", "{\"a\": \"12345678901234567890\"}",
+                                 "{\"a\": {\"k\": 1}, \"b\": {\"k\": 2}}", "[]"})
+            QVERIFY2(!firstInexactValue(QString::fromUtf8(json)), json);
+    }
+
+    void numbersADoubleDoesNotHoldAreReportedWithTheirKey()
+    {
+        const QList<std::pair<const char *, QString>> cases{
+            {"{\"bigId\": 12345678901234567890}", QStringLiteral("12345678901234567890")},
+            {"{\"bigId\": 9007199254740993}", QStringLiteral("9007199254740993")},
+            {"{\"bigId\": -0}", QStringLiteral("-0")},
+            {"{\"bigId\": -0.0e5}", QStringLiteral("-0.0e5")},
+            {"{\"bigId\": 1e400}", QStringLiteral("1e400")},
+            {"{\"bigId\": -1E+400}", QStringLiteral("-1E+400")},
+            {"{\"bigId\": 1e-400}", QStringLiteral("1e-400")},
+            {"{\"bigId\": 0.30000000000000001}", QStringLiteral("0.30000000000000001")},
+            {"{\"ok\": 1, \"bigId\": [1, 2, 1e400], \"later\": 1e999}", QStringLiteral("1e400")},
+        };
+        for (const auto &[json, number] : cases) {
+            const std::optional<InexactValue> found = firstInexactValue(QString::fromUtf8(json));
+            QVERIFY2(found, json);
+            QCOMPARE(found->kind, InexactValue::Kind::Number);
+            QCOMPARE(found->key, QStringLiteral("bigId"));
+            QCOMPARE(found->number, number);
+        }
+    }
+
+    void aKeyHeldTwiceIsReported()
+    {
+        for (const char *json : {"{\"radios\": [{\"name\": \"a\", \"name\": \"b\"}]}",
+                                 "{\"radios\": [{\"name\": \"a\", \"n\\u0061me\": \"b\"}]}"}) {
+            const std::optional<InexactValue> found = firstInexactValue(QString::fromUtf8(json));
+            QVERIFY2(found, json);
+            QCOMPARE(found->kind, InexactValue::Kind::RepeatedKey);
+            QCOMPARE(found->key, QStringLiteral("name"));
+        }
+    }
+
+    void invalidJsonIsLeftToTheParser()
+    {
+        for (const char *json : {"{\"a\": 1e400", "{\"a\": 1e400,}", "{\"a\": 01}", "{\"a\": 1e400} x",
+                                 "{\"a\": \"\\x\", \"b\": -0}", "{\"a\": -}", "{\"a\" 1}", ""})
+            QVERIFY2(!firstInexactValue(QString::fromUtf8(json)), json);
+    }
+
+    void theRefusalNamesTheKeyAndTheValue()
+    {
+        QCOMPARE(inexactValueMessage({InexactValue::Kind::Number, QStringLiteral("bigId"),
+                                      QStringLiteral("12345678901234567890")}),
+                 QStringLiteral("config.json holds a value Veldspar cannot keep exactly (\"bigId\": "
+                                "12345678901234567890). Edit the file by hand, or remove the value, and try again."));
+        QCOMPARE(inexactValueMessage({InexactValue::Kind::RepeatedKey, QStringLiteral("name"), QString()}),
+                 QStringLiteral("config.json holds the key \"name\" twice in one object, and Veldspar would keep "
+                                "only the last. Edit the file by hand, or remove one of them, and try again."));
+    }
+
+    void aToggleRefusesToChangeAValueItCannotKeep()
+    {
+        const QList<std::pair<QByteArray, QString>> cases{
+            {"\"bigId\": 12345678901234567890", QStringLiteral("(\"bigId\": 12345678901234567890)")},
+            {"\"bigId\": -0", QStringLiteral("(\"bigId\": -0)")},
+            {"\"bigId\": 1, \"bigId\": 2", QStringLiteral("the key \"bigId\" twice")},
+        };
+        for (const auto &[member, named] : cases) {
+            const QByteArray file = "{" + member + ", \"broadcastIntervalMs\": 3000, \"radios\": [{\"ipAddress\": "
+                                    "\"10.0.0.2\", \"serialNumber\": \"1111-2222-3333-4444\", \"version\": \"3.3\"}]}";
+            TestWorld world;
+            world.writeConfig(file);
+            DialogAnswerer answerer;
+            RunningApp app(world);
+            QVERIFY2(app.rowCount() == 1, member.constData());
+            app.click(app.includeBox());
+            QVERIFY(app.waitUntilIdle());
+
+            QCOMPARE(answerer.shown().size(), 1);
+            const QString shown = answerer.shown().constFirst().texts.value(0);
+            QVERIFY2(shown.contains(named) && shown.startsWith(QStringLiteral("config.json holds ")), qPrintable(shown));
+            QCOMPARE(world.readConfig(), file);
+            QVERIFY(importCalls(world).isEmpty());
+            QCOMPARE(app.app().draftText(), QString::fromUtf8(file));
+            QVERIFY(!app.includeBox()->isChecked());
+            QCOMPARE(app.statusText(), notSaved);
+        }
+    }
+
+    void valuesKeptExactlySurviveASave()
+    {
+        TestWorld world;
+        world.writeConfig("{\"big\": 9007199254740992, \"ratio\": 1.5, \"rate\": 1e3, \"tiny\": 0.1, \"radios\": "
+                          "[{\"ipAddress\": \"10.0.0.2\", \"serialNumber\": \"1111-2222-3333-4444\", \"version\": "
+                          "\"3.3\", \"gain\": -2.5}], \"broadcastIntervalMs\": 3000}");
+        DialogAnswerer answerer;
+        RunningApp app(world);
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(app.statusText(), saved);
+        QVERIFY(answerer.shown().isEmpty());
+        const QByteArray onDisk = world.readConfig();
+        QVERIFY2(onDisk.contains("\"big\": 9007199254740992,") && onDisk.contains("\"ratio\": 1.5,")
+                     && onDisk.contains("\"rate\": 1000,") && onDisk.contains("\"tiny\": 0.1\n")
+                     && onDisk.contains("\"gain\": -2.5,"),
+                 onDisk.constData());
     }
 
     // ---- The writer ----
