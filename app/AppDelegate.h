@@ -144,6 +144,9 @@ private:
     int selectedRow() const;
     void selectRow(int row);
 
+    // Whether config.json is no longer what this app last read or wrote (config/Document.cpp).
+    bool configChangedOnDisk() const;
+
     // Fields that every control needs exist from start-up on; a missing one is a bug.
     Draft &draft() const;
     void setStatus(const QString &text);
@@ -152,6 +155,8 @@ private:
     std::unique_ptr<Draft> editor;
     StatusLabel *status = nullptr;
     QString configURL;
+    // config.json's text as this app last read or wrote it; nothing when it was absent (or unreadable).
+    std::optional<QString> configOnDisk;
     ServiceButton *enableButton = nullptr;
     QLabel *serviceState = nullptr;
     QLabel *serviceStartup = nullptr;

@@ -31,6 +31,7 @@ std::optional<QString> readUtf8File(const QString &path)
 void AppDelegate::reload()
 {
     const std::optional<QString> text = readUtf8File(configURL);
+    configOnDisk = text;
     if (!text) {
         emptyConfig();
         return;
@@ -41,6 +42,11 @@ void AppDelegate::reload()
     // on saying the radios are being checked until the save reports the replaced draft.
     if (!busy)
         setStatus(QStringLiteral("Configuration loaded"));
+}
+
+bool AppDelegate::configChangedOnDisk() const
+{
+    return readUtf8File(configURL) != configOnDisk;
 }
 
 void AppDelegate::emptyConfig()

@@ -23,6 +23,14 @@ QString draftFilePath()
 // previous file and replaces it. Waits on the main thread: the import prints a line at most.
 void AppDelegate::writeConfig()
 {
+    // Another copy of the app, or a hand edit, changed the file since this draft was read from
+    // it; saving now would undo that change unseen.
+    if (configChangedOnDisk()) {
+        reload();
+        setStatus(QStringLiteral("config.json was changed outside Veldspar; reloaded it instead of saving. Make "
+                                 "your change again."));
+        return;
+    }
     QString draftPath;
     try {
         draftPath = draftFilePath();
@@ -31,6 +39,7 @@ void AppDelegate::writeConfig()
             runProcess(resourcePath(QStringLiteral("Veldspar")),
                        {QStringLiteral("--config"), configURL, QStringLiteral("--import"), draftPath});
         if (result.succeeded()) {
+            configOnDisk = draft().text();
             setStatus(QStringLiteral("Saved. Previous configuration backed up; running service reloads automatically."));
         } else {
             reload();

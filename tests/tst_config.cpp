@@ -1044,6 +1044,63 @@ private Q_SLOTS:
 
     // ---- The writer ----
 
+    void aFileChangedOutsideIsReloadedInsteadOfOverwritten()
+    {
+        const QJsonObject first = radio(QStringLiteral("10.0.0.1"), QStringLiteral("1111-0000-0000-0001"), QStringLiteral("One"));
+        const QJsonObject second = radio(QStringLiteral("10.0.0.2"), QStringLiteral("2222-0000-0000-0002"), QStringLiteral("Two"));
+        TestWorld world;
+        world.writeConfig(configWith({first}));
+        DialogAnswerer answerer;
+        RunningApp app(world);
+        QCOMPARE(app.rowCount(), 1);
+
+        // Another copy of the app adds a radio meanwhile.
+        const QByteArray theirs = configWith({first, second});
+        world.writeConfig(theirs);
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+
+        QCOMPARE(world.readConfig(), theirs);
+        QVERIFY(importCalls(world).isEmpty());
+        QCOMPARE(app.rowCount(), 2);
+        QCOMPARE(app.rowTexts(1).value(0), QStringLiteral("Two"));
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(theirs));
+        QCOMPARE(app.statusText(), QStringLiteral("config.json was changed outside Veldspar; reloaded it instead of "
+                                                  "saving. Make your change again."));
+        QVERIFY(answerer.shown().isEmpty());
+
+        // Made again on what is on disk now, the change is saved, and so is the next one.
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(app.statusText(), saved);
+        app.selectRow(1);
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(app.statusText(), saved);
+        QCOMPARE(importCalls(world).size(), 2);
+        const auto toggled = [](const QJsonObject &entry) {
+            return withKey(entry, QStringLiteral("enabled"), !entry.value(QStringLiteral("enabled")).toBool());
+        };
+        QCOMPARE(world.readConfig(), configWith({toggled(first), toggled(second)}));
+    }
+
+    void aFileThatAppearedIsNotOverwritten()
+    {
+        TestWorld world;
+        DialogAnswerer answerer;
+        RunningApp app(world);
+        QCOMPARE(app.statusText(), noRadios);
+        const QByteArray theirs = configWith({radio(QStringLiteral("10.0.0.2"), QStringLiteral("2222-0000-0000-0002"))});
+        world.writeConfig(theirs);
+        answerer.willPress(QStringLiteral("OK"));
+        app.click(app.button(QStringLiteral("Delete Config")));
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(world.readConfig(), theirs);
+        QCOMPARE(app.rowCount(), 1);
+        QVERIFY(app.statusText().startsWith(QStringLiteral("config.json was changed outside Veldspar")));
+    }
+
+
     void twoSavesUseDistinctTemporaryFiles()
     {
         const QJsonObject entry =
