@@ -4,6 +4,7 @@
 #include "config/ConfigDocument.h"
 #include "config/Draft.h"
 #include "platform/Outcome.h"
+#include "platform/Process.h"
 
 #include <QFont>
 #include <QJsonObject>
@@ -136,6 +137,7 @@ private:
 
     // Completions on the main thread (config/Save.cpp, discovery/AddRadio.cpp).
     void finishSave(const Outcome<QByteArray> &result, const QString &snapshot);
+    void finishWriteConfig(const Outcome<ProcessResult> &result, const QString &written);
     void finishAddRadio(const QString &address, const QString &snapshot, const Outcome<QJsonObject> &outcome);
     void applyServiceStatus(const ServiceStatus &result);
     void finishServiceAction(const ServiceActionResult &result);

@@ -18,6 +18,10 @@
 #include <QRegularExpression>
 #include <QtTest>
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
 namespace {
 const QString checking = QStringLiteral("Checking radio identities before saving\u2026");
 const QString saved = QStringLiteral("Saved. Previous configuration backed up; running service reloads automatically.");
@@ -1043,6 +1047,38 @@ private Q_SLOTS:
     }
 
     // ---- The writer ----
+
+    void aSaveWaitingForAnotherImportKeepsTheWindowAnswering()
+    {
+        const QJsonObject entry = radio(QStringLiteral("10.0.0.1"), QStringLiteral("1111-0000-0000-0001"), QStringLiteral("One"));
+        TestWorld world;
+        world.writeConfig(configWith({entry}));
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        // Another import holds the folder's lock, as the service executable takes it.
+        const int held = ::open(QFile::encodeName(QFileInfo(world.configPath()).path()).constData(),
+                                O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        QVERIFY(held >= 0);
+        QCOMPARE(::flock(held, LOCK_EX), 0);
+        app.click(app.includeBox());
+        QTRY_COMPARE_WITH_TIMEOUT(app.statusText(), QStringLiteral("Waiting for another save of config.json to finish\u2026"),
+                                  5000);
+        bool answered = false;
+        QTimer::singleShot(0, [&answered] { answered = true; });
+        QTRY_VERIFY_WITH_TIMEOUT(answered, 500);
+        QVERIFY(app.app().isBusy());
+        QCOMPARE(world.readConfig(), configWith({entry}));
+
+        ::close(held);
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(app.statusText(), saved);
+        QCOMPARE(world.readConfig(),
+                 configWith({withKey(entry, QStringLiteral("enabled"), !entry.value(QStringLiteral("enabled")).toBool())}));
+        QVERIFY(answerer.shown().isEmpty());
+        QCOMPARE(world.leftoverTemporaryFiles(), QStringList());
+    }
+
 
     void aFileChangedOutsideIsReloadedInsteadOfOverwritten()
     {
