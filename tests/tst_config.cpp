@@ -1048,6 +1048,31 @@ private Q_SLOTS:
 
     // ---- The writer ----
 
+    void draftsLeftByAKilledAppGoAtStartUp()
+    {
+        TestWorld world;
+        const QString runtime = world.runtimeDir() + QStringLiteral("/Veldspar");
+        const QString cache = world.home() + QStringLiteral("/.cache/org.kestrum.Veldspar.configure");
+        const QString name = QStringLiteral("/Veldspar-0C6A1F52-3B7E-4D7A-9A41-5E2F3C1D8B90.json");
+        const QString staleHere = runtime + name;
+        const QString staleInCache = cache + name;
+        const QString fresh = runtime + QStringLiteral("/Veldspar-7D1B2C3E-4F50-4A61-8B72-9C83D4E5F601.json");
+        for (const QString &path : {staleHere, staleInCache, fresh})
+            writeTestFile(path, "{}");
+        for (const QString &path : {staleHere, staleInCache}) {
+            QFile file(path);
+            QVERIFY(file.open(QIODevice::ReadWrite));
+            QVERIFY(file.setFileTime(QDateTime::currentDateTimeUtc().addSecs(-3600), QFileDevice::FileModificationTime));
+        }
+
+        RunningApp app(world);
+        QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(staleHere) && !QFile::exists(staleInCache), 5000);
+        QVERIFY(app.waitUntilIdle());
+        QVERIFY(QFile::exists(fresh));
+        QCOMPARE(world.leftoverTemporaryFiles(), QStringList{fresh});
+    }
+
+
     void aSaveWaitingForAnotherImportKeepsTheWindowAnswering()
     {
         const QJsonObject entry = radio(QStringLiteral("10.0.0.1"), QStringLiteral("1111-0000-0000-0001"), QStringLiteral("One"));
