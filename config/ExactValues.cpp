@@ -81,7 +81,8 @@ bool isKeptExactly(std::string_view token)
     if (written.isZero())
         return !written.negative; // -0 is read as 0
     char shortest[64];
-    const auto made = std::to_chars(shortest, shortest + sizeof shortest, number);
+    // Scientific: the shortest digits, where fixed notation would spell out a large double whole.
+    const auto made = std::to_chars(shortest, shortest + sizeof shortest, number, std::chars_format::scientific);
     return made.ec == std::errc() && decimalOf(std::string_view(shortest, made.ptr)) == written;
 }
 
@@ -183,7 +184,9 @@ private:
         return take(u']');
     }
 
-    // Reads a string; its decoded text goes to decoded when one is given (keys).
+    // Reads a string; its decoded text goes to decoded when one is given (keys). Lenient where
+    // Qt's parser is (control characters, any character after a backslash), so that nothing Qt
+    // reads passes unchecked.
     bool string(QString *decoded)
     {
         ++m_at; // '"'
@@ -191,8 +194,6 @@ private:
             const QChar c = m_text[m_at++];
             if (c == u'"')
                 return true;
-            if (c.unicode() < 0x20)
-                return false;
             if (c != u'\\') {
                 if (decoded)
                     decoded->append(c);
@@ -212,8 +213,8 @@ private:
                     return false;
                 if (decoded)
                     decoded->append(QChar(*unit));
-            } else {
-                return false;
+            } else if (decoded) {
+                decoded->append(escape); // as Qt reads it
             }
         }
         return false;
@@ -250,16 +251,16 @@ private:
     bool number(const QString &key)
     {
         const qsizetype start = m_at;
+        // As lenient as Qt's parser, which also reads "01", "1." and "1e".
         take(u'-');
-        if (!take(u'0') && !(peek() >= u'1' && peek() <= u'9' && digits()))
+        if (!digits())
             return false;
-        if (take(u'.') && !digits())
-            return false;
+        if (take(u'.'))
+            digits();
         if (take(u'e') || take(u'E')) {
             if (!take(u'+'))
                 take(u'-');
-            if (!digits())
-                return false;
+            digits();
         }
         const QStringView token = m_text.sliced(start, m_at - start);
         const std::string ascii = token.toLatin1().toStdString();
