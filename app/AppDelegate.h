@@ -4,6 +4,7 @@
 #include "config/ConfigDocument.h"
 #include "config/Draft.h"
 #include "platform/Outcome.h"
+#include "platform/Process.h"
 
 #include <QFont>
 #include <QJsonObject>
@@ -68,6 +69,8 @@ public:
     // Saving (config/Save.cpp, config/WriteConfig.cpp).
     void save();
     void writeConfig();
+    // Refuses, and says why, when rewriting the draft would change one of its values.
+    bool refuseInexactDraft();
 
     // Discovery (discovery/Discover.cpp). Blocks; background threads only.
     QJsonObject discover(const QString &address) const;
@@ -134,6 +137,7 @@ private:
 
     // Completions on the main thread (config/Save.cpp, discovery/AddRadio.cpp).
     void finishSave(const Outcome<QByteArray> &result, const QString &snapshot);
+    void finishWriteConfig(const Outcome<ProcessResult> &result, const QString &written);
     void finishAddRadio(const QString &address, const QString &snapshot, const Outcome<QJsonObject> &outcome);
     void applyServiceStatus(const ServiceStatus &result);
     void finishServiceAction(const ServiceActionResult &result);
@@ -141,6 +145,9 @@ private:
     // The selected row of the table, or -1 (app/Details.cpp).
     int selectedRow() const;
     void selectRow(int row);
+
+    // Whether config.json is no longer what this app last read or wrote (config/Document.cpp).
+    bool configChangedOnDisk() const;
 
     // Fields that every control needs exist from start-up on; a missing one is a bug.
     Draft &draft() const;
@@ -150,6 +157,8 @@ private:
     std::unique_ptr<Draft> editor;
     StatusLabel *status = nullptr;
     QString configURL;
+    // config.json's text as this app last read or wrote it; nothing when it was absent (or unreadable).
+    std::optional<QString> configOnDisk;
     ServiceButton *enableButton = nullptr;
     QLabel *serviceState = nullptr;
     QLabel *serviceStartup = nullptr;

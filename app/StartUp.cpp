@@ -3,6 +3,8 @@
 #include "app/AfterFirstFrame.h"
 #include "app/AppIcon.h"
 #include "app/AppStyle.h"
+#include "config/StaleDrafts.h"
+#include "platform/Background.h"
 #include "platform/SessionBusCheck.h"
 #include "service/UnitChanges.h"
 #include "updates/EmberlaneUpdates.h"
@@ -55,6 +57,8 @@ void AppDelegate::applicationDidFinishLaunching()
 
     reload();
     watchLiveState();
+    // Drafts of a copy that was killed while saving would otherwise stay for ever.
+    backgroundPool().start([folders = draftFolders()] { removeStaleDrafts(folders); });
 
     if (QScreen *screen = window->screen()) {
         QRect frame = window->frameGeometry();

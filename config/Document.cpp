@@ -33,6 +33,7 @@ std::optional<QString> readUtf8File(const QString &path)
 void AppDelegate::reload()
 {
     const std::optional<QString> text = readUtf8File(configURL);
+    configOnDisk = text;
     if (!text) {
         emptyConfig();
         return;
@@ -43,6 +44,11 @@ void AppDelegate::reload()
     // on saying the radios are being checked until the save reports the replaced draft.
     if (!busy)
         setStatus(QStringLiteral("Configuration loaded"));
+}
+
+bool AppDelegate::configChangedOnDisk() const
+{
+    return readUtf8File(configURL) != configOnDisk;
 }
 
 void AppDelegate::emptyConfig()
@@ -87,6 +93,8 @@ void AppDelegate::refreshRadios()
 
 void AppDelegate::replaceEntries()
 {
+    if (refuseInexactDraft())
+        return;
     const std::optional<QString> rewritten = draftWithRadios(draft().text(), entries);
     if (!rewritten)
         return;

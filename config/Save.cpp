@@ -1,12 +1,13 @@
 #include "app/AppDelegate.h"
 
+#include "config/ExactValues.h"
 #include "config/Verification.h"
 #include "platform/Background.h"
 #include "platform/Outcome.h"
 
 void AppDelegate::save()
 {
-    if (busy)
+    if (busy || refuseInexactDraft())
         return;
     const QString snapshot = draft().text();
     busy = true;
@@ -40,4 +41,16 @@ void AppDelegate::finishSave(const Outcome<QByteArray> &result, const QString &s
     reload();
     alert(QStringLiteral("Cannot save until radio details are resolved: ") + result.error->localizedDescription());
     setStatus(QStringLiteral("Not saved; existing configuration unchanged."));
+}
+
+bool AppDelegate::refuseInexactDraft()
+{
+    // Saving reads and writes the whole document again, which would change such a value.
+    const std::optional<InexactValue> inexact = firstInexactValue(draft().text());
+    if (!inexact)
+        return false;
+    reload();
+    alert(inexactValueMessage(*inexact));
+    setStatus(QStringLiteral("Not saved; existing configuration unchanged."));
+    return true;
 }

@@ -7,7 +7,7 @@
 
 void AppDelegate::addRadio()
 {
-    if (busy)
+    if (busy || refuseInexactDraft())
         return;
     QLineEdit field;
     field.setPlaceholderText(QStringLiteral("Radio IPv4 address"));

@@ -4,6 +4,7 @@
 #include "app/AppDelegate.h"
 #include "app/ServiceButton.h"
 #include "config/ConfigFile.h"
+#include "config/ExactValues.h"
 #include "config/Verification.h"
 #include "platform/Error.h"
 
@@ -23,6 +24,7 @@
 #include <optional>
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
@@ -1061,7 +1063,234 @@ private Q_SLOTS:
         }
     }
 
+    // ---- Values the document must keep exactly ----
+
+    void numbersThatSurviveARewriteAreExact()
+    {
+        for (const char *json : {"{\"a\": 3000}", "{\"a\": 1.5}", "{\"a\": 1e3}", "{\"a\": 0.1}", "{\"a\": -2.5E-3}",
+                                 "{\"a\": 0}", "{\"a\": 0.0e12}", "{\"a\": 9007199254740992}", "{\"a\": 1e19}",
+                                 "{\"a\": [1, 2, {\"b\": 5e-324}]}", "{\"a\": \"12345678901234567890\"}",
+                                 "{\"a\": {\"k\": 1}, \"b\": {\"k\": 2}}", "[]"})
+            QVERIFY2(!firstInexactValue(QString::fromUtf8(json)), json);
+    }
+
+    void numbersADoubleDoesNotHoldAreReportedWithTheirKey()
+    {
+        const QList<std::pair<const char *, QString>> cases{
+            {"{\"bigId\": 12345678901234567890}", QStringLiteral("12345678901234567890")},
+            {"{\"bigId\": 9007199254740993}", QStringLiteral("9007199254740993")},
+            {"{\"bigId\": -0}", QStringLiteral("-0")},
+            {"{\"bigId\": -0.0e5}", QStringLiteral("-0.0e5")},
+            {"{\"bigId\": 1e400}", QStringLiteral("1e400")},
+            {"{\"bigId\": -1E+400}", QStringLiteral("-1E+400")},
+            {"{\"bigId\": 1e-400}", QStringLiteral("1e-400")},
+            {"{\"bigId\": 0.30000000000000001}", QStringLiteral("0.30000000000000001")},
+            {"{\"ok\": 1, \"bigId\": [1, 2, 1e400], \"later\": 1e999}", QStringLiteral("1e400")},
+            {"{\"s\": \"tab\there \\x\", \"bigId\": -2345678901234567890}", QStringLiteral("-2345678901234567890")},
+            {"{\"bigId\": 112345678901277095936.}", QStringLiteral("112345678901277095936.")},
+            {"{\"bigId\": 12345678901234567168}", QStringLiteral("12345678901234567168")},
+        };
+        for (const auto &[json, number] : cases) {
+            const std::optional<InexactValue> found = firstInexactValue(QString::fromUtf8(json));
+            QVERIFY2(found, json);
+            QCOMPARE(found->kind, InexactValue::Kind::Number);
+            QCOMPARE(found->key, QStringLiteral("bigId"));
+            QCOMPARE(found->number, number);
+        }
+    }
+
+    void aKeyHeldTwiceIsReported()
+    {
+        for (const char *json : {"{\"radios\": [{\"name\": \"a\", \"name\": \"b\"}]}",
+                                 "{\"radios\": [{\"name\": \"a\", \"n\\u0061me\": \"b\"}]}"}) {
+            const std::optional<InexactValue> found = firstInexactValue(QString::fromUtf8(json));
+            QVERIFY2(found, json);
+            QCOMPARE(found->kind, InexactValue::Kind::RepeatedKey);
+            QCOMPARE(found->key, QStringLiteral("name"));
+        }
+    }
+
+    void invalidJsonIsLeftToTheParser()
+    {
+        for (const char *json : {"{\"a\": 1e400", "{\"a\": 1e400,}", "{\"a\": 1e400} x",
+                                 "{\"a\": -}", "{\"a\" 1}", ""})
+            QVERIFY2(!firstInexactValue(QString::fromUtf8(json)), json);
+    }
+
+    void theRefusalNamesTheKeyAndTheValue()
+    {
+        QCOMPARE(inexactValueMessage({InexactValue::Kind::Number, QStringLiteral("bigId"),
+                                      QStringLiteral("12345678901234567890")}),
+                 QStringLiteral("config.json holds a value Veldspar cannot keep exactly (\"bigId\": "
+                                "12345678901234567890). Edit the file by hand, or remove the value, and try again."));
+        QCOMPARE(inexactValueMessage({InexactValue::Kind::RepeatedKey, QStringLiteral("name"), QString()}),
+                 QStringLiteral("config.json holds the key \"name\" twice in one object, and Veldspar would keep "
+                                "only the last. Edit the file by hand, or remove one of them, and try again."));
+    }
+
+    void aToggleRefusesToChangeAValueItCannotKeep()
+    {
+        const QList<std::pair<QByteArray, QString>> cases{
+            {"\"bigId\": 12345678901234567890", QStringLiteral("(\"bigId\": 12345678901234567890)")},
+            {"\"bigId\": -0", QStringLiteral("(\"bigId\": -0)")},
+            {"\"bigId\": 1, \"bigId\": 2", QStringLiteral("the key \"bigId\" twice")},
+        };
+        for (const auto &[member, named] : cases) {
+            const QByteArray file = "{" + member + ", \"broadcastIntervalMs\": 3000, \"radios\": [{\"ipAddress\": "
+                                    "\"10.0.0.2\", \"serialNumber\": \"1111-2222-3333-4444\", \"version\": \"3.3\"}]}";
+            TestWorld world;
+            world.writeConfig(file);
+            DialogAnswerer answerer;
+            RunningApp app(world);
+            QVERIFY2(app.rowCount() == 1, member.constData());
+            app.click(app.includeBox());
+            QVERIFY(app.waitUntilIdle());
+
+            QCOMPARE(answerer.shown().size(), 1);
+            const QString shown = answerer.shown().constFirst().texts.value(0);
+            QVERIFY2(shown.contains(named) && shown.startsWith(QStringLiteral("config.json holds ")), qPrintable(shown));
+            QCOMPARE(world.readConfig(), file);
+            QVERIFY(importCalls(world).isEmpty());
+            QCOMPARE(app.app().draftText(), QString::fromUtf8(file));
+            QVERIFY(!app.includeBox()->isChecked());
+            QCOMPARE(app.statusText(), notSaved);
+        }
+    }
+
+    void valuesKeptExactlySurviveASave()
+    {
+        TestWorld world;
+        world.writeConfig("{\"big\": 9007199254740992, \"ratio\": 1.5, \"rate\": 1e3, \"tiny\": 0.1, \"radios\": "
+                          "[{\"ipAddress\": \"10.0.0.2\", \"serialNumber\": \"1111-2222-3333-4444\", \"version\": "
+                          "\"3.3\", \"gain\": -2.5}], \"broadcastIntervalMs\": 3000}");
+        DialogAnswerer answerer;
+        RunningApp app(world);
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(app.statusText(), saved);
+        QVERIFY(answerer.shown().isEmpty());
+        const QByteArray onDisk = world.readConfig();
+        QVERIFY2(onDisk.contains("\"big\": 9007199254740992,") && onDisk.contains("\"ratio\": 1.5,")
+                     && onDisk.contains("\"rate\": 1000,") && onDisk.contains("\"tiny\": 0.1\n")
+                     && onDisk.contains("\"gain\": -2.5,"),
+                 onDisk.constData());
+    }
+
     // ---- The writer ----
+
+    void draftsLeftByAKilledAppGoAtStartUp()
+    {
+        TestWorld world;
+        const QString runtime = world.runtimeDir() + QStringLiteral("/Veldspar");
+        const QString cache = world.home() + QStringLiteral("/.cache/org.kestrum.Veldspar.configure");
+        const QString name = QStringLiteral("/Veldspar-0C6A1F52-3B7E-4D7A-9A41-5E2F3C1D8B90.json");
+        const QString staleHere = runtime + name;
+        const QString staleInCache = cache + name;
+        const QString fresh = runtime + QStringLiteral("/Veldspar-7D1B2C3E-4F50-4A61-8B72-9C83D4E5F601.json");
+        for (const QString &path : {staleHere, staleInCache, fresh})
+            writeTestFile(path, "{}");
+        for (const QString &path : {staleHere, staleInCache}) {
+            QFile file(path);
+            QVERIFY(file.open(QIODevice::ReadWrite));
+            QVERIFY(file.setFileTime(QDateTime::currentDateTimeUtc().addSecs(-3600), QFileDevice::FileModificationTime));
+        }
+
+        RunningApp app(world);
+        QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(staleHere) && !QFile::exists(staleInCache), 5000);
+        QVERIFY(app.waitUntilIdle());
+        QVERIFY(QFile::exists(fresh));
+        QCOMPARE(world.leftoverTemporaryFiles(), QStringList{fresh});
+    }
+
+
+    void aSaveWaitingForAnotherImportKeepsTheWindowAnswering()
+    {
+        const QJsonObject entry = radio(QStringLiteral("10.0.0.1"), QStringLiteral("1111-0000-0000-0001"), QStringLiteral("One"));
+        TestWorld world;
+        world.writeConfig(configWith({entry}));
+        DialogAnswerer answerer;
+        RunningApp app(world);
+
+        // Another import holds the folder's lock, as the service executable takes it.
+        const int held = ::open(QFile::encodeName(QFileInfo(world.configPath()).path()).constData(),
+                                O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        QVERIFY(held >= 0);
+        QCOMPARE(::flock(held, LOCK_EX), 0);
+        app.click(app.includeBox());
+        QTRY_COMPARE_WITH_TIMEOUT(app.statusText(), QStringLiteral("Waiting for another save of config.json to finish\u2026"),
+                                  5000);
+        bool answered = false;
+        QTimer::singleShot(0, [&answered] { answered = true; });
+        QTRY_VERIFY_WITH_TIMEOUT(answered, 500);
+        QVERIFY(app.app().isBusy());
+        QCOMPARE(world.readConfig(), configWith({entry}));
+
+        ::close(held);
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(app.statusText(), saved);
+        QCOMPARE(world.readConfig(),
+                 configWith({withKey(entry, QStringLiteral("enabled"), !entry.value(QStringLiteral("enabled")).toBool())}));
+        QVERIFY(answerer.shown().isEmpty());
+        QCOMPARE(world.leftoverTemporaryFiles(), QStringList());
+    }
+
+
+    void aFileChangedOutsideIsReloadedInsteadOfOverwritten()
+    {
+        const QJsonObject first = radio(QStringLiteral("10.0.0.1"), QStringLiteral("1111-0000-0000-0001"), QStringLiteral("One"));
+        const QJsonObject second = radio(QStringLiteral("10.0.0.2"), QStringLiteral("2222-0000-0000-0002"), QStringLiteral("Two"));
+        TestWorld world;
+        world.writeConfig(configWith({first}));
+        DialogAnswerer answerer;
+        RunningApp app(world);
+        QCOMPARE(app.rowCount(), 1);
+
+        // Another copy of the app adds a radio meanwhile.
+        const QByteArray theirs = configWith({first, second});
+        world.writeConfig(theirs);
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+
+        QCOMPARE(world.readConfig(), theirs);
+        QVERIFY(importCalls(world).isEmpty());
+        QCOMPARE(app.rowCount(), 2);
+        QCOMPARE(app.rowTexts(1).value(0), QStringLiteral("Two"));
+        QCOMPARE(app.app().draftText(), QString::fromUtf8(theirs));
+        QCOMPARE(app.statusText(), QStringLiteral("config.json was changed outside Veldspar; reloaded it instead of "
+                                                  "saving. Make your change again."));
+        QVERIFY(answerer.shown().isEmpty());
+
+        // Made again on what is on disk now, the change is saved, and so is the next one.
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(app.statusText(), saved);
+        app.selectRow(1);
+        app.click(app.includeBox());
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(app.statusText(), saved);
+        QCOMPARE(importCalls(world).size(), 2);
+        const auto toggled = [](const QJsonObject &entry) {
+            return withKey(entry, QStringLiteral("enabled"), !entry.value(QStringLiteral("enabled")).toBool());
+        };
+        QCOMPARE(world.readConfig(), configWith({toggled(first), toggled(second)}));
+    }
+
+    void aFileThatAppearedIsNotOverwritten()
+    {
+        TestWorld world;
+        DialogAnswerer answerer;
+        RunningApp app(world);
+        QCOMPARE(app.statusText(), noRadios);
+        const QByteArray theirs = configWith({radio(QStringLiteral("10.0.0.2"), QStringLiteral("2222-0000-0000-0002"))});
+        world.writeConfig(theirs);
+        answerer.willPress(QStringLiteral("OK"));
+        app.click(app.button(QStringLiteral("Delete Config")));
+        QVERIFY(app.waitUntilIdle());
+        QCOMPARE(world.readConfig(), theirs);
+        QCOMPARE(app.rowCount(), 1);
+        QVERIFY(app.statusText().startsWith(QStringLiteral("config.json was changed outside Veldspar")));
+    }
+
 
     void twoSavesUseDistinctTemporaryFiles()
     {
