@@ -1,6 +1,7 @@
 #include "config/ConfigFile.h"
 
 #include "config/ConfigDocument.h"
+#include "config/ExactValues.h"
 #include "platform/ConfigurationLimit.h"
 #include "platform/Error.h"
 
@@ -28,5 +29,9 @@ QJsonObject readConfigurationFile(const QString &path)
         throw fileError(QFileDevice::ReadError, path,
                         QStringLiteral("The file is larger than %1 MB, too large for a radio configuration")
                             .arg(largestConfigurationFile / (1024 * 1024)));
+    // Taken in, the file would be rewritten through Qt's JSON classes: a value they cannot hold
+    // would change on the way, so the file is refused instead, as a save would be.
+    if (const std::optional<InexactValue> inexact = firstInexactValue(QString::fromUtf8(bytes)))
+        throw Error::withMessage(inexactValueMessage(*inexact, QFileInfo(path).fileName()));
     return parseConfiguration(bytes);
 }

@@ -280,14 +280,14 @@ std::optional<InexactValue> firstInexactValue(QStringView json)
     return Scanner(json).run();
 }
 
-QString inexactValueMessage(const InexactValue &value)
+QString inexactValueMessage(const InexactValue &value, const QString &fileName)
 {
     const QString key = u'"' + value.key + u'"';
     if (value.kind == InexactValue::Kind::RepeatedKey)
-        return QStringLiteral("config.json holds the key %1 twice in one object, and Veldspar would keep only the last. "
+        return QStringLiteral("%1 holds the key %2 twice in one object, and Veldspar would keep only the last. "
                               "Edit the file by hand, or remove one of them, and try again.")
-            .arg(key);
-    return QStringLiteral("config.json holds a value Veldspar cannot keep exactly (%1: %2). Edit the file by hand, "
+            .arg(fileName, key);
+    return QStringLiteral("%1 holds a value Veldspar cannot keep exactly (%2: %3). Edit the file by hand, "
                           "or remove the value, and try again.")
-        .arg(key, value.number);
+        .arg(fileName, key, value.number);
 }

@@ -21,5 +21,6 @@ struct InexactValue
 // not valid JSON (its parser reports that).
 std::optional<InexactValue> firstInexactValue(QStringView json);
 
-// What the user is told when a save is refused for the value.
-QString inexactValueMessage(const InexactValue &value);
+// What the user is told when a save (of config.json) or an import (of the named file) is
+// refused for the value.
+QString inexactValueMessage(const InexactValue &value, const QString &fileName = QStringLiteral("config.json"));

@@ -1665,6 +1665,18 @@ private Q_SLOTS:
             << QByteArray("{\"radios\": [{\"ipAddress\": \"10.0.0.1\", \"name\": \"\xff\xfe\"}]}")
             << QStringLiteral("^Cannot read file: Error Domain=QJsonParseError Code=\\d+ \"JSON text is not valid: invalid "
                               "UTF8 string at offset \\d+\\.\" UserInfo=.+$");
+        // Valid JSON whose rewrite would change a value.
+        QTest::newRow("value a double cannot hold")
+            << QByteArray(R"({"radios": [], "stationId": 12345678901234567890})")
+            << QRegularExpression::escape(QStringLiteral("Cannot read file: Error Domain=chosen.json holds a value Veldspar "
+                                                         "cannot keep exactly (\"stationId\": 12345678901234567890). Edit "
+                                                         "the file by hand, or remove the value, and try again."))
+                   + QStringLiteral(".*$");
+        QTest::newRow("repeated key")
+            << QByteArray(R"({"radios": [], "radios": []})")
+            << QRegularExpression::escape(QStringLiteral("Cannot read file: Error Domain=chosen.json holds the key \"radios\" "
+                                                         "twice in one object"))
+                   + QStringLiteral(".*$");
         // Valid JSON, but far larger than any radio list.
         QTest::newRow("17 MB") << (QByteArray("{\"radios\": [], \"padding\": \"") + QByteArray(17 * 1000 * 1000, 'x')
                                   + QByteArray("\"}"))
