@@ -1712,6 +1712,43 @@ private Q_SLOTS:
         QVERIFY(world.calls().isEmpty());
     }
 
+    // A pipe picked by mistake would leave the window waiting for a writer that never comes.
+    void importOfAPipeIsRefusedWithoutWaiting()
+    {
+        TestWorld world;
+        const QByteArray config = configWith({radio(QStringLiteral("10.0.0.1"), QStringLiteral("A-1"))});
+        world.writeConfig(config);
+        RunningApp app(world);
+        const QString pipe = world.root() + QStringLiteral("/radios.json");
+        QCOMPARE(::mkfifo(QFile::encodeName(pipe).constData(), 0600), 0);
+        // Should the app open it for reading after all, this writer lets it go again.
+        std::atomic<bool> done = false;
+        std::thread releaser([&] {
+            for (int waited = 0; waited < 100 && !done; ++waited)
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            if (!done) {
+                const int fd = ::open(QFile::encodeName(pipe).constData(), O_WRONLY | O_NONBLOCK);
+                if (fd >= 0)
+                    ::close(fd);
+            }
+        });
+        DialogAnswerer answers;
+        answers.willChoose(pipe);
+        app.click(app.button(QStringLiteral("Import\u2026")));
+        const bool idle = app.waitUntilIdle();
+        done = true;
+        releaser.join();
+        QVERIFY(idle);
+        QCOMPARE(answers.shown().size(), 2);
+        QCOMPARE(answers.shown().at(1).texts.value(0),
+                 QStringLiteral("Cannot read file: Error Domain=QFile Code=5 \"%1: Not a regular file (a pipe, a device or a "
+                                "socket), so not a radio configuration\" UserInfo={NSLocalizedDescription=%1: Not a regular "
+                                "file (a pipe, a device or a socket), so not a radio configuration}")
+                     .arg(pipe));
+        QCOMPARE(world.readConfig(), config);
+        QVERIFY(world.calls().isEmpty());
+    }
+
     void importOfAnUnreadableFileSaysWhy()
     {
         TestWorld world;
