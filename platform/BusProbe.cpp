@@ -1,4 +1,5 @@
 #include "platform/BusProbe.h"
+#include "platform/UnixSocket.h"
 
 #include <QByteArray>
 #include <QDeadlineTimer>
@@ -19,30 +20,6 @@
 #include <unistd.h>
 
 namespace {
-// A socket closed when it goes out of scope.
-class Socket
-{
-public:
-    Socket() : m_fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {}
-    ~Socket()
-    {
-        if (m_fd >= 0)
-            ::close(m_fd);
-    }
-    Socket(const Socket &) = delete;
-    Socket &operator=(const Socket &) = delete;
-
-    int fd() const { return m_fd; }
-
-private:
-    int m_fd;
-};
-
-int remainingMs(const QDeadlineTimer &deadline)
-{
-    return int(qMin<qint64>(qMax<qint64>(0, deadline.remainingTime()), std::numeric_limits<int>::max()));
-}
-
 // The socket address of one unix: entry, or nothing for any other transport. An abstract name
 // starts with a zero byte and is as long as the name, not the whole field.
 struct UnixAddress
@@ -74,18 +51,6 @@ std::optional<UnixAddress> unixAddressOf(const QString &entry)
     return std::nullopt;
 }
 
-bool waitFor(int fd, short events, const QDeadlineTimer &deadline)
-{
-    for (;;) {
-        pollfd watched = {fd, events, 0};
-        const int ready = ::poll(&watched, 1, remainingMs(deadline));
-        if (ready > 0)
-            return true;
-        if (ready == 0 || errno != EINTR)
-            return false;
-    }
-}
-
 enum class Connected { Yes, Refused, Timeout };
 
 Connected connectWithin(int fd, const UnixAddress &target, const QDeadlineTimer &deadline)
@@ -101,23 +66,6 @@ Connected connectWithin(int fd, const UnixAddress &target, const QDeadlineTimer 
             return Connected::Timeout;
         QThread::msleep(5);
     }
-}
-
-bool sendAll(int fd, const QByteArray &bytes, const QDeadlineTimer &deadline)
-{
-    qsizetype sent = 0;
-    while (sent < bytes.size()) {
-        const ssize_t written = ::send(fd, bytes.constData() + sent, size_t(bytes.size() - sent), MSG_NOSIGNAL);
-        if (written > 0)
-            sent += written;
-        else if (written < 0 && errno == EINTR)
-            continue;
-        else if (written < 0 && errno == EAGAIN && waitFor(fd, POLLOUT, deadline))
-            continue;
-        else
-            return false;
-    }
-    return true;
 }
 
 // What arrives until a line ends (the authentication speaks in lines), or at least one byte
@@ -196,7 +144,7 @@ bool answersHello(int fd, const QDeadlineTimer &deadline)
 BusAnswer probeOne(const UnixAddress &target, BusKind kind, const QDeadlineTimer &deadline, bool *taken)
 {
     *taken = false;
-    Socket socket;
+    UnixSocket socket;
     if (socket.fd() < 0)
         return BusAnswer::Silent;
     switch (connectWithin(socket.fd(), target, deadline)) {

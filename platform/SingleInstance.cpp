@@ -1,6 +1,7 @@
 #include "platform/SingleInstance.h"
 
 #include "platform/InstanceFolder.h"
+#include "platform/UnixSocket.h"
 
 #include <QDeadlineTimer>
 #include <QDir>
@@ -46,31 +47,6 @@ bool outOfResources(int error)
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
-int remainingMs(const QDeadlineTimer &deadline)
-{
-    return int(qMin<qint64>(qMax<qint64>(0, deadline.remainingTime()), std::numeric_limits<int>::max()));
-}
-
-// A socket closed when it goes out of scope.
-class Socket
-{
-public:
-    Socket() : m_fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {}
-    ~Socket()
-    {
-        if (m_fd >= 0)
-            ::close(m_fd);
-    }
-    Socket(const Socket &) = delete;
-    Socket &operator=(const Socket &) = delete;
-
-    int fd() const { return m_fd; }
-    int release() { return std::exchange(m_fd, -1); }
-
-private:
-    int m_fd;
-};
-
 std::optional<sockaddr_un> addressOf(const QString &name)
 {
     const QByteArray path = QFile::encodeName(name);
@@ -94,18 +70,6 @@ bool peerIsThisUser(int fd)
 }
 
 // Waits until the socket is ready for the events or the deadline passes.
-bool waitFor(int fd, short events, const QDeadlineTimer &deadline)
-{
-    for (;;) {
-        pollfd watched = {fd, events, 0};
-        const int ready = ::poll(&watched, 1, remainingMs(deadline));
-        if (ready > 0)
-            return true;
-        if (ready == 0 || errno != EINTR)
-            return false;
-    }
-}
-
 bool connectWithin(int fd, const sockaddr_un &address, const QDeadlineTimer &deadline)
 {
     for (;;) {
@@ -117,23 +81,6 @@ bool connectWithin(int fd, const sockaddr_un &address, const QDeadlineTimer &dea
             return false;
         QThread::msleep(5);
     }
-}
-
-bool sendAll(int fd, const QByteArray &bytes, const QDeadlineTimer &deadline)
-{
-    qsizetype sent = 0;
-    while (sent < bytes.size()) {
-        const ssize_t written = ::send(fd, bytes.constData() + sent, size_t(bytes.size() - sent), MSG_NOSIGNAL);
-        if (written > 0)
-            sent += written;
-        else if (written < 0 && errno == EINTR)
-            continue;
-        else if (written < 0 && errno == EAGAIN && waitFor(fd, POLLOUT, deadline))
-            continue;
-        else
-            return false;
-    }
-    return true;
 }
 
 // The first line, with its end, of at most longestLine bytes.
@@ -288,7 +235,7 @@ SingleInstance::Claim SingleInstance::claim(int timeoutMs)
 SingleInstance::Claim SingleInstance::askRunningCopy(const QDeadlineTimer &deadline) const
 {
     const std::optional<sockaddr_un> address = addressOf(m_name);
-    Socket socket;
+    UnixSocket socket;
     if (!address || socket.fd() < 0)
         return Claim::Primary;
     const QDeadlineTimer connecting(qMin(connectWaitMs, remainingMs(deadline)));
@@ -306,7 +253,7 @@ SingleInstance::Claim SingleInstance::askRunningCopy(const QDeadlineTimer &deadl
 void SingleInstance::listen()
 {
     const std::optional<sockaddr_un> address = addressOf(m_name);
-    Socket socket;
+    UnixSocket socket;
     const auto fail = [this](const char *why) {
         qWarning("Later starts of Veldspar cannot find this one: %s: %s", qPrintable(QDir::toNativeSeparators(m_name)), why);
     };
