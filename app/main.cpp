@@ -2,6 +2,7 @@
 #include "platform/FontConfigWarmUp.h"
 #include "platform/SessionBusCheck.h"
 #include "platform/SingleInstance.h"
+#include "updates/StartUpRecovery.h"
 
 #include <QApplication>
 
@@ -13,6 +14,8 @@ int main(int argc, char *argv[])
     QApplication application(argc, argv);
     QGuiApplication::setApplicationDisplayName(QStringLiteral("Veldspar"));
     QGuiApplication::setDesktopFileName(QStringLiteral("org.kestrum.Veldspar.configure"));
+    // An update swap that a crash cut short is finished or undone before the bundle is read.
+    recoverBundleAtStartUp(argv);
 
     // A second start brings the running copy's window forward instead of opening its own.
     SingleInstance instance;

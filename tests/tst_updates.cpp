@@ -433,10 +433,12 @@ public:
     }
 };
 
-QString runTool(const QStringList &arguments, int *status = nullptr, QString *errors = nullptr)
+// Runs program to its end, for 60 s at most; status gets its exit code, or 128 plus the
+// signal that ended it (QProcess gives that signal as the exit code).
+QString runProgram(const QString &program, const QStringList &arguments, int *status = nullptr, QString *errors = nullptr)
 {
     QProcess process;
-    process.start(QStringLiteral(VELDSPAR_RELEASE_TOOL), arguments);
+    process.start(program, arguments);
     if (!process.waitForStarted())
         return QStringLiteral("(not started)");
     // The test's own server may have to answer meanwhile: keep the event loop turning.
@@ -445,11 +447,20 @@ QString runTool(const QStringList &arguments, int *status = nullptr, QString *er
         QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
         process.waitForFinished(20);
     }
+    if (process.state() != QProcess::NotRunning) {
+        process.kill();
+        process.waitForFinished(5000);
+    }
     if (status)
-        *status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+        *status = process.exitCode() + (process.exitStatus() == QProcess::CrashExit ? 128 : 0);
     if (errors)
         *errors = QString::fromUtf8(process.readAllStandardError());
     return QString::fromUtf8(process.readAllStandardOutput());
+}
+
+QString runTool(const QStringList &arguments, int *status = nullptr, QString *errors = nullptr)
+{
+    return runProgram(QStringLiteral(VELDSPAR_RELEASE_TOOL), arguments, status, errors);
 }
 
 // Runs work() in a child process that sees folder as a fresh filesystem of `bytes` bytes (a
@@ -600,6 +611,23 @@ private:
     QStringList besideBundle() const
     {
         return QDir(m_applications).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    }
+
+    // Version 1.0 installed and 1.1 staged at staged, each with the crash probe as its
+    // executable; returns each one's snapshot by version.
+    QMap<QString, QMap<QString, QByteArray>> installWithUpdateStaged(const QString &staged)
+    {
+        BundleRecipe next = installedRecipe();
+        next.version = QStringLiteral("1.1");
+        QMap<QString, QMap<QString, QByteArray>> bundles;
+        for (const auto &[bundle, recipe] : {std::pair{m_bundle, installedRecipe()}, std::pair{staged, next}}) {
+            writeBundle(bundle, recipe);
+            QFile::remove(bundle + QStringLiteral("/Veldspar"));
+            if (!QFile::copy(QStringLiteral(VELDSPAR_SWAP_CRASH_PROBE), bundle + QStringLiteral("/Veldspar")))
+                qFatal("the probe could not be copied into %s", qPrintable(bundle));
+            bundles.insert(recipe.version, snapshot(bundle));
+        }
+        return bundles;
     }
 
     // A refused update leaves the installed bundle exactly as it was and nothing beside it.
@@ -1935,6 +1963,116 @@ private Q_SLOTS:
                                      QStringLiteral(".Veldspar.app-incoming -> Veldspar.app"),
                                      QStringLiteral(".Veldspar.app-previous -> Veldspar.app")}));
         QCOMPARE(snapshot(m_bundle), before);
+        QVERIFY(removeTree(m_applications + QStringLiteral("/.staging")));
+        QCOMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+    }
+
+    // A crash at any step of a swap, on a filesystem with an atomic exchange and on one
+    // without: the next start of the app, from wherever it can still start, leaves one complete
+    // bundle, the old or the new one as far as the swap got, and nothing beside it.
+    void swapCutShortByACrashIsRecoveredAtTheNextStart_data()
+    {
+        QTest::addColumn<QString>("mode");
+        QTest::addColumn<QString>("step");
+        QTest::addColumn<QString>("startedFrom"); // the bundle whose executable starts
+        QTest::addColumn<QString>("expected");    // the version then installed
+
+        auto row = [](const char *mode, const char *step, const QString &from, const char *expected) {
+            QTest::addRow("%s, %s, started from %s", mode, step, qPrintable(from))
+                << QString::fromLatin1(mode) << QString::fromLatin1(step) << from << QString::fromLatin1(expected);
+        };
+        for (const char *mode : {"exchange", "fallback"}) {
+            row(mode, "UpdateBeside", QStringLiteral("Veldspar.app"), "1.0");
+            row(mode, "removing", QStringLiteral("Veldspar.app"), "1.1");
+            row(mode, "OldRemoved", QStringLiteral("Veldspar.app"), "1.1");
+            row(mode, "none", QStringLiteral("Veldspar.app"), "1.1");
+        }
+        row("exchange", "Exchanged", QStringLiteral("Veldspar.app"), "1.1");
+        // Between the two renames there is no Veldspar.app: only the copies moved aside start.
+        row("fallback", "InstalledAside", QStringLiteral(".Veldspar.app-previous"), "1.0");
+        row("fallback", "InstalledAside", QStringLiteral(".Veldspar.app-incoming"), "1.0");
+        row("fallback", "UpdateIn", QStringLiteral("Veldspar.app"), "1.1");
+    }
+
+    void swapCutShortByACrashIsRecoveredAtTheNextStart()
+    {
+        QFETCH(QString, mode);
+        QFETCH(QString, step);
+        QFETCH(QString, startedFrom);
+        QFETCH(QString, expected);
+        // An abandoned staging folder, as a crash during the swap leaves it.
+        const QString staged = m_applications + QStringLiteral("/.Veldspar.app-update-Crash1/unpacked/Veldspar.app");
+        const QMap<QString, QMap<QString, QByteArray>> bundles = installWithUpdateStaged(staged);
+
+        int status = -1;
+        runProgram(QStringLiteral(VELDSPAR_SWAP_CRASH_PROBE), {QStringLiteral("swap"), m_bundle, staged, step, mode}, &status);
+        QCOMPARE(status, step == QStringLiteral("none") ? 0 : int(SIGKILL) + 128);
+        const QString program = m_applications + u'/' + startedFrom + QStringLiteral("/Veldspar");
+        QVERIFY2(QFileInfo(program).isExecutable(), qPrintable(besideBundle().join(u' ')));
+        // A copy moved aside is started only when the installed one cannot be.
+        QCOMPARE(QFileInfo::exists(m_bundle), startedFrom == QStringLiteral("Veldspar.app"));
+
+        QCOMPARE(runProgram(program, {QStringLiteral("start")}, &status), m_bundle + u'\n');
+        QCOMPARE(status, 0);
+        QCOMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+        QCOMPARE(snapshot(m_bundle), bundles.value(expected));
+        const BundleInfo info = readBundleInfo(m_bundle);
+        QCOMPARE(info.version, expected);
+        QVERIFY(QFileInfo(info.executablePath()).isExecutable());
+    }
+
+    // A swap that a crash cut short is undone before the next swap, which then succeeds.
+    void swapAfterACrashedSwapFinishesWhatItLeft_data()
+    {
+        QTest::addColumn<QString>("mode");
+        QTest::addColumn<QString>("step");
+        QTest::newRow("exchange, exchanged") << QStringLiteral("exchange") << QStringLiteral("Exchanged");
+        QTest::newRow("exchange, update beside") << QStringLiteral("exchange") << QStringLiteral("UpdateBeside");
+        QTest::newRow("fallback, installed aside") << QStringLiteral("fallback") << QStringLiteral("InstalledAside");
+        QTest::newRow("fallback, removing") << QStringLiteral("fallback") << QStringLiteral("removing");
+    }
+
+    void swapAfterACrashedSwapFinishesWhatItLeft()
+    {
+        QFETCH(QString, mode);
+        QFETCH(QString, step);
+        const QString staged = m_applications + QStringLiteral("/.staging/unpacked/Veldspar.app");
+        installWithUpdateStaged(staged);
+        int status = -1;
+        runProgram(QStringLiteral(VELDSPAR_SWAP_CRASH_PROBE), {QStringLiteral("swap"), m_bundle, staged, step, mode}, &status);
+        QCOMPARE(status, int(SIGKILL) + 128);
+
+        BundleRecipe later = installedRecipe();
+        later.version = QStringLiteral("1.2");
+        const QString again = root() + QStringLiteral("/again/Veldspar.app");
+        writeBundle(again, later);
+        const QMap<QString, QByteArray> expected = snapshot(again);
+        SwapOperations operations = systemSwapOperations();
+        if (mode == QStringLiteral("fallback"))
+            operations.exchange = [](const QString &, const QString &) { return EINVAL; };
+        swapBundles(m_bundle, again, operations);
+        QCOMPARE(snapshot(m_bundle), expected);
+        QVERIFY(removeTree(m_applications + QStringLiteral("/.staging")));
+        QCOMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+    }
+
+    // A second start while this copy swaps leaves the swap alone.
+    void recoveryLeavesASwapUnderWayAlone()
+    {
+        const QString staged = m_applications + QStringLiteral("/.staging/unpacked/Veldspar.app");
+        const QMap<QString, QMap<QString, QByteArray>> bundles = installWithUpdateStaged(staged);
+        SwapOperations operations = systemSwapOperations();
+        operations.exchange = [](const QString &, const QString &) { return EINVAL; };
+        QString recovered = QStringLiteral("not run");
+        operations.stepDone = [&](SwapStep step) {
+            if (step == SwapStep::InstalledAside)
+                recovered = runProgram(m_applications + QStringLiteral("/.Veldspar.app-previous/Veldspar"),
+                                       {QStringLiteral("start")});
+        };
+        swapBundles(m_bundle, staged, operations);
+        // It found the installed bundle missing and left it so, for the swap to finish.
+        QCOMPARE(recovered, QStringLiteral("%1/.Veldspar.app-previous\n").arg(m_applications));
+        QCOMPARE(snapshot(m_bundle), bundles.value(QStringLiteral("1.1")));
         QVERIFY(removeTree(m_applications + QStringLiteral("/.staging")));
         QCOMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
     }

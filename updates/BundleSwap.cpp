@@ -6,6 +6,7 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 
 #include <cerrno>
 #include <cstdio>
@@ -26,15 +27,6 @@ QString folderOf(const QString &path)
 {
     return QFileInfo(path).absolutePath();
 }
-
-QString uniqueSibling(const QString &base, const QString &suffix)
-{
-    QString candidate = base + suffix;
-    for (int n = 2; QFileInfo::exists(candidate) || QFileInfo(candidate).isSymLink(); ++n)
-        candidate = base + suffix + QString::number(n);
-    return candidate;
-}
-
 
 QString stagingPrefix(const QString &bundlePath)
 {
@@ -72,6 +64,114 @@ int lockFolder(const QString &path)
     ::close(descriptor);
     errno = error;
     return -1;
+}
+
+// The names a swap gives, beside the installed bundle, to a bundle on its way in or out.
+const QString incomingSuffix = QStringLiteral("-incoming");
+const QString previousSuffix = QStringLiteral("-previous");
+
+QString asideName(const QString &installed, const QString &suffix)
+{
+    return folderOf(installed) + QStringLiteral("/.") + QFileInfo(installed).fileName() + suffix;
+}
+
+// The installed bundle for a bundle that a swap had moved aside, otherwise the path itself.
+QString installedBundleFor(const QString &bundlePath)
+{
+    static const QRegularExpression aside(QStringLiteral("^\\.(.+)-(?:incoming|previous)[0-9]*$"));
+    const QFileInfo bundle(bundlePath);
+    const QRegularExpressionMatch match = aside.match(bundle.fileName());
+    return QDir::cleanPath(match.hasMatch() ? bundle.absolutePath() + u'/' + match.captured(1) : bundle.absoluteFilePath());
+}
+
+bool isFolder(const QString &path)
+{
+    struct stat status{};
+    return ::lstat(QFile::encodeName(path).constData(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// What swaps left beside the installed bundle and this user owns, including the numbered
+// names that earlier versions of the swap chose.
+QStringList swapLeftovers(const QString &installed)
+{
+    const QString folder = folderOf(installed);
+    const QRegularExpression leftover(QStringLiteral("^\\.%1-(?:incoming|previous)[0-9]*$")
+                                          .arg(QRegularExpression::escape(QFileInfo(installed).fileName())));
+    QStringList found;
+    const QStringList names = QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    for (const QString &name : names) {
+        struct stat status{};
+        const QString path = folder + u'/' + name;
+        if (leftover.match(name).hasMatch() && ::lstat(QFile::encodeName(path).constData(), &status) == 0
+            && status.st_uid == ::geteuid())
+            found << path;
+    }
+    return found;
+}
+
+// An exclusive lock on the folder that holds the bundle while a swap or its recovery renames
+// things in it, so that a second start of the app never undoes a swap under way.
+class SwapLock
+{
+public:
+    SwapLock(const QString &folder, int waitMs)
+        : m_descriptor(::open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+    {
+        for (int waited = 0; m_descriptor >= 0 && ::flock(m_descriptor, LOCK_EX | LOCK_NB) != 0; waited += lockPollMs) {
+            if ((errno != EWOULDBLOCK && errno != EINTR) || waited >= waitMs) {
+                m_busy = errno == EWOULDBLOCK;
+                ::close(m_descriptor);
+                m_descriptor = -1;
+                return;
+            }
+            ::usleep(lockPollMs * 1000);
+        }
+    }
+    ~SwapLock()
+    {
+        if (m_descriptor >= 0)
+            ::close(m_descriptor);
+    }
+    SwapLock(const SwapLock &) = delete;
+    SwapLock &operator=(const SwapLock &) = delete;
+
+    bool held() const { return m_descriptor >= 0; }
+    bool busy() const { return m_busy; } // another process holds it
+
+private:
+    static constexpr int lockPollMs = 20;
+    int m_descriptor;
+    bool m_busy = false;
+};
+
+// How long a swap waits for another process's recovery to let go of the folder.
+constexpr int swapLockWaitMs = 5000;
+
+// Under the swap lock. Whatever step of a swap a crash stopped (see swapBundles), the
+// installed name holds a complete bundle, or it is missing and .<name>-previous holds the
+// complete old one: so that one is put back (failing that, the complete update waiting as
+// .<name>-incoming goes in), and once the installed name holds a bundle every other name is
+// a leftover. Each step is a rename or a removal of a leftover, so a crash during recovery
+// leaves a state this recovers from too. Returns the leftovers that could not be removed.
+QStringList recoverLocked(const QString &installed, const SwapOperations &operations)
+{
+    if (!QFileInfo::exists(installed) && !QFileInfo(installed).isSymLink()) {
+        for (const QString &suffix : {previousSuffix, incomingSuffix}) {
+            const QString aside = asideName(installed, suffix);
+            if (isFolder(aside) && operations.rename(aside, installed) == 0) {
+                qWarning("An update was interrupted; %s was put back from %s", qPrintable(installed), qPrintable(aside));
+                break;
+            }
+        }
+    }
+    QStringList kept;
+    if (!QFileInfo(installed).isDir())
+        return kept; // nothing to put back; what is there is all that is left of the app
+    const QStringList leftovers = swapLeftovers(installed);
+    for (const QString &leftover : leftovers)
+        if (!operations.remove(leftover))
+            kept << leftover;
+    return kept;
 }
 } // namespace
 
@@ -152,9 +252,15 @@ SwapOperations systemSwapOperations()
     operations.rename = [](const QString &from, const QString &to) {
         return std::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) == 0 ? 0 : errno;
     };
+    operations.remove = removeTree;
     return operations;
 }
 
+// The order of the steps keeps this true at every moment, whatever step a crash stops: the
+// installed name holds a complete bundle (the old or the new one), or it is missing and
+// .<name>-previous holds the complete old bundle, between the two renames of the fallback.
+// Bundles only ever move by renaming a whole folder, and a bundle is deleted only after the
+// installed name holds the other one. recoverInterruptedSwap relies on it.
 void swapBundles(const QString &installed, const QString &staged, const SwapOperations &operations)
 {
     const QString folder = folderOf(installed);
@@ -164,29 +270,46 @@ void swapBundles(const QString &installed, const QString &staged, const SwapOper
                                           "version was left as it was.")
                                .arg(installed, what, errnoText(error)));
     };
+    auto done = [&](SwapStep step) {
+        if (operations.stepDone)
+            operations.stepDone(step);
+    };
+
+    const SwapLock lock(folder, swapLockWaitMs);
+    if (lock.busy())
+        throw failed(QStringLiteral("another process is changing the folder"), EWOULDBLOCK);
+    // The names below must be free, and a bundle an earlier swap left aside is put back first.
+    const QStringList kept = recoverLocked(installed, operations);
+    if (!kept.isEmpty())
+        throw updateError(UpdateErrorCode::NotWritable,
+                          QStringLiteral("Veldspar cannot update itself in %1: %2, left by an earlier update, cannot be "
+                                         "removed.")
+                              .arg(folder, kept.join(QStringLiteral(", "))));
 
     // The staged bundle first moves beside the installed one, so that the swap itself only
     // renames names within one folder.
-    const QString hidden = folder + QStringLiteral("/.") + QFileInfo(installed).fileName();
-    const QString incoming = uniqueSibling(hidden, QStringLiteral("-incoming"));
+    const QString incoming = asideName(installed, incomingSuffix);
     if (const int error = operations.rename(staged, incoming)) {
         if (error == EACCES || error == EPERM || error == EROFS)
             throw updateError(UpdateErrorCode::NotWritable,
                               QStringLiteral("Veldspar cannot update itself in %1: %2.").arg(folder, errnoText(error)));
         throw failed(QStringLiteral("moving the update beside it failed"), error);
     }
+    done(SwapStep::UpdateBeside);
 
     QString old;
     const int exchange = operations.exchange(incoming, installed);
     if (exchange == 0) {
         old = incoming;
+        done(SwapStep::Exchanged);
     } else if (exchange == EINVAL || exchange == ENOSYS || exchange == ENOTSUP || exchange == EXDEV) {
         // No atomic exchange here: rename aside, rename in, and put the old one back on failure.
-        old = uniqueSibling(hidden, QStringLiteral("-previous"));
+        old = asideName(installed, previousSuffix);
         if (const int error = operations.rename(installed, old)) {
-            removeTree(incoming);
+            operations.remove(incoming);
             throw failed(QStringLiteral("moving the installed version aside failed"), error);
         }
+        done(SwapStep::InstalledAside);
         if (const int error = operations.rename(incoming, installed)) {
             if (const int restore = operations.rename(old, installed)) {
                 throw updateError(UpdateErrorCode::InstallationFailed,
@@ -194,13 +317,31 @@ void swapBundles(const QString &installed, const QString &staged, const SwapOper
                                                  "installed version could not be put back from %3: %4.")
                                       .arg(installed, errnoText(error), old, errnoText(restore)));
             }
-            removeTree(incoming);
+            operations.remove(incoming);
             throw failed(QStringLiteral("moving the update in failed"), error);
         }
+        done(SwapStep::UpdateIn);
     } else {
-        removeTree(incoming);
+        operations.remove(incoming);
         throw failed(QStringLiteral("exchanging the two versions failed"), exchange);
     }
-    if (!removeTree(old))
+    if (!operations.remove(old))
         qWarning("The previous version could not be deleted completely: %s", qPrintable(old));
+    done(SwapStep::OldRemoved);
+}
+
+QString recoverInterruptedSwap(const QString &bundlePath)
+{
+    const QString installed = installedBundleFor(bundlePath);
+    {
+        // Skipped while another process swaps or recovers here: that one finishes the job.
+        const SwapLock lock(folderOf(installed), 0);
+        if (lock.held()) {
+            const QStringList kept = recoverLocked(installed, systemSwapOperations());
+            for (const QString &leftover : kept)
+                qWarning("What an earlier update left could not be removed: %s", qPrintable(leftover));
+        }
+    }
+    removeAbandonedStagingFolders(installed);
+    return QFileInfo(installed).isDir() ? installed : QString();
 }
