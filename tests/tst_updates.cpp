@@ -63,6 +63,7 @@
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -2075,6 +2076,56 @@ private Q_SLOTS:
         QCOMPARE(snapshot(m_bundle), bundles.value(QStringLiteral("1.1")));
         QVERIFY(removeTree(m_applications + QStringLiteral("/.staging")));
         QCOMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+    }
+
+    // What an earlier swap left and cannot be removed would take the swap's names: the swap
+    // refuses, and the installed bundle stays.
+    void swapRefusesWhileALeftoverCannotBeRemoved()
+    {
+        const QString staged = m_applications + QStringLiteral("/.staging/unpacked/Veldspar.app");
+        const QMap<QString, QMap<QString, QByteArray>> bundles = installWithUpdateStaged(staged);
+        const QString leftover = m_applications + QStringLiteral("/.Veldspar.app-incoming");
+        put(leftover + QStringLiteral("/kept"), "x");
+        SwapOperations operations = systemSwapOperations();
+        operations.remove = [&](const QString &path) { return path != leftover && removeTree(path); };
+        try {
+            swapBundles(m_bundle, staged, operations);
+            QFAIL("the swap succeeded");
+        } catch (const Error &error) {
+            QCOMPARE(error.code(), int(UpdateErrorCode::NotWritable));
+            QCOMPARE(error.localizedDescription(),
+                     QStringLiteral("Veldspar cannot update itself in %1: %2, left by an earlier update, cannot be "
+                                    "removed.")
+                         .arg(m_applications, leftover));
+        }
+        QCOMPARE(snapshot(m_bundle), bundles.value(QStringLiteral("1.0")));
+        QCOMPARE(get(leftover + QStringLiteral("/kept")), QByteArray("x"));
+    }
+
+    // A swap does not start while another process recovers or swaps in the same folder.
+    void swapWaitsForAnotherProcessInTheFolder()
+    {
+        const QString staged = m_applications + QStringLiteral("/.staging/unpacked/Veldspar.app");
+        const QMap<QString, QMap<QString, QByteArray>> bundles = installWithUpdateStaged(staged);
+        // Another open description of the folder, locked as the other process would.
+        const int other = ::open(QFile::encodeName(m_applications).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        QVERIFY(other >= 0);
+        const auto closeOther = qScopeGuard([other] { ::close(other); });
+        QCOMPARE(::flock(other, LOCK_EX | LOCK_NB), 0);
+        try {
+            swapBundles(m_bundle, staged);
+            QFAIL("the swap succeeded");
+        } catch (const Error &error) {
+            QCOMPARE(error.localizedDescription(),
+                     QStringLiteral("Veldspar could not put the update in place of %1: another process is changing the "
+                                    "folder: %2. The installed version was left as it was.")
+                         .arg(m_bundle, QString::fromLocal8Bit(strerror(EWOULDBLOCK))));
+        }
+        QCOMPARE(snapshot(m_bundle), bundles.value(QStringLiteral("1.0")));
+        // Once it lets go, the swap goes ahead.
+        QCOMPARE(::flock(other, LOCK_UN), 0);
+        swapBundles(m_bundle, staged);
+        QCOMPARE(snapshot(m_bundle), bundles.value(QStringLiteral("1.1")));
     }
 
     // -----------------------------------------------------------------------------------
