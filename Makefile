@@ -36,7 +36,7 @@ screenshot: build
 	@xvfb-run -a -s "-screen 0 1280x900x24 -dpi 96" $(BUILD_DIR)/tools/screenshot $(BUNDLE) $(BUILD_DIR)/screenshot.png
 
 install: build
-	@scripts/install-bundle $(BUNDLE)
+	@scripts/install --bundle $(BUNDLE)
 
 # Every test again under AddressSanitizer and UndefinedBehaviorSanitizer.
 sanitize: deps
@@ -68,8 +68,10 @@ fuzz: fuzz-build
 fuzz-smoke: fuzz-build
 	@fuzz/run --fresh $(FUZZ_DIR) $(FUZZ_SMOKE_SECONDS) $(FUZZ_TARGETS)
 
-# Packs the bundle into build/dist/Veldspar-<version>.tar.xz and prints its feed item, signed
-# with the release key that `veldspar-release generate-keys` keeps outside the repository.
+# Packs the bundle into build/dist/Veldspar-<version>.tar.xz, the update archive, and prints its
+# feed item, signed with the release key that `veldspar-release generate-keys` keeps outside the
+# repository; then makes the download build/dist/Veldspar-<version>-linux-x86_64.tar.xz, a folder
+# Veldspar-<version>/ holding the bundle, the installer and README.txt.
 .PHONY: dist
 dist: build
 	@version=$$($(BUILD_DIR)/veldspar-release bundle-version $(BUNDLE)) && \
@@ -77,6 +79,7 @@ dist: build
 	  mkdir -p $(BUILD_DIR)/dist && rm -f $$archive && \
 	  $(BUILD_DIR)/veldspar-release archive $(BUNDLE) $$archive >/dev/null && \
 	  echo "Built $$archive" && \
+	  scripts/make-download $(BUNDLE) $$version $(BUILD_DIR)/dist && \
 	  $(BUILD_DIR)/veldspar-release appcast-item $$archive --bundle $(BUNDLE)
 
 clean:

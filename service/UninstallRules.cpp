@@ -22,6 +22,8 @@ const QStringList &uninstallDataPaths()
         QStringLiteral(".config/org.kestrum.Veldspar.configure.conf"),
         QStringLiteral(".config/org.kestrum.veldspar.configure.conf"),
         QStringLiteral(".local/share/applications/org.kestrum.Veldspar.configure.desktop"),
+        QStringLiteral(".local/share/icons/hicolor/scalable/apps/org.kestrum.Veldspar.configure.svg"),
+        QStringLiteral(".local/share/metainfo/org.kestrum.Veldspar.configure.metainfo.xml"),
     };
     return paths;
 }

@@ -6,7 +6,8 @@
 // Only a bundle named exactly "Veldspar.app" is removed; a copy under another name is not.
 bool isInstalledAppLocation(const QString &bundleLocation);
 
-// The app's and the legacy service's data, relative to the home folder, in removal order.
+// The app's and the legacy service's data, and what the installer adds to the desktop (launcher
+// entry, icon, AppStream description), relative to the home folder, in removal order.
 const QStringList &uninstallDataPaths();
 
 // The settings stores cleared before the data is removed.

@@ -482,6 +482,12 @@ void TestWorld::moveBundle(const QString &relativePath)
     setBundleLocationForTesting(m_bundle);
 }
 
+void TestWorld::adoptBundle(const QString &path)
+{
+    m_bundle = path;
+    setBundleLocationForTesting(m_bundle);
+}
+
 QStringList TestWorld::discoveredAddresses() const
 {
     QStringList addresses;

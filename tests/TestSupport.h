@@ -126,6 +126,8 @@ public:
     QString serviceLog() const;
     // Moves the bundle to another place under root (a name with quotes, a copy's name …).
     void moveBundle(const QString &relativePath);
+    // Makes the bundle at path, one the world did not make (an installed copy, say), the app's.
+    void adoptBundle(const QString &path);
 
 private:
     QString fakeControl() const;

@@ -21,6 +21,7 @@
 
 #include <QCheckBox>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -111,6 +112,28 @@ QStringList changingCalls(const TestWorld &world)
         if (call.value(1) != u"show"_s)
             lines << call.mid(1).join(u' ');
     return lines;
+}
+
+// Every file and link under folder, relative to it, leaving out the Trash.
+QStringList filesOutsideTheTrash(const QString &folder)
+{
+    QStringList files;
+    QDirIterator it(folder, QDir::Files | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString relative = QDir(folder).relativeFilePath(it.next());
+        if (!relative.startsWith(u".local/share/Trash/"_s))
+            files << relative;
+    }
+    files.sort();
+    return files;
+}
+
+// Runs the release installer with the world's HOME; its output when it fails.
+QString runInstaller(const QStringList &arguments)
+{
+    const ProcessResult run = runProcess(u"/bin/bash"_s, QStringList{u"" VELDSPAR_INSTALLER ""_s} + arguments);
+    return run.succeeded() ? QString() : QString::fromUtf8(run.output);
 }
 } // namespace
 
@@ -1163,6 +1186,43 @@ private Q_SLOTS:
     }
 
     // The uninstall.
+
+    // The installer's copy with its launcher entry, icon and AppStream description, installed
+    // twice; the uninstall then leaves no file of it outside the Trash.
+    void uninstallLeavesNothingTheInstallerAdded()
+    {
+        TestWorld world;
+        // The built bundle, with the world's stand-ins for the service and its script.
+        const QString download = world.root() + u"/download/Veldspar.app"_s;
+        QDir().mkpath(download);
+        QVERIFY(runProcess(u"/bin/cp"_s, {u"-a"_s, u"--"_s, u"" VELDSPAR_BUILT_BUNDLE "/."_s, download}).succeeded());
+        for (const QString &standIn : {u"Veldspar"_s, u"ManageService.command"_s}) {
+            QVERIFY(QFile::remove(download + u"/Resources/"_s + standIn));
+            QVERIFY(QFile::copy(world.resources() + u'/' + standIn, download + u"/Resources/"_s + standIn));
+        }
+        const QStringList before = filesOutsideTheTrash(world.home());
+        for (int run = 0; run < 2; ++run) {
+            const QString failed = runInstaller({u"--bundle"_s, download});
+            QVERIFY2(failed.isEmpty(), qPrintable(failed));
+        }
+        const QString installed = world.home() + u"/Applications/Veldspar.app"_s;
+        const QString desktop = world.home() + u"/.local/share"_s;
+        for (const QString &added : {installed + u"/Veldspar"_s,
+                                     desktop + u"/applications/org.kestrum.Veldspar.configure.desktop"_s,
+                                     desktop + u"/icons/hicolor/scalable/apps/org.kestrum.Veldspar.configure.svg"_s,
+                                     desktop + u"/metainfo/org.kestrum.Veldspar.configure.metainfo.xml"_s})
+            QVERIFY2(QFileInfo::exists(added), qPrintable(added));
+        world.adoptBundle(installed);
+        world.writeConfig(configWith({}));
+        RunningApp running(world);
+        QVERIFY(running.waitForServiceStatus());
+        DialogAnswerer answers;
+        const int code = runEventLoop([&] { running.click(running.button(u"Uninstall"_s)); });
+        QCOMPARE(code, 0);
+        QVERIFY(!QFileInfo::exists(installed));
+        QVERIFY(QFileInfo(world.home() + u"/.local/share/Trash/files/Veldspar.app/Veldspar"_s).isFile());
+        QCOMPARE(filesOutsideTheTrash(world.home()), before);
+    }
 
     void uninstallMovesTheAppToTheTrashRemovesTheDataAndQuits()
     {
