@@ -19,8 +19,6 @@ namespace {
 // attempt grows from one second but never beyond four.
 constexpr int firstRetryMs = 1000;
 constexpr int longestRetryMs = 4000;
-// A connection that held this long was a good one: the next loss starts the pauses afresh.
-constexpr int stableMs = 10000;
 
 // Every held connection is an open file. The process keeps some for itself (the configuration,
 // the beacon socket, the stop signals, Qt's own), so radios get at most the limit less these;
@@ -75,6 +73,9 @@ RadioWatch::RadioWatch(const ConfiguredRadio &radio, int broadcastIntervalMs, in
     m_beaconTimer.setTimerType(Qt::PreciseTimer);
     m_beaconTimer.setInterval(beatFor(broadcastIntervalMs));
     connect(&m_beaconTimer, &QTimer::timeout, this, &RadioWatch::sendBeacon);
+    m_holdTimer.setSingleShot(true);
+    m_holdTimer.setInterval(stableConnectionMs);
+    connect(&m_holdTimer, &QTimer::timeout, this, &RadioWatch::held);
     connectToRadio();
 }
 
@@ -148,32 +149,42 @@ void RadioWatch::ready()
     if (announcedSerial(state, m_radio).isEmpty())
         return lost(u"it did not report its serial number"_s);
     const QString configured = knownSerial(m_radio);
-    if (!state.identity.serial.isEmpty() && !configured.isEmpty() && configured != state.identity.serial)
-        logLine(u"%1 reports the serial number %2, but the configuration says %3; announcing the radio's own."_s.arg(
-            label(), state.identity.serial, configured));
+    if (!state.identity.serial.isEmpty() && !configured.isEmpty() && configured != state.identity.serial) {
+        const QString conflict = u"%1 reports the serial number %2, but the configuration says %3; announcing the radio's own."_s.arg(
+            label(), state.identity.serial, configured);
+        if (conflict != m_serialConflict)
+            logLine(conflict);
+        m_serialConflict = conflict;
+    }
     m_readySince.start();
-    m_lastProblem.clear();
+    m_holdTimer.start();
     m_announced = true;
-    logLine(u"%1 answers; announcing it every %2 ms."_s.arg(label(), QString::number(m_beaconTimer.interval())));
+    if (m_report.answered(label(), m_beaconTimer.interval()))
+        m_where.clear(); // said again for a radio that returns, perhaps at another address
     enterPhase(RadioLiveState::Phase::Announced);
-    m_where.clear(); // said again for a radio that returns, perhaps at another address
     sendBeacon();
     m_beaconTimer.start();
+}
+
+void RadioWatch::held()
+{
+    if (m_report.held(label(), m_beaconTimer.interval()))
+        m_where.clear();
 }
 
 void RadioWatch::lost(const QString &why)
 {
     dropLink();
+    m_holdTimer.stop();
+    const bool wasAnnounced = m_announced;
+    const qint64 heldMs = m_readySince.isValid() ? m_readySince.elapsed() : 0;
     if (m_announced) {
         m_announced = false;
         m_beaconTimer.stop();
-        logLine(u"%1: it stopped answering (%2); no longer announced."_s.arg(label(), why));
-    } else if (why != m_lastProblem) {
-        logLine(u"%1 does not answer (%2); it is not announced until it does."_s.arg(label(), why));
     }
-    m_lastProblem = why;
+    m_report.failed(label(), why, wasAnnounced, heldMs);
     enterPhase(RadioLiveState::Phase::NotAnswering, why);
-    if (m_readySince.isValid() && m_readySince.elapsed() >= stableMs)
+    if (heldMs >= stableConnectionMs)
         m_retryMs = firstRetryMs;
     m_readySince.invalidate();
     m_retryTimer.start(m_retryMs);

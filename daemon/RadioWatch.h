@@ -3,6 +3,7 @@
 #include "daemon/Beacon.h"
 #include "daemon/Configuration.h"
 #include "daemon/Endpoint.h"
+#include "daemon/FailureReport.h"
 #include "daemon/LiveState.h"
 
 #include <QElapsedTimer>
@@ -24,7 +25,8 @@ inline constexpr int defaultKeepAliveMs = 2000;
 // One enabled radio: holds a command connection to it and, while the radio answers, sends
 // its beacon at the beat with the radio's live state. A lost radio is tried again after a
 // pause that grows to a few seconds. Logs when it starts and stops being announced, never per
-// beacon. Radios share the process's file descriptors: a radio that finds none free waits for
+// beacon, and a radio that keeps failing once per spell and reason (FailureReport), never per
+// attempt. Radios share the process's file descriptors: a radio that finds none free waits for
 // one, and the shortage is logged once for all.
 class RadioWatch : public QObject
 {
@@ -46,6 +48,7 @@ private:
     void connectToRadio();
     void ready();
     void lost(const QString &why);
+    void held();
     void starved(); // no file descriptor for a connection: wait for one, without a line per radio
     void dropLink();
     void sendBeacon();
@@ -60,10 +63,12 @@ private:
     RadioLink *m_link = nullptr;
     QTimer m_retryTimer;
     QTimer m_beaconTimer;
+    QTimer m_holdTimer; // a connection that lasts stableConnectionMs
     int m_retryMs;
     QElapsedTimer m_readySince;
     bool m_announced = false;
-    QString m_lastProblem; // the latest reason logged, so a radio that stays away is logged once
+    FailureReport m_report;
+    QString m_serialConflict; // as last logged, so that a radio that keeps returning says it once
     QString m_name;        // as the radio last named itself
     QString m_where;       // where its beacons went, as last logged
     unsigned m_packetCount = 0;

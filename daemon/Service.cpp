@@ -1,6 +1,7 @@
 #include "daemon/Service.h"
 
 #include "daemon/Log.h"
+#include "daemon/ServiceLock.h"
 #include "daemon/StopSignals.h"
 #include "platform/ConfigurationLimit.h"
 #include "platform/RegularFile.h"
@@ -137,6 +138,16 @@ void allowAllOpenFiles()
 
 int runService(const ServiceSettings &settings)
 {
+    // Before anything a second service would do twice: beacons, connections to the radios, the
+    // state file. Standard error is the journal under systemd, so the reason lands there; the
+    // unit's restarts try again a few times, in case the other one was on its way out.
+    const ServiceLock lock(settings.configPath);
+    if (lock.outcome() == ServiceLock::Outcome::HeldElsewhere) {
+        logLine(lock.message());
+        return 1;
+    }
+    if (lock.outcome() == ServiceLock::Outcome::Unavailable)
+        logLine(lock.message());
     // First, while files can still be opened: a service that cannot be stopped cleanly is
     // worse than one that serves fewer radios.
     StopSignals stopSignals([](int signal) {

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +18,12 @@ using namespace Qt::StringLiterals;
 
 namespace {
 constexpr int shortestGapMs = 1000;
+// A failed write is tried again after a pause that grows to a few seconds: soon enough for the
+// app once the disk has room again, rare enough not to spin.
+constexpr int firstRetryMs = 1000;
+constexpr int longestRetryMs = 4000;
+// How often the file is looked for: the app reads a missing file as a service that is not running.
+constexpr int presenceCheckMs = 2000;
 
 // The runtime folder counts only as the login manager makes it: a real folder of this user
 // that nobody else may enter.
@@ -55,28 +62,58 @@ bool writeAll(int fd, const QByteArray &bytes)
     return true;
 }
 
+struct Replaced
+{
+    QString problem; // why it failed; empty when the file is in place
+    FileIdentity identity;
+};
+
+// mkstemp, making the folder again when someone removed it (as makeOwnFolder would, 0700).
+int makeTemporary(const QString &folder, QByteArray &temporary)
+{
+    const int fd = ::mkstemp(temporary.data());
+    if (fd >= 0 || errno != ENOENT || ::mkdir(QFile::encodeName(folder).constData(), S_IRWXU) != 0)
+        return fd;
+    return ::mkstemp(temporary.data());
+}
+
 // Written to a temporary file (mkstemp makes it 0600) and renamed into place. Not synced: the
-// file describes this run only and means nothing after a power cut. Returns why it failed, or
-// an empty string.
-QString replaceFile(const QString &path, const QByteArray &bytes)
+// file describes this run only and means nothing after a power cut.
+Replaced replaceFile(const QString &path, const QByteArray &bytes)
 {
     const QFileInfo info(path);
     QByteArray temporary = QFile::encodeName(info.absolutePath() + u"/."_s + info.fileName() + u".XXXXXX"_s);
-    const int fd = ::mkstemp(temporary.data());
+    const int fd = makeTemporary(info.absolutePath(), temporary);
     if (fd < 0)
-        return QString::fromLocal8Bit(std::strerror(errno));
-    const bool written = ::fchmod(fd, S_IRUSR | S_IWUSR) == 0 && writeAll(fd, bytes);
+        return {QString::fromLocal8Bit(std::strerror(errno)), {}};
+    struct stat written{};
+    const bool complete = ::fchmod(fd, S_IRUSR | S_IWUSR) == 0 && writeAll(fd, bytes) && ::fstat(fd, &written) == 0;
     const int error = errno;
-    if (::close(fd) != 0 || !written) {
+    if (::close(fd) != 0 || !complete) {
         ::unlink(temporary.constData());
-        return QString::fromLocal8Bit(std::strerror(written ? errno : error));
+        return {QString::fromLocal8Bit(std::strerror(complete ? errno : error)), {}};
     }
     if (::rename(temporary.constData(), QFile::encodeName(info.absoluteFilePath()).constData()) != 0) {
         const int renameError = errno;
         ::unlink(temporary.constData());
-        return QString::fromLocal8Bit(std::strerror(renameError));
+        return {QString::fromLocal8Bit(std::strerror(renameError)), {}};
     }
-    return {};
+    return {{}, {written.st_dev, written.st_ino}};
+}
+
+// What is at path now, if anything (a link is not followed).
+std::optional<FileIdentity> identityAt(const QString &path)
+{
+    struct stat info{};
+    if (::lstat(QFile::encodeName(path).constData(), &info) != 0)
+        return std::nullopt;
+    return FileIdentity{info.st_dev, info.st_ino};
+}
+
+bool isGone(const QString &path)
+{
+    struct stat info{};
+    return ::lstat(QFile::encodeName(path).constData(), &info) != 0 && (errno == ENOENT || errno == ENOTDIR);
 }
 } // namespace
 
@@ -92,18 +129,22 @@ QString stateFilePath(const QString &configPath)
 }
 
 StateFile::StateFile(const QString &path, std::function<QList<RadioLiveState>()> collect, QObject *parent)
-    : QObject(parent), m_path(path), m_collect(std::move(collect))
+    : QObject(parent), m_path(path), m_collect(std::move(collect)), m_retryMs(firstRetryMs)
 {
     m_timer.setSingleShot(true);
     // A coarse timer may fire a little early, and the gap is a promise.
     m_timer.setTimerType(Qt::PreciseTimer);
     connect(&m_timer, &QTimer::timeout, this, &StateFile::write);
+    m_presenceTimer.setInterval(presenceCheckMs);
+    connect(&m_presenceTimer, &QTimer::timeout, this, &StateFile::lookForFile);
+    m_presenceTimer.start();
     changed();
 }
 
 StateFile::~StateFile()
 {
-    if (m_everWritten)
+    // Not a file that another service wrote over this one's.
+    if (m_everWritten && identityAt(m_path) == m_identity)
         QFile::remove(m_path);
 }
 
@@ -115,9 +156,17 @@ void StateFile::changed()
     m_timer.start(int(std::max<qint64>(0, shortestGapMs - sinceLast)));
 }
 
+void StateFile::lookForFile()
+{
+    if (!m_everWritten || m_stale || !isGone(m_path))
+        return;
+    m_stale = true;
+    changed();
+}
+
 bool StateFile::differsFromWritten(const QList<RadioLiveState> &radios) const
 {
-    if (!m_everWritten || radios.size() != m_written.size())
+    if (!m_everWritten || m_stale || radios.size() != m_written.size())
         return true;
     for (qsizetype i = 0; i < radios.size(); ++i)
         if (!radios.at(i).sameShownState(m_written.at(i)))
@@ -133,16 +182,30 @@ void StateFile::write()
     if (!differsFromWritten(radios))
         return;
     m_lastWrite.start();
-    const QString problem =
+    const Replaced replaced =
         replaceFile(m_path, liveStateDocument(radios, QCoreApplication::applicationPid(), QDateTime::currentDateTimeUtc()));
-    if (!problem.isEmpty()) {
-        // Once per kind of failure: the app shows the radios grey meanwhile, nothing worse.
-        if (problem != m_lastProblem)
-            logLine(u"Cannot write the state file %1: %2."_s.arg(QDir::toNativeSeparators(m_path), problem));
-        m_lastProblem = problem;
-        return;
-    }
+    if (!replaced.problem.isEmpty())
+        return failed(replaced.problem);
+    if (!m_lastProblem.isEmpty())
+        logLine(u"The state file %1 is written again."_s.arg(QDir::toNativeSeparators(m_path)));
     m_lastProblem.clear();
+    m_retryMs = firstRetryMs;
     m_written = radios;
     m_everWritten = true;
+    m_stale = false;
+    m_identity = replaced.identity;
+}
+
+void StateFile::failed(const QString &problem)
+{
+    // Once per kind of failure, not at every try: the app shows the radios grey meanwhile,
+    // nothing worse.
+    if (problem != m_lastProblem)
+        logLine(u"Cannot write the state file %1: %2; trying again until it can be written."_s.arg(
+            QDir::toNativeSeparators(m_path), problem));
+    m_lastProblem = problem;
+    m_stale = true;
+    if (!m_timer.isActive())
+        m_timer.start(m_retryMs);
+    m_retryMs = std::min(m_retryMs * 2, longestRetryMs);
 }

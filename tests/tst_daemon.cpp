@@ -320,6 +320,22 @@ private:
     bool m_had;
 };
 
+// A runtime folder as the login manager makes it: this user's own, closed to others.
+bool makePrivateFolder(const QString &path)
+{
+    return QDir().mkpath(path) && QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+}
+
+// The lines of a log that mention text.
+QStringList linesWith(const QString &log, const QString &text)
+{
+    QStringList found;
+    for (const QString &line : log.split(u'\n'))
+        if (line.contains(text))
+            found << line;
+    return found;
+}
+
 // A port on 127.0.0.1 where nothing listens: taken from the system, then let go.
 quint16 closedPort()
 {
@@ -886,8 +902,7 @@ private Q_SLOTS:
         // The services started here publish their state in a runtime folder of the suite's
         // own, never in the session's.
         const QString runtime = path(u"runtime"_s);
-        QVERIFY(QDir().mkpath(runtime));
-        QVERIFY(QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        QVERIFY(makePrivateFolder(runtime));
         qputenv("XDG_RUNTIME_DIR", QFile::encodeName(runtime));
         m_silentRadio = std::make_unique<RadioSim>(QStringList{u"--fault"_s, u"silent"_s});
         QVERIFY(m_silentRadio->listening());
@@ -1415,6 +1430,88 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(
             service.log().contains(u"The radio at %1 does not answer (no answer to \"info\")"_s.arg(silent.address())), 7000);
         QVERIFY(service.log().contains(u"The radio at %1 does not answer (connection refused)"_s.arg(refusing)));
+    }
+
+    // A radio that keeps failing: one line when it starts, one for each reason not seen before
+    // in the same spell, one when it answers again, each with the count; none per retry.
+    void aRadioThatKeepsFailingIsLoggedOncePerSpellAndReason()
+    {
+        const quint16 port = closedPort();
+        const QString address = u"127.0.0.1:"_s + QString::number(port);
+        const QString config = path(u"failing/config.json"_s);
+        writeInPlace(config, configuration({radioEntry(address, u"FL-1"_s)}, 500));
+        RunningService service(config, {u"127.0.0.1:9"_s});
+        const QString refused = u"The radio at %1 does not answer (connection refused); it is not announced until it does."_s.arg(address);
+        QTRY_VERIFY_WITH_TIMEOUT(service.log().contains(refused), 3000);
+        // Tried again after 1, 2 and 4 seconds meanwhile.
+        QTest::qWait(7500);
+        QCOMPARE(linesWith(service.log(), address), QStringList{refused});
+
+        // Now it takes the connection but never greets: a new reason, said once with the count.
+        std::optional<RadioSim> radio(std::in_place, QStringList{u"--serial"_s, u"FL-1"_s, u"--name"_s, u"Shack"_s,
+                                                                 u"--port"_s, QString::number(port), u"--fault"_s, u"silent"_s});
+        QVERIFY(radio->listening());
+        const QRegularExpression changed(u"^The radio at %1 still does not answer, now \\(no answer to \"info\"\\), "
+                                         u"after (\\d+) failed attempts over (\\d+) seconds\\.$"_s.arg(QRegularExpression::escape(address)),
+                                         QRegularExpression::MultilineOption);
+        QTRY_VERIFY_WITH_TIMEOUT(changed.match(service.log()).hasMatch(), 15000);
+        const QRegularExpressionMatch change = changed.match(service.log());
+        QVERIFY2(change.captured(1).toInt() >= 5, qPrintable(service.log()));
+        QVERIFY2(change.captured(2).toInt() >= 10, qPrintable(service.log()));
+
+        // It answers, at the next attempt a few seconds on: one line with every failed attempt of
+        // the spell. (Replaced at once, before the service connects again: a radio that closes
+        // a connection would be another reason.)
+        radio.reset();
+        radio.emplace(QStringList{u"--serial"_s, u"FL-1"_s, u"--name"_s, u"Shack"_s, u"--port"_s, QString::number(port)});
+        QVERIFY(radio->listening());
+        const QRegularExpression answered(u"^Radio Shack at %1 answers again after (\\d+) failed attempts over (\\d+) "
+                                          u"seconds; announcing it every 500 ms\\.$"_s.arg(QRegularExpression::escape(address)),
+                                          QRegularExpression::MultilineOption);
+        QTRY_VERIFY_WITH_TIMEOUT(answered.match(service.log()).hasMatch(), 15000);
+        const QRegularExpressionMatch end = answered.match(service.log());
+        QVERIFY2(end.captured(1).toInt() >= change.captured(1).toInt(), qPrintable(service.log()));
+        const QStringList lines = linesWith(service.log(), address);
+        QCOMPARE(lines.size(), 3);
+        QCOMPARE(lines.at(0), refused);
+        QVERIFY(changed.match(lines.at(1)).hasMatch());
+        QVERIFY(answered.match(lines.at(2)).hasMatch());
+    }
+
+    // A radio that answers and drops soon after, again and again: not two lines per reconnect,
+    // and one line once a connection holds.
+    void aRadioThatKeepsDroppingIsNotLoggedAtEachReconnect()
+    {
+        std::optional<RadioSim> radio(std::in_place, QStringList{u"--serial"_s, u"FD-2"_s, u"--name"_s, u"Shack"_s});
+        QVERIFY(radio->listening());
+        const quint16 port = radio->port();
+        const QString address = radio->address();
+        const QString config = path(u"dropping/config.json"_s);
+        writeInPlace(config, configuration({radioEntry(address, u"FD-2"_s)}, 500));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+        constexpr int drops = 3;
+        for (int drop = 0; drop < drops; ++drop) {
+            const qint64 since = clock.elapsed();
+            QTRY_VERIFY_WITH_TIMEOUT(!listener.from(u"FD-2"_s, since).isEmpty(), 10000);
+            // Killed and back at once, before the service tries again.
+            radio.emplace(QStringList{u"--serial"_s, u"FD-2"_s, u"--name"_s, u"Shack"_s, u"--port"_s, QString::number(port)});
+            QVERIFY(radio->listening());
+        }
+        const QRegularExpression held(u"^Radio Shack at %1 has held its connection for 10 seconds, after %2 failed attempts "
+                                      u"over (\\d+) seconds; announcing it every 500 ms\\.$"_s.arg(QRegularExpression::escape(address))
+                                          .arg(drops),
+                                      QRegularExpression::MultilineOption);
+        QTRY_VERIFY_WITH_TIMEOUT(held.match(service.log()).hasMatch(), 20000);
+        const QStringList lines = linesWith(service.log(), address);
+        QCOMPARE(lines.size(), 3);
+        QCOMPARE(lines.at(0), u"Radio Shack at %1 answers; announcing it every 500 ms."_s.arg(address));
+        QCOMPARE(lines.at(1), u"Radio Shack at %1: it stopped answering (it closed the connection); no longer announced. It "
+                              u"answered for less than 10 seconds: its drops are counted, not logged, until a connection "
+                              u"holds that long."_s.arg(address));
+        QVERIFY(held.match(lines.at(2)).hasMatch());
     }
 
     // ---- the radio as it is right now ----
@@ -2143,8 +2240,7 @@ private Q_SLOTS:
         const quint16 port = radio->port();
         const QString refusing = u"127.0.0.1:"_s + QString::number(closedPort());
         const QString runtime = path(u"state-runtime"_s);
-        QVERIFY(QDir().mkpath(runtime));
-        QVERIFY(QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        QVERIFY(makePrivateFolder(runtime));
         const RuntimeFolder folder(runtime);
         const QString config = path(u"state/config.json"_s);
         writeInPlace(config, configuration({radioEntry(radio->address(), u"ST-1"_s), radioEntry(refusing, u"ST-2"_s),
@@ -2214,8 +2310,7 @@ private Q_SLOTS:
         RadioSim radio(arguments);
         QVERIFY(radio.listening());
         const QString runtime = path(u"rate-runtime"_s);
-        QVERIFY(QDir().mkpath(runtime));
-        QVERIFY(QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        QVERIFY(makePrivateFolder(runtime));
         const RuntimeFolder folder(runtime);
         const QString config = path(u"rate/config.json"_s);
         writeInPlace(config, configuration({radioEntry(radio.address(), u"R-1"_s)}, 250));
@@ -2280,6 +2375,127 @@ private Q_SLOTS:
             QVERIFY(!QFileInfo::exists(runtime + u"/Veldspar"_s));
         QVERIFY(service.stops());
         QVERIFY(!QFileInfo::exists(beside));
+    }
+
+    // One service per configuration: a second one says which process runs it and ends, and takes
+    // nothing of the first one's with it.
+    void aSecondServiceOnTheSameConfigurationNamesTheFirstAndStops()
+    {
+        RadioSim radio({u"--serial"_s, u"LK-1"_s});
+        QVERIFY(radio.listening());
+        const QString runtime = path(u"lock-runtime"_s);
+        QVERIFY(makePrivateFolder(runtime));
+        const RuntimeFolder folder(runtime);
+        const QString config = path(u"lock/config.json"_s);
+        writeInPlace(config, configuration({radioEntry(radio.address(), u"LK-1"_s)}, 500));
+        const QString stateFile = runtime + u"/Veldspar/state.json"_s;
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService first(config, {listener.destination()});
+        const qint64 firstPid = first.process().processId();
+        QTRY_COMPARE_WITH_TIMEOUT(liveRadio(stateAt(stateFile), u"LK-1"_s).value(u"state"_s).toString(), u"announced"_s, 5000);
+
+        {
+            RunningService second(config, {listener.destination()});
+            QVERIFY2(second.process().waitForFinished(5000), qPrintable(second.log()));
+            QCOMPARE(second.process().exitStatus(), QProcess::NormalExit);
+            QVERIFY(second.process().exitCode() != 0);
+            QCOMPARE(second.log(), u"Another Veldspar service (process %1) already runs with the configuration %2 (it "
+                                   u"holds %2.lock). This one stops: one service per configuration, so that each radio "
+                                   u"is announced once.\n"_s.arg(QString::number(firstPid), config));
+        }
+        // The first one's file is still there, still its own, and still kept current.
+        QCOMPARE(stateAt(stateFile)->value(u"pid"_s).toInteger(), firstPid);
+        QCOMPARE(radio.connections(), 1);
+        radio.tell("join-handle 0x7022E1CF SmartSDR-Win OFFICE-WIN");
+        QTRY_COMPARE_WITH_TIMEOUT(liveRadio(stateAt(stateFile), u"LK-1"_s).value(u"guiClients"_s).toArray().size(), 1, 5000);
+        QCOMPARE(stateAt(stateFile)->value(u"pid"_s).toInteger(), firstPid);
+        // Beacons from the first one only: one a beat.
+        const qint64 since = clock.elapsed();
+        QTest::qWait(2000);
+        QVERIFY2(listener.from(u"LK-1"_s, since).size() <= 5, qPrintable(QString::number(listener.from(u"LK-1"_s, since).size())));
+        // For people who look: the lock file holds the pid of its holder.
+        QCOMPARE(readFile(config + u".lock"_s), QByteArray::number(firstPid) + '\n');
+
+        // Once the first one has stopped, the configuration is free for another.
+        QVERIFY(first.stops());
+        RunningService next(config, {listener.destination()});
+        QTRY_COMPARE_WITH_TIMEOUT(liveRadio(stateAt(stateFile), u"LK-1"_s).value(u"state"_s).toString(), u"announced"_s, 5000);
+        QCOMPARE(stateAt(stateFile)->value(u"pid"_s).toInteger(), next.process().processId());
+    }
+
+    // A configuration folder the service cannot write to still serves; only a second service
+    // would go unnoticed, and the log says so.
+    void aConfigurationInAReadOnlyFolderIsServedWithoutTheLock()
+    {
+        RadioSim radio({u"--serial"_s, u"RO-1"_s});
+        QVERIFY(radio.listening());
+        const QString config = path(u"read-only-config/config.json"_s);
+        writeInPlace(config, configuration({radioEntry(radio.address(), u"RO-1"_s)}, 500));
+        const QString folder = QFileInfo(config).absolutePath();
+        QVERIFY(QFile::setPermissions(folder, QFile::ReadOwner | QFile::ExeOwner));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()}, withoutRootPowers);
+        QTRY_VERIFY_WITH_TIMEOUT(!listener.from(u"RO-1"_s).isEmpty(), 5000);
+        QVERIFY(QFile::setPermissions(folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        QVERIFY2(service.log().contains(u"Cannot take the lock %1.lock (Permission denied): a second service on the "
+                                        u"configuration %1 would not be noticed."_s.arg(config)),
+                 qPrintable(service.log()));
+        QVERIFY(!QFileInfo::exists(config + u".lock"_s));
+    }
+
+    // A write that fails is tried again until it lands, and said once.
+    void theStateFileIsWrittenOnceItsFolderTakesItAgain()
+    {
+        const QString runtime = path(u"blocked-runtime"_s);
+        QVERIFY(makePrivateFolder(runtime));
+        const RuntimeFolder folder(runtime);
+        const QString ownFolder = runtime + u"/Veldspar"_s;
+        QVERIFY(QDir().mkpath(ownFolder));
+        QVERIFY(QFile::setPermissions(ownFolder, QFile::ReadOwner | QFile::ExeOwner));
+        const QString config = path(u"blocked/config.json"_s);
+        writeInPlace(config, configuration({}, 1000)); // nothing ever changes
+        RunningService service(config, {u"127.0.0.1:9"_s}, withoutRootPowers);
+        const QString stateFile = ownFolder + u"/state.json"_s;
+        const QString cannot = u"Cannot write the state file %1: Permission denied; trying again until it can be written."_s.arg(stateFile);
+        QTRY_VERIFY_WITH_TIMEOUT(service.log().contains(cannot), 5000);
+        QTest::qWait(4000); // tried again meanwhile
+        QCOMPARE(service.log().count(cannot), 1);
+        QVERIFY(!QFileInfo::exists(stateFile));
+
+        QVERIFY(QFile::setPermissions(ownFolder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        QTRY_VERIFY_WITH_TIMEOUT(stateAt(stateFile).has_value(), 6000);
+        QCOMPARE(stateAt(stateFile)->value(u"pid"_s).toInteger(), service.process().processId());
+        QVERIFY(service.log().contains(u"The state file %1 is written again."_s.arg(stateFile)));
+    }
+
+    // Someone removes the file, or its folder: it is back within a few seconds.
+    void aRemovedStateFileIsWrittenAgain()
+    {
+        const QString runtime = path(u"removed-runtime"_s);
+        QVERIFY(makePrivateFolder(runtime));
+        const RuntimeFolder folder(runtime);
+        const QString config = path(u"removed/config.json"_s);
+        writeInPlace(config, configuration({}, 1000)); // nothing ever changes
+        RunningService service(config, {u"127.0.0.1:9"_s});
+        const QString stateFile = runtime + u"/Veldspar/state.json"_s;
+        QTRY_VERIFY_WITH_TIMEOUT(stateAt(stateFile).has_value(), 5000);
+
+        QVERIFY(QFile::remove(stateFile));
+        QTRY_VERIFY_WITH_TIMEOUT(stateAt(stateFile).has_value(), 5000);
+        QCOMPARE(stateAt(stateFile)->value(u"pid"_s).toInteger(), service.process().processId());
+
+        QVERIFY(QDir(runtime + u"/Veldspar"_s).removeRecursively());
+        QTRY_VERIFY_WITH_TIMEOUT(stateAt(stateFile).has_value(), 5000);
+        QCOMPARE(stateAt(stateFile)->value(u"pid"_s).toInteger(), service.process().processId());
+        struct stat info{};
+        QCOMPARE(::stat(QFile::encodeName(runtime + u"/Veldspar"_s).constData(), &info), 0);
+        QCOMPARE(info.st_mode & 07777, mode_t(0700));
+        QVERIFY(service.stops());
+        QVERIFY(!QFileInfo::exists(stateFile));
     }
 };
 
