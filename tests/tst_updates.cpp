@@ -1942,6 +1942,72 @@ private Q_SLOTS:
     // -----------------------------------------------------------------------------------
     // The release tool
 
+    // The check over pieces gives the answer of the check over the whole message, for good
+    // signatures, changed messages, changed signatures and other keys, however the message is cut.
+    void streamedVerificationAgreesWithTheWholeMessageCheck()
+    {
+        const auto streamed = [](const QByteArray &message, const QByteArray &signature, const QByteArray &publicKey,
+                                 qsizetype piece) {
+            Ed25519Verifier verifier(signature, publicKey);
+            for (qsizetype at = 0; at < message.size(); at += piece)
+                verifier.add(QByteArrayView(message.constData() + at, qMin(piece, message.size() - at)));
+            return verifier.matches();
+        };
+        const Ed25519KeyPair other = generateKeyPair();
+        for (const qsizetype size : {0, 1, 63, 64, 1000, 200000}) {
+            const QByteArray message = randomBytes(size);
+            const QByteArray good = signDetached(message, m_keys.seed);
+            QByteArray changedMessage = message + "x";
+            QByteArray changedR = good;
+            changedR[3] = char(changedR.at(3) ^ 0x10);
+            QByteArray changedS = good;
+            changedS[40] = char(changedS.at(40) ^ 0x01);
+            const QList<std::tuple<QByteArray, QByteArray, QByteArray>> cases{
+                {message, good, m_keys.publicKey},         {changedMessage, good, m_keys.publicKey},
+                {message, changedR, m_keys.publicKey},     {message, changedS, m_keys.publicKey},
+                {message, good, other.publicKey},          {message, good.left(63), m_keys.publicKey},
+                {message, good, m_keys.publicKey.left(31)}};
+            for (const auto &[text, sig, key] : cases)
+                for (const qsizetype piece : {qsizetype(1), qsizetype(7), qsizetype(4096), qMax(qsizetype(1), text.size())})
+                    QCOMPARE(streamed(text, sig, key, piece), verifyDetached(text, sig, key));
+            QVERIFY(streamed(message, good, m_keys.publicKey, 4096));
+        }
+    }
+
+    // Known answers (RFC 8032, section 7.1, tests 1 and 2): the scheme is plain Ed25519, and a
+    // second signature made by adding the group order to S is refused as libsodium refuses it.
+    void streamedVerificationKnowsPlainEd25519()
+    {
+        const QByteArray seed1 = QByteArray::fromHex("9d61b19deffd5a60ba844af492ec2cc44449c5697b326919703bac031cae7f60");
+        const QByteArray key1 = QByteArray::fromHex("d75a980182b10ab7d54bfed3c964073a0ee172f3daa62325af021a68f707511a");
+        const QByteArray signature1 = QByteArray::fromHex("e5564300c360ac729086e2cc806e828a84877f1eb8e5d974d873e06522490155"
+                                                          "5fb8821590a33bacc61e39701cf9b46bd25bf5f0595bbe24655141438e7a100b");
+        const QByteArray key2 = QByteArray::fromHex("3d4017c3e843895a92b70aa74d1b7ebc9c982ccf2ec4968cc0cd55f12af4660c");
+        const QByteArray signature2 = QByteArray::fromHex("92a009a9f0d4cab8720e820b5f642540a2b27b5416503f8fb3762223ebdb69da"
+                                                          "085ac1e43e15996e458f3613d0f11d8c387b2eaeb4302aeeb00d291612bb0c00");
+        QCOMPARE(keyPairFromSeed(seed1).publicKey, key1);
+        QCOMPARE(signDetached(QByteArray(), seed1), signature1);
+        Ed25519Verifier empty(signature1, key1);
+        QVERIFY(empty.matches());
+        QVERIFY(!empty.matches()); // ended
+        Ed25519Verifier oneByte(signature2, key2);
+        oneByte.add(QByteArray::fromHex("72"));
+        QVERIFY(oneByte.matches());
+
+        // S + L, little-endian: the same equation holds, but S is not reduced.
+        const QByteArray order = QByteArray::fromHex("edd3f55c1a631258d69cf7a2def9de1400000000000000000000000000000010");
+        QByteArray malleable = signature1;
+        int carry = 0;
+        for (int i = 0; i < 32; ++i) {
+            const int sum = quint8(malleable.at(32 + i)) + quint8(order.at(i)) + carry;
+            malleable[32 + i] = char(sum & 0xff);
+            carry = sum >> 8;
+        }
+        QCOMPARE(carry, 0);
+        QVERIFY(!verifyDetached(QByteArray(), malleable, key1));
+        QVERIFY(!Ed25519Verifier(malleable, key1).matches());
+    }
+
     void releaseToolSignsAndVerifies()
     {
         const QString keyFile = root() + QStringLiteral("/keys/release-key");
