@@ -14,6 +14,7 @@
 #include "updates/BundleSwap.h"
 #include "updates/Eligibility.h"
 #include "updates/EmberlaneUpdateCommands.h"
+#include "updates/Fetch.h"
 #include "updates/EmberlaneUpdates.h"
 #include "updates/LinkedUpdateEngine.h"
 #include "updates/UpdateEngineLoader.h"
@@ -59,11 +60,14 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -182,6 +186,60 @@ private:
     QList<std::pair<QPointer<QTcpSocket>, QString>> m_held;
     QList<QPointer<QTcpSocket>> m_stalled;
     QStringList m_requests;
+};
+
+// A listening socket whose queue is full: the system drops every further attempt to
+// connect unanswered, as happens with a server that never takes a connection.
+class FullListener
+{
+public:
+    FullListener()
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        m_listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (m_listener < 0 || ::bind(m_listener, reinterpret_cast<sockaddr *>(&address), size) != 0
+            || ::listen(m_listener, 0) != 0 || ::getsockname(m_listener, reinterpret_cast<sockaddr *>(&address), &size) != 0)
+            return;
+        m_address = address;
+        // The one connection a queue of length 0 takes.
+        m_filler = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (m_filler >= 0 && ::connect(m_filler, reinterpret_cast<sockaddr *>(&address), size) == 0)
+            m_port = ntohs(address.sin_port);
+    }
+    ~FullListener()
+    {
+        for (const int descriptor : {m_filler, m_listener})
+            if (descriptor >= 0)
+                ::close(descriptor);
+    }
+
+    quint16 port() const { return m_port; }
+
+    // Whether one more connection stays unanswered for a while (the system may answer it).
+    bool dropsConnections() const
+    {
+        if (m_port == 0)
+            return false;
+        const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (probe < 0)
+            return false;
+        bool dropped = false;
+        if (::connect(probe, reinterpret_cast<const sockaddr *>(&m_address), sizeof m_address) != 0 && errno == EINPROGRESS) {
+            pollfd waiting{probe, POLLOUT, 0};
+            dropped = ::poll(&waiting, 1, 300) == 0;
+        }
+        ::close(probe);
+        return dropped;
+    }
+
+private:
+    int m_listener = -1;
+    int m_filler = -1;
+    sockaddr_in m_address{};
+    quint16 m_port = 0;
 };
 
 // ---------------------------------------------------------------------------------------
@@ -619,6 +677,13 @@ private:
                             signature(archive))});
     }
 
+    // 0.3 s instead of 30 s for the connection and each next byte, so that a test of a silent
+    // server takes a moment; cleanup() restores them.
+    static void shortenFetchTimeouts()
+    {
+        setFetchTimeoutsForTesting(FetchTimeouts{std::chrono::milliseconds(300), std::chrono::milliseconds(300)});
+    }
+
     void expectUntouched(const QMap<QString, QByteArray> &before)
     {
         QCOMPARE(snapshot(m_bundle), before);
@@ -655,6 +720,7 @@ private Q_SLOTS:
 
     void cleanup()
     {
+        setFetchTimeoutsForTesting(std::nullopt);
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         QCoreApplication::processEvents();
         m_server.reset();
@@ -1166,6 +1232,83 @@ private Q_SLOTS:
         QCOMPARE(driver.events, (QStringList{QStringLiteral("checking"), QStringLiteral("dismiss")}));
     }
 
+    // A server that leaves a check hanging ends it after the time-out with a message that says
+    // so, and "Check for Updates…" is enabled again. The time-outs are shortened from 30 s to
+    // 0.3 s here, so that each case takes a moment instead of half a minute.
+    void checkEndsWhenTheServerGoesSilent_data()
+    {
+        QTest::addColumn<QString>("server");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("accepts and never answers") << QStringLiteral("silent") << QStringLiteral("the server sent nothing for 0.3 seconds");
+        QTest::newRow("answers a few bytes, then stalls") << QStringLiteral("stalls") << QStringLiteral("the server sent nothing for 0.3 seconds");
+        QTest::newRow("never takes the connection") << QStringLiteral("full") << QStringLiteral("no connection to the server within 0.3 seconds");
+    }
+
+    void checkEndsWhenTheServerGoesSilent()
+    {
+        QFETCH(QString, server);
+        QFETCH(QString, reason);
+        shortenFetchTimeouts();
+        BundleRecipe recipe = installedRecipe();
+        Route feed;
+        feed.body = feedXml({});
+        feed.contentType = "application/rss+xml";
+        FullListener full;
+        if (server == u"silent") {
+            feed.hold = true;
+        } else if (server == u"stalls") {
+            feed.stallAfter = 10;
+        } else {
+            if (!full.dropsConnections())
+                QSKIP("this system answers connections beyond a listener's queue");
+            recipe.feedUrl = QStringLiteral("http://127.0.0.1:%1/appcast.xml").arg(full.port());
+        }
+        m_server->serve(QStringLiteral("/appcast.xml"), feed);
+        install(recipe);
+
+        RecordingDriver driver;
+        EmberlaneUpdates updates(m_bundle, &driver);
+        EmberlaneUpdateCommands commands(updates);
+        updates.loadEngine();
+        QTRY_VERIFY(commands.checkForUpdates()->isEnabled());
+        QList<bool> enabled;
+        connect(&updates, &EmberlaneUpdates::canCheckChanged, this, [&] { enabled << commands.checkForUpdates()->isEnabled(); });
+        QSignalSpy finished(&updates.updater(), &Updater::sessionFinished);
+        commands.checkForUpdates()->trigger();
+        QTRY_VERIFY_WITH_TIMEOUT(finished.count() >= 1, 10000);
+        QTRY_VERIFY(commands.checkForUpdates()->isEnabled());
+        QCOMPARE(enabled.first(), false);
+        QVERIFY2(driver.error, qPrintable(driver.events.join(u',')));
+        QCOMPARE(driver.error->localizedDescription(),
+                 QStringLiteral("The update feed could not be downloaded from %1: %2.").arg(recipe.feedUrl, reason));
+        QCOMPARE(driver.error->code(), int(UpdateErrorCode::FeedUnavailable));
+        QCOMPARE(driver.events, (QStringList{QStringLiteral("checking"), QStringLiteral("error")}));
+        m_server->release();
+    }
+
+    // Every fetch has the time-outs: a download that stops half-way fails, and nothing of it stays.
+    void downloadThatStallsFails()
+    {
+        shortenFetchTimeouts();
+        offerUpdateWhoseDownloadStalls();
+        const QMap<QString, QByteArray> before = snapshot(m_bundle);
+        const QString archiveUrl = m_server->url(QStringLiteral("/Veldspar-1.1.tar.xz"));
+        RecordingDriver driver;
+        auto updater = startedUpdater(driver);
+        checkAndWait(*updater);
+        QVERIFY2(driver.error, qPrintable(driver.events.join(u',')));
+        const QString message = driver.error->localizedDescription();
+        const QRegularExpression expected(QStringLiteral("^The update 1\\.1 could not be downloaded from %1: the server sent "
+                                                         "nothing for 0\\.3 seconds \\(received \\d+ of \\d+ bytes\\)\\.$")
+                                              .arg(QRegularExpression::escape(archiveUrl)));
+        QVERIFY2(expected.match(message).hasMatch(), qPrintable(message));
+        QCOMPARE(driver.error->code(), int(UpdateErrorCode::DownloadFailed));
+        QVERIFY(updater->canCheckForUpdates());
+        QTRY_COMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+        expectUntouched(before);
+        m_server->release();
+    }
+
     void automaticChecksArePersisted()
     {
         BundleRecipe recipe = installedRecipe();
@@ -1249,6 +1392,40 @@ private Q_SLOTS:
         QVERIFY(!updater->nextScheduledCheck().isValid());
         QTest::qWait(300);
         QCOMPARE(m_server->requestsFor(QStringLiteral("/appcast.xml")), 1);
+    }
+
+    // A scheduled check that fails (here: the server never answers) ends quietly, and the
+    // next one comes an interval later. The time-outs are shortened from 30 s to 0.3 s.
+    void failedScheduledCheckIsRetriedAtTheNextInterval()
+    {
+        shortenFetchTimeouts();
+        BundleRecipe recipe = installedRecipe();
+        recipe.automaticChecks = true;
+        install(recipe);
+        Route silent;
+        silent.hold = true;
+        m_server->serve(QStringLiteral("/appcast.xml"), silent);
+        RecordingDriver driver;
+        auto updater = startedUpdater(driver);
+        QSignalSpy finished(updater.get(), &Updater::sessionFinished);
+        QTRY_COMPARE(m_server->requestsFor(QStringLiteral("/appcast.xml")), 1); // never checked: due at once
+        QTRY_VERIFY_WITH_TIMEOUT(finished.count() >= 1, 10000);
+        QVERIFY(updater->lastError());
+        QCOMPARE(updater->lastError()->localizedDescription(),
+                 QStringLiteral("The update feed could not be downloaded from %1: the server sent nothing for 0.3 seconds.")
+                     .arg(recipe.feedUrl));
+        QCOMPARE(driver.events, QStringList{QStringLiteral("dismiss")}); // scheduled: silent
+        QVERIFY(updater->canCheckForUpdates());
+        QCOMPARE(updater->nextScheduledCheck().toSecsSinceEpoch(),
+                 updater->lastUpdateCheckDate().addSecs(updater->updateCheckInterval()).toSecsSinceEpoch());
+
+        // An interval later (the last check moved back by one), the check comes again.
+        UpdateUserSettings::setLastCheckTime(QDateTime::currentDateTimeUtc().addSecs(-updater->updateCheckInterval() - 1));
+        updater->setUpdateCheckInterval(updater->updateCheckInterval());
+        QTRY_COMPARE(m_server->requestsFor(QStringLiteral("/appcast.xml")), 2);
+        QTRY_VERIFY_WITH_TIMEOUT(finished.count() >= 2, 10000);
+        QVERIFY(updater->nextScheduledCheck() > QDateTime::currentDateTimeUtc().addSecs(updater->updateCheckInterval() - 60));
+        m_server->release();
     }
 
     void skippedVersionIsPassedOverByScheduledChecksUntilTheUserChecks()
