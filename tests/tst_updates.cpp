@@ -88,6 +88,7 @@ struct Route
     qint64 stallAfter = -1;   // send this many body bytes, then nothing more until released
     bool hold = false;        // answer only when released
     QByteArray location;      // for redirects
+    qint64 generated = -1;    // instead of the body: this many bytes made up as the socket drains
 };
 
 class TestHttpServer : public QObject
@@ -166,11 +167,17 @@ private:
         QByteArray head = "HTTP/1.1 " + QByteArray::number(route.status)
             + (route.status == 200 ? " OK" : route.status == 302 ? " Found" : " Error") + "\r\n";
         head += "Content-Type: " + route.contentType + "\r\n";
-        head += "Content-Length: " + QByteArray::number(route.body.size()) + "\r\n";
+        head += "Content-Length: " + QByteArray::number(route.generated >= 0 ? route.generated : route.body.size()) + "\r\n";
         if (!route.location.isEmpty())
             head += "Location: " + route.location + "\r\n";
         head += "Connection: close\r\n\r\n";
         socket->write(head);
+        if (route.generated >= 0) {
+            m_unsent.insert(socket, route.generated);
+            connect(socket, &QTcpSocket::bytesWritten, this, [this, socket] { sendGenerated(socket); });
+            sendGenerated(socket);
+            return;
+        }
         if (route.stallAfter >= 0) {
             socket->write(route.body.left(route.stallAfter));
             m_stalled.append(socket);
@@ -180,8 +187,28 @@ private:
         socket->disconnectFromHost();
     }
 
+    // Keeps about one block waiting in the socket until the whole length has gone, so that a
+    // body of any size costs the server no memory.
+    void sendGenerated(QTcpSocket *socket)
+    {
+        static const QByteArray block(256 * 1024, 'v');
+        const auto unsent = m_unsent.find(socket);
+        if (unsent == m_unsent.end())
+            return;
+        while (*unsent > 0 && socket->bytesToWrite() < block.size()) {
+            const qint64 size = qMin<qint64>(*unsent, block.size());
+            socket->write(block.constData(), size);
+            *unsent -= size;
+        }
+        if (*unsent == 0) {
+            m_unsent.erase(unsent);
+            socket->disconnectFromHost();
+        }
+    }
+
     QTcpServer m_server;
     QHash<QString, Route> m_routes;
+    QHash<QTcpSocket *, qint64> m_unsent;
     QHash<QTcpSocket *, QByteArray> m_buffers;
     QList<std::pair<QPointer<QTcpSocket>, QString>> m_held;
     QList<QPointer<QTcpSocket>> m_stalled;
@@ -241,6 +268,26 @@ private:
     sockaddr_in m_address{};
     quint16 m_port = 0;
 };
+
+// This process's resident memory now ("VmRSS") or at its peak ("VmHWM"), in KiB; -1 when
+// the system does not say.
+qint64 residentKiB(const QByteArray &field)
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray &line : status.readAll().split('\n'))
+        if (line.startsWith(field + ':'))
+            return line.mid(field.size() + 1).trimmed().split(' ').first().toLongLong();
+    return -1;
+}
+
+// Starts the peak (VmHWM) over from the present resident size; false where it cannot.
+bool resetPeakResident()
+{
+    QFile clear(QStringLiteral("/proc/self/clear_refs"));
+    return clear.open(QIODevice::WriteOnly) && clear.write("5") == 1;
+}
 
 // ---------------------------------------------------------------------------------------
 // Bundles, archives and feeds.
@@ -1879,6 +1926,93 @@ private Q_SLOTS:
         QVERIFY(updater->lastError().has_value());
         QCOMPARE(driver.events, QStringList{QStringLiteral("dismiss")});
         QVERIFY(!driver.error);
+    }
+
+    // A bogus enclosure of 512 MB is written to disk and verified from there: the process
+    // grows by far less than its size, the signature failure is reported and the download
+    // goes with the staging folder.
+    void hugeDownloadIsVerifiedWithoutHoldingIt()
+    {
+        install(installedRecipe());
+        const QMap<QString, QByteArray> before = snapshot(m_bundle);
+        const qint64 length = qint64(512) << 20;
+        Route huge;
+        huge.generated = length;
+        m_server->serve(QStringLiteral("/Veldspar-1.1.tar.xz"), huge);
+        serveFeed({feedItem(QStringLiteral("1.1"), m_server->url(QStringLiteral("/Veldspar-1.1.tar.xz")), length,
+                            signature("another file"))});
+        RecordingDriver driver;
+        auto updater = startedUpdater(driver);
+        if (!resetPeakResident())
+            QSKIP("this system does not let a process measure its peak memory afresh");
+        const qint64 baseline = residentKiB("VmRSS");
+        QSignalSpy finished(updater.get(), &Updater::sessionFinished);
+        updater->checkForUpdates();
+        QTRY_VERIFY_WITH_TIMEOUT(finished.count() >= 1, 300000);
+        const qint64 growth = residentKiB("VmHWM") - baseline;
+        qInfo("Peak resident growth during the download and verification of %lld bytes: %lld KiB", length, growth);
+
+        QVERIFY2(driver.error, qPrintable(driver.events.join(u',')));
+        QCOMPARE(driver.error->localizedDescription(),
+                 QStringLiteral("The download of version 1.1 does not match its EdDSA signature: it was changed after "
+                                "signing, or signed with a key other than this app's SUPublicEDKey."));
+        QCOMPARE(driver.progress.last(), std::make_pair(length, length));
+#if !defined(__SANITIZE_ADDRESS__)
+        QVERIFY2(growth <= 32 * 1024, qPrintable(QStringLiteral("grew by %1 KiB").arg(growth)));
+#endif
+        QTRY_COMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+        expectUntouched(before);
+    }
+
+    // The download goes to a file only its owner can read, in a folder only its owner can open.
+    void downloadIsKeptInAPrivateFile()
+    {
+        offerUpdateWhoseDownloadStalls();
+        const mode_t usual = ::umask(022);
+        RecordingDriver driver;
+        auto updater = startedUpdater(driver);
+        updater->checkForUpdates();
+        QTRY_VERIFY_WITH_TIMEOUT(!driver.progress.isEmpty(), 20000);
+        ::umask(usual);
+        QStringList staging = besideBundle();
+        staging.removeOne(QStringLiteral("Veldspar.app"));
+        QCOMPARE(staging.size(), 1);
+        const QString folder = m_applications + u'/' + staging.first();
+        struct stat folderStatus{};
+        struct stat fileStatus{};
+        QCOMPARE(::lstat(QFile::encodeName(folder).constData(), &folderStatus), 0);
+        QCOMPARE(::lstat(QFile::encodeName(folder + QStringLiteral("/download")).constData(), &fileStatus), 0);
+        QVERIFY(S_ISDIR(folderStatus.st_mode));
+        QVERIFY(S_ISREG(fileStatus.st_mode));
+        QCOMPARE(folderStatus.st_mode & 07777, mode_t(0700));
+        QCOMPARE(fileStatus.st_mode & 07777, mode_t(0600));
+        updater->installUpdateOnQuit();
+        QTRY_COMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+        m_server->release();
+    }
+
+    // The unsigned feed cannot make Veldspar download without bound: a length beyond what an
+    // update may be is refused before any byte is fetched.
+    void feedLengthBeyondTheLargestUpdateIsRefused()
+    {
+        install(installedRecipe());
+        const QMap<QString, QByteArray> before = snapshot(m_bundle);
+        BundleRecipe next = installedRecipe();
+        next.version = QStringLiteral("1.1");
+        const QByteArray archive = publish(next, QStringLiteral("/Veldspar-1.1.tar.xz"));
+        const qint64 claimed = qint64(4) << 30;
+        serveFeed({feedItem(QStringLiteral("1.1"), m_server->url(QStringLiteral("/Veldspar-1.1.tar.xz")), claimed,
+                            signature(archive))});
+        RecordingDriver driver;
+        auto updater = startedUpdater(driver);
+        checkAndWait(*updater);
+        QVERIFY2(driver.error, qPrintable(driver.events.join(u',')));
+        QCOMPARE(driver.error->localizedDescription(),
+                 QStringLiteral("The feed states that the update 1.1 is 4294967296 bytes long, more than the 1073741824 "
+                                "bytes Veldspar accepts for an update."));
+        QCOMPARE(driver.error->code(), int(UpdateErrorCode::LengthMismatch));
+        QCOMPARE(m_server->requestsFor(QStringLiteral("/Veldspar-1.1.tar.xz")), 0);
+        expectUntouched(before);
     }
 
     void folderThatIsNotWritableIsReportedAndNothingChanges()

@@ -9,6 +9,10 @@
 #include <QTimer>
 
 namespace {
+// What a reply may hold before the body is written out; beyond it the data waits in the
+// socket, so that a fast server and a slow disk never pile a download up in memory.
+constexpr qint64 replyBufferBytes = 1 << 20;
+
 std::optional<FetchTimeouts> &timeoutsForTesting()
 {
     static std::optional<FetchTimeouts> timeouts;
@@ -64,7 +68,7 @@ public:
         }
         if (!m_request.destination.isEmpty()) {
             m_file.setFileName(m_request.destination);
-            if (!m_file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+            if (!m_file.open(QIODevice::WriteOnly | QIODevice::NewOnly, QFileDevice::ReadOwner | QFileDevice::WriteOwner)) {
                 fail(m_request.failureCode, QStringLiteral("Veldspar cannot save %1 at %2: %3.")
                                                 .arg(m_request.what, m_request.destination, m_file.errorString()));
                 return;
@@ -83,6 +87,7 @@ public:
         connect(m_watchdog, &QTimer::timeout, this, &FetchJob::timedOut);
         waitFor(Awaited::Connection);
         m_reply = m_manager->get(request);
+        m_reply->setReadBufferSize(replyBufferBytes);
         connect(m_reply, &QNetworkReply::socketStartedConnecting, this, [this] { waitFor(Awaited::Connection); });
         connect(m_reply, &QNetworkReply::requestSent, this, [this] { waitFor(Awaited::Answer); });
         connect(m_reply, &QNetworkReply::metaDataChanged, this, [this] { waitFor(Awaited::Answer); });

@@ -34,7 +34,7 @@ struct FetchRequest
 {
     QUrl url;
     QString what;             // names the download in messages: "the update feed"
-    QString destination;      // a file to write; empty: keep the body in memory
+    QString destination;      // a new file to write, readable by its owner only; empty: keep the body in memory
     qint64 limit = 16 << 20;  // more bytes than this fail the fetch
     qint64 expectedLength = -1; // when known: a server announcing another length is refused
     UpdateErrorCode failureCode = UpdateErrorCode::DownloadFailed;
