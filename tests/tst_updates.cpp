@@ -14,6 +14,7 @@
 #include "updates/BundleSwap.h"
 #include "updates/Eligibility.h"
 #include "updates/EmberlaneUpdateCommands.h"
+#include "updates/Fetch.h"
 #include "updates/EmberlaneUpdates.h"
 #include "updates/LinkedUpdateEngine.h"
 #include "updates/UpdateEngineLoader.h"
@@ -59,12 +60,15 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -85,6 +89,7 @@ struct Route
     qint64 stallAfter = -1;   // send this many body bytes, then nothing more until released
     bool hold = false;        // answer only when released
     QByteArray location;      // for redirects
+    qint64 generated = -1;    // instead of the body: this many bytes made up as the socket drains
 };
 
 class TestHttpServer : public QObject
@@ -163,11 +168,17 @@ private:
         QByteArray head = "HTTP/1.1 " + QByteArray::number(route.status)
             + (route.status == 200 ? " OK" : route.status == 302 ? " Found" : " Error") + "\r\n";
         head += "Content-Type: " + route.contentType + "\r\n";
-        head += "Content-Length: " + QByteArray::number(route.body.size()) + "\r\n";
+        head += "Content-Length: " + QByteArray::number(route.generated >= 0 ? route.generated : route.body.size()) + "\r\n";
         if (!route.location.isEmpty())
             head += "Location: " + route.location + "\r\n";
         head += "Connection: close\r\n\r\n";
         socket->write(head);
+        if (route.generated >= 0) {
+            m_unsent.insert(socket, route.generated);
+            connect(socket, &QTcpSocket::bytesWritten, this, [this, socket] { sendGenerated(socket); });
+            sendGenerated(socket);
+            return;
+        }
         if (route.stallAfter >= 0) {
             socket->write(route.body.left(route.stallAfter));
             m_stalled.append(socket);
@@ -177,13 +188,107 @@ private:
         socket->disconnectFromHost();
     }
 
+    // Keeps about one block waiting in the socket until the whole length has gone, so that a
+    // body of any size costs the server no memory.
+    void sendGenerated(QTcpSocket *socket)
+    {
+        static const QByteArray block(256 * 1024, 'v');
+        const auto unsent = m_unsent.find(socket);
+        if (unsent == m_unsent.end())
+            return;
+        while (*unsent > 0 && socket->bytesToWrite() < block.size()) {
+            const qint64 size = qMin<qint64>(*unsent, block.size());
+            socket->write(block.constData(), size);
+            *unsent -= size;
+        }
+        if (*unsent == 0) {
+            m_unsent.erase(unsent);
+            socket->disconnectFromHost();
+        }
+    }
+
     QTcpServer m_server;
     QHash<QString, Route> m_routes;
+    QHash<QTcpSocket *, qint64> m_unsent;
     QHash<QTcpSocket *, QByteArray> m_buffers;
     QList<std::pair<QPointer<QTcpSocket>, QString>> m_held;
     QList<QPointer<QTcpSocket>> m_stalled;
     QStringList m_requests;
 };
+
+// A listening socket whose queue is full: the system drops every further attempt to
+// connect unanswered, as happens with a server that never takes a connection.
+class FullListener
+{
+public:
+    FullListener()
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        m_listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (m_listener < 0 || ::bind(m_listener, reinterpret_cast<sockaddr *>(&address), size) != 0
+            || ::listen(m_listener, 0) != 0 || ::getsockname(m_listener, reinterpret_cast<sockaddr *>(&address), &size) != 0)
+            return;
+        m_address = address;
+        // The one connection a queue of length 0 takes.
+        m_filler = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (m_filler >= 0 && ::connect(m_filler, reinterpret_cast<sockaddr *>(&address), size) == 0)
+            m_port = ntohs(address.sin_port);
+    }
+    ~FullListener()
+    {
+        for (const int descriptor : {m_filler, m_listener})
+            if (descriptor >= 0)
+                ::close(descriptor);
+    }
+
+    quint16 port() const { return m_port; }
+
+    // Whether one more connection stays unanswered for a while (the system may answer it).
+    bool dropsConnections() const
+    {
+        if (m_port == 0)
+            return false;
+        const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (probe < 0)
+            return false;
+        bool dropped = false;
+        if (::connect(probe, reinterpret_cast<const sockaddr *>(&m_address), sizeof m_address) != 0 && errno == EINPROGRESS) {
+            pollfd waiting{probe, POLLOUT, 0};
+            dropped = ::poll(&waiting, 1, 300) == 0;
+        }
+        ::close(probe);
+        return dropped;
+    }
+
+private:
+    int m_listener = -1;
+    int m_filler = -1;
+    sockaddr_in m_address{};
+    quint16 m_port = 0;
+};
+
+// This process's resident memory now ("VmRSS") or at its peak ("VmHWM"), in KiB; -1 when
+// the system does not say.
+qint64 residentKiB(const QByteArray &field)
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray &line : status.readAll().split('\n'))
+        if (line.startsWith(field + ':'))
+            return line.mid(field.size() + 1).trimmed().split(' ').first().toLongLong();
+    return -1;
+}
+
+// Starts the peak (VmHWM) over from the present resident size; false where it cannot.
+bool resetPeakResident()
+{
+    QFile clear(QStringLiteral("/proc/self/clear_refs"));
+    return clear.open(QIODevice::WriteOnly) && clear.write("5") == 1;
+}
 
 // ---------------------------------------------------------------------------------------
 // Bundles, archives and feeds.
@@ -648,6 +753,13 @@ private:
                             signature(archive))});
     }
 
+    // 0.3 s instead of 30 s for the connection and each next byte, so that a test of a silent
+    // server takes a moment; cleanup() restores them.
+    static void shortenFetchTimeouts()
+    {
+        setFetchTimeoutsForTesting(FetchTimeouts{std::chrono::milliseconds(300), std::chrono::milliseconds(300)});
+    }
+
     void expectUntouched(const QMap<QString, QByteArray> &before)
     {
         QCOMPARE(snapshot(m_bundle), before);
@@ -684,6 +796,7 @@ private Q_SLOTS:
 
     void cleanup()
     {
+        setFetchTimeoutsForTesting(std::nullopt);
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         QCoreApplication::processEvents();
         m_server.reset();
@@ -1195,6 +1308,83 @@ private Q_SLOTS:
         QCOMPARE(driver.events, (QStringList{QStringLiteral("checking"), QStringLiteral("dismiss")}));
     }
 
+    // A server that leaves a check hanging ends it after the time-out with a message that says
+    // so, and "Check for Updates…" is enabled again. The time-outs are shortened from 30 s to
+    // 0.3 s here, so that each case takes a moment instead of half a minute.
+    void checkEndsWhenTheServerGoesSilent_data()
+    {
+        QTest::addColumn<QString>("server");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("accepts and never answers") << QStringLiteral("silent") << QStringLiteral("the server sent nothing for 0.3 seconds");
+        QTest::newRow("answers a few bytes, then stalls") << QStringLiteral("stalls") << QStringLiteral("the server sent nothing for 0.3 seconds");
+        QTest::newRow("never takes the connection") << QStringLiteral("full") << QStringLiteral("no connection to the server within 0.3 seconds");
+    }
+
+    void checkEndsWhenTheServerGoesSilent()
+    {
+        QFETCH(QString, server);
+        QFETCH(QString, reason);
+        shortenFetchTimeouts();
+        BundleRecipe recipe = installedRecipe();
+        Route feed;
+        feed.body = feedXml({});
+        feed.contentType = "application/rss+xml";
+        FullListener full;
+        if (server == u"silent") {
+            feed.hold = true;
+        } else if (server == u"stalls") {
+            feed.stallAfter = 10;
+        } else {
+            if (!full.dropsConnections())
+                QSKIP("this system answers connections beyond a listener's queue");
+            recipe.feedUrl = QStringLiteral("http://127.0.0.1:%1/appcast.xml").arg(full.port());
+        }
+        m_server->serve(QStringLiteral("/appcast.xml"), feed);
+        install(recipe);
+
+        RecordingDriver driver;
+        EmberlaneUpdates updates(m_bundle, &driver);
+        EmberlaneUpdateCommands commands(updates);
+        updates.loadEngine();
+        QTRY_VERIFY(commands.checkForUpdates()->isEnabled());
+        QList<bool> enabled;
+        connect(&updates, &EmberlaneUpdates::canCheckChanged, this, [&] { enabled << commands.checkForUpdates()->isEnabled(); });
+        QSignalSpy finished(&updates.updater(), &Updater::sessionFinished);
+        commands.checkForUpdates()->trigger();
+        QTRY_VERIFY_WITH_TIMEOUT(finished.count() >= 1, 10000);
+        QTRY_VERIFY(commands.checkForUpdates()->isEnabled());
+        QCOMPARE(enabled.first(), false);
+        QVERIFY2(driver.error, qPrintable(driver.events.join(u',')));
+        QCOMPARE(driver.error->localizedDescription(),
+                 QStringLiteral("The update feed could not be downloaded from %1: %2.").arg(recipe.feedUrl, reason));
+        QCOMPARE(driver.error->code(), int(UpdateErrorCode::FeedUnavailable));
+        QCOMPARE(driver.events, (QStringList{QStringLiteral("checking"), QStringLiteral("error")}));
+        m_server->release();
+    }
+
+    // Every fetch has the time-outs: a download that stops half-way fails, and nothing of it stays.
+    void downloadThatStallsFails()
+    {
+        shortenFetchTimeouts();
+        offerUpdateWhoseDownloadStalls();
+        const QMap<QString, QByteArray> before = snapshot(m_bundle);
+        const QString archiveUrl = m_server->url(QStringLiteral("/Veldspar-1.1.tar.xz"));
+        RecordingDriver driver;
+        auto updater = startedUpdater(driver);
+        checkAndWait(*updater);
+        QVERIFY2(driver.error, qPrintable(driver.events.join(u',')));
+        const QString message = driver.error->localizedDescription();
+        const QRegularExpression expected(QStringLiteral("^The update 1\\.1 could not be downloaded from %1: the server sent "
+                                                         "nothing for 0\\.3 seconds \\(received \\d+ of \\d+ bytes\\)\\.$")
+                                              .arg(QRegularExpression::escape(archiveUrl)));
+        QVERIFY2(expected.match(message).hasMatch(), qPrintable(message));
+        QCOMPARE(driver.error->code(), int(UpdateErrorCode::DownloadFailed));
+        QVERIFY(updater->canCheckForUpdates());
+        QTRY_COMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+        expectUntouched(before);
+        m_server->release();
+    }
+
     void automaticChecksArePersisted()
     {
         BundleRecipe recipe = installedRecipe();
@@ -1278,6 +1468,40 @@ private Q_SLOTS:
         QVERIFY(!updater->nextScheduledCheck().isValid());
         QTest::qWait(300);
         QCOMPARE(m_server->requestsFor(QStringLiteral("/appcast.xml")), 1);
+    }
+
+    // A scheduled check that fails (here: the server never answers) ends quietly, and the
+    // next one comes an interval later. The time-outs are shortened from 30 s to 0.3 s.
+    void failedScheduledCheckIsRetriedAtTheNextInterval()
+    {
+        shortenFetchTimeouts();
+        BundleRecipe recipe = installedRecipe();
+        recipe.automaticChecks = true;
+        install(recipe);
+        Route silent;
+        silent.hold = true;
+        m_server->serve(QStringLiteral("/appcast.xml"), silent);
+        RecordingDriver driver;
+        auto updater = startedUpdater(driver);
+        QSignalSpy finished(updater.get(), &Updater::sessionFinished);
+        QTRY_COMPARE(m_server->requestsFor(QStringLiteral("/appcast.xml")), 1); // never checked: due at once
+        QTRY_VERIFY_WITH_TIMEOUT(finished.count() >= 1, 10000);
+        QVERIFY(updater->lastError());
+        QCOMPARE(updater->lastError()->localizedDescription(),
+                 QStringLiteral("The update feed could not be downloaded from %1: the server sent nothing for 0.3 seconds.")
+                     .arg(recipe.feedUrl));
+        QCOMPARE(driver.events, QStringList{QStringLiteral("dismiss")}); // scheduled: silent
+        QVERIFY(updater->canCheckForUpdates());
+        QCOMPARE(updater->nextScheduledCheck().toSecsSinceEpoch(),
+                 updater->lastUpdateCheckDate().addSecs(updater->updateCheckInterval()).toSecsSinceEpoch());
+
+        // An interval later (the last check moved back by one), the check comes again.
+        UpdateUserSettings::setLastCheckTime(QDateTime::currentDateTimeUtc().addSecs(-updater->updateCheckInterval() - 1));
+        updater->setUpdateCheckInterval(updater->updateCheckInterval());
+        QTRY_COMPARE(m_server->requestsFor(QStringLiteral("/appcast.xml")), 2);
+        QTRY_VERIFY_WITH_TIMEOUT(finished.count() >= 2, 10000);
+        QVERIFY(updater->nextScheduledCheck() > QDateTime::currentDateTimeUtc().addSecs(updater->updateCheckInterval() - 60));
+        m_server->release();
     }
 
     void skippedVersionIsPassedOverByScheduledChecksUntilTheUserChecks()
@@ -1733,6 +1957,93 @@ private Q_SLOTS:
         QVERIFY(!driver.error);
     }
 
+    // A bogus enclosure of 512 MB is written to disk and verified from there: the process
+    // grows by far less than its size, the signature failure is reported and the download
+    // goes with the staging folder.
+    void hugeDownloadIsVerifiedWithoutHoldingIt()
+    {
+        install(installedRecipe());
+        const QMap<QString, QByteArray> before = snapshot(m_bundle);
+        const qint64 length = qint64(512) << 20;
+        Route huge;
+        huge.generated = length;
+        m_server->serve(QStringLiteral("/Veldspar-1.1.tar.xz"), huge);
+        serveFeed({feedItem(QStringLiteral("1.1"), m_server->url(QStringLiteral("/Veldspar-1.1.tar.xz")), length,
+                            signature("another file"))});
+        RecordingDriver driver;
+        auto updater = startedUpdater(driver);
+        if (!resetPeakResident())
+            QSKIP("this system does not let a process measure its peak memory afresh");
+        const qint64 baseline = residentKiB("VmRSS");
+        QSignalSpy finished(updater.get(), &Updater::sessionFinished);
+        updater->checkForUpdates();
+        QTRY_VERIFY_WITH_TIMEOUT(finished.count() >= 1, 300000);
+        const qint64 growth = residentKiB("VmHWM") - baseline;
+        qInfo("Peak resident growth during the download and verification of %lld bytes: %lld KiB", length, growth);
+
+        QVERIFY2(driver.error, qPrintable(driver.events.join(u',')));
+        QCOMPARE(driver.error->localizedDescription(),
+                 QStringLiteral("The download of version 1.1 does not match its EdDSA signature: it was changed after "
+                                "signing, or signed with a key other than this app's SUPublicEDKey."));
+        QCOMPARE(driver.progress.last(), std::make_pair(length, length));
+#if !defined(__SANITIZE_ADDRESS__)
+        QVERIFY2(growth <= 32 * 1024, qPrintable(QStringLiteral("grew by %1 KiB").arg(growth)));
+#endif
+        QTRY_COMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+        expectUntouched(before);
+    }
+
+    // The download goes to a file only its owner can read, in a folder only its owner can open.
+    void downloadIsKeptInAPrivateFile()
+    {
+        offerUpdateWhoseDownloadStalls();
+        const mode_t usual = ::umask(022);
+        RecordingDriver driver;
+        auto updater = startedUpdater(driver);
+        updater->checkForUpdates();
+        QTRY_VERIFY_WITH_TIMEOUT(!driver.progress.isEmpty(), 20000);
+        ::umask(usual);
+        QStringList staging = besideBundle();
+        staging.removeOne(QStringLiteral("Veldspar.app"));
+        QCOMPARE(staging.size(), 1);
+        const QString folder = m_applications + u'/' + staging.first();
+        struct stat folderStatus{};
+        struct stat fileStatus{};
+        QCOMPARE(::lstat(QFile::encodeName(folder).constData(), &folderStatus), 0);
+        QCOMPARE(::lstat(QFile::encodeName(folder + QStringLiteral("/download")).constData(), &fileStatus), 0);
+        QVERIFY(S_ISDIR(folderStatus.st_mode));
+        QVERIFY(S_ISREG(fileStatus.st_mode));
+        QCOMPARE(folderStatus.st_mode & 07777, mode_t(0700));
+        QCOMPARE(fileStatus.st_mode & 07777, mode_t(0600));
+        updater->installUpdateOnQuit();
+        QTRY_COMPARE(besideBundle(), QStringList{QStringLiteral("Veldspar.app")});
+        m_server->release();
+    }
+
+    // The unsigned feed cannot make Veldspar download without bound: a length beyond what an
+    // update may be is refused before any byte is fetched.
+    void feedLengthBeyondTheLargestUpdateIsRefused()
+    {
+        install(installedRecipe());
+        const QMap<QString, QByteArray> before = snapshot(m_bundle);
+        BundleRecipe next = installedRecipe();
+        next.version = QStringLiteral("1.1");
+        const QByteArray archive = publish(next, QStringLiteral("/Veldspar-1.1.tar.xz"));
+        const qint64 claimed = qint64(4) << 30;
+        serveFeed({feedItem(QStringLiteral("1.1"), m_server->url(QStringLiteral("/Veldspar-1.1.tar.xz")), claimed,
+                            signature(archive))});
+        RecordingDriver driver;
+        auto updater = startedUpdater(driver);
+        checkAndWait(*updater);
+        QVERIFY2(driver.error, qPrintable(driver.events.join(u',')));
+        QCOMPARE(driver.error->localizedDescription(),
+                 QStringLiteral("The feed states that the update 1.1 is 4294967296 bytes long, more than the 1073741824 "
+                                "bytes Veldspar accepts for an update."));
+        QCOMPARE(driver.error->code(), int(UpdateErrorCode::LengthMismatch));
+        QCOMPARE(m_server->requestsFor(QStringLiteral("/Veldspar-1.1.tar.xz")), 0);
+        expectUntouched(before);
+    }
+
     void folderThatIsNotWritableIsReportedAndNothingChanges()
     {
         install(installedRecipe());
@@ -2130,6 +2441,72 @@ private Q_SLOTS:
 
     // -----------------------------------------------------------------------------------
     // The release tool
+
+    // The check over pieces gives the answer of the check over the whole message, for good
+    // signatures, changed messages, changed signatures and other keys, however the message is cut.
+    void streamedVerificationAgreesWithTheWholeMessageCheck()
+    {
+        const auto streamed = [](const QByteArray &message, const QByteArray &signature, const QByteArray &publicKey,
+                                 qsizetype piece) {
+            Ed25519Verifier verifier(signature, publicKey);
+            for (qsizetype at = 0; at < message.size(); at += piece)
+                verifier.add(QByteArrayView(message.constData() + at, qMin(piece, message.size() - at)));
+            return verifier.matches();
+        };
+        const Ed25519KeyPair other = generateKeyPair();
+        for (const qsizetype size : {0, 1, 63, 64, 1000, 200000}) {
+            const QByteArray message = randomBytes(size);
+            const QByteArray good = signDetached(message, m_keys.seed);
+            QByteArray changedMessage = message + "x";
+            QByteArray changedR = good;
+            changedR[3] = char(changedR.at(3) ^ 0x10);
+            QByteArray changedS = good;
+            changedS[40] = char(changedS.at(40) ^ 0x01);
+            const QList<std::tuple<QByteArray, QByteArray, QByteArray>> cases{
+                {message, good, m_keys.publicKey},         {changedMessage, good, m_keys.publicKey},
+                {message, changedR, m_keys.publicKey},     {message, changedS, m_keys.publicKey},
+                {message, good, other.publicKey},          {message, good.left(63), m_keys.publicKey},
+                {message, good, m_keys.publicKey.left(31)}};
+            for (const auto &[text, sig, key] : cases)
+                for (const qsizetype piece : {qsizetype(1), qsizetype(7), qsizetype(4096), qMax(qsizetype(1), text.size())})
+                    QCOMPARE(streamed(text, sig, key, piece), verifyDetached(text, sig, key));
+            QVERIFY(streamed(message, good, m_keys.publicKey, 4096));
+        }
+    }
+
+    // Known answers (RFC 8032, section 7.1, tests 1 and 2): the scheme is plain Ed25519, and a
+    // second signature made by adding the group order to S is refused as libsodium refuses it.
+    void streamedVerificationKnowsPlainEd25519()
+    {
+        const QByteArray seed1 = QByteArray::fromHex("9d61b19deffd5a60ba844af492ec2cc44449c5697b326919703bac031cae7f60");
+        const QByteArray key1 = QByteArray::fromHex("d75a980182b10ab7d54bfed3c964073a0ee172f3daa62325af021a68f707511a");
+        const QByteArray signature1 = QByteArray::fromHex("e5564300c360ac729086e2cc806e828a84877f1eb8e5d974d873e06522490155"
+                                                          "5fb8821590a33bacc61e39701cf9b46bd25bf5f0595bbe24655141438e7a100b");
+        const QByteArray key2 = QByteArray::fromHex("3d4017c3e843895a92b70aa74d1b7ebc9c982ccf2ec4968cc0cd55f12af4660c");
+        const QByteArray signature2 = QByteArray::fromHex("92a009a9f0d4cab8720e820b5f642540a2b27b5416503f8fb3762223ebdb69da"
+                                                          "085ac1e43e15996e458f3613d0f11d8c387b2eaeb4302aeeb00d291612bb0c00");
+        QCOMPARE(keyPairFromSeed(seed1).publicKey, key1);
+        QCOMPARE(signDetached(QByteArray(), seed1), signature1);
+        Ed25519Verifier empty(signature1, key1);
+        QVERIFY(empty.matches());
+        QVERIFY(!empty.matches()); // ended
+        Ed25519Verifier oneByte(signature2, key2);
+        oneByte.add(QByteArray::fromHex("72"));
+        QVERIFY(oneByte.matches());
+
+        // S + L, little-endian: the same equation holds, but S is not reduced.
+        const QByteArray order = QByteArray::fromHex("edd3f55c1a631258d69cf7a2def9de1400000000000000000000000000000010");
+        QByteArray malleable = signature1;
+        int carry = 0;
+        for (int i = 0; i < 32; ++i) {
+            const int sum = quint8(malleable.at(32 + i)) + quint8(order.at(i)) + carry;
+            malleable[32 + i] = char(sum & 0xff);
+            carry = sum >> 8;
+        }
+        QCOMPARE(carry, 0);
+        QVERIFY(!verifyDetached(QByteArray(), malleable, key1));
+        QVERIFY(!Ed25519Verifier(malleable, key1).matches());
+    }
 
     void releaseToolSignsAndVerifies()
     {

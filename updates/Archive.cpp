@@ -101,18 +101,23 @@ void checkWhereItLeads(const QString &root, const UnpackedLink &link)
         throw failure(QStringLiteral("the link \u201c%1\u201d goes through too many links").arg(link.written));
     }
 }
-} // namespace
 
-void extractArchive(const QByteArray &bytes, const QString &destination)
+using Reader = std::unique_ptr<archive, ReadDeleter>;
+
+// A reader of the archive formats an update may come in, not yet opened.
+Reader newReader()
 {
-    std::unique_ptr<archive, ReadDeleter> reader(archive_read_new());
+    Reader reader(archive_read_new());
     archive_read_support_filter_all(reader.get());
     archive_read_support_format_tar(reader.get());
     archive_read_support_format_gnutar(reader.get());
     archive_read_support_format_zip(reader.get());
-    if (archive_read_open_memory(reader.get(), bytes.constData(), size_t(bytes.size())) != ARCHIVE_OK)
-        throw failure(archiveMessage(reader.get()));
+    return reader;
+}
 
+// Unpacks the opened archive's entries into the destination, checking each.
+void unpack(archive *reader, const QString &destination)
+{
     std::unique_ptr<archive, WriteDeleter> writer(archive_write_disk_new());
     archive_write_disk_set_options(writer.get(), ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM
                                                      | ARCHIVE_EXTRACT_SECURE_SYMLINKS
@@ -128,11 +133,11 @@ void extractArchive(const QByteArray &bytes, const QString &destination)
     QList<UnpackedLink> links;
     for (;;) {
         archive_entry *entry = nullptr;
-        const int status = archive_read_next_header(reader.get(), &entry);
+        const int status = archive_read_next_header(reader, &entry);
         if (status == ARCHIVE_EOF)
             break;
         if (status < ARCHIVE_WARN)
-            throw failure(archiveMessage(reader.get()));
+            throw failure(archiveMessage(reader));
 
         const QString written = entryPath(entry);
         const QString relative = QDir::cleanPath(written);
@@ -166,11 +171,11 @@ void extractArchive(const QByteArray &bytes, const QString &destination)
             size_t size = 0;
             la_int64_t offset = 0;
             for (;;) {
-                const int read = archive_read_data_block(reader.get(), &block, &size, &offset);
+                const int read = archive_read_data_block(reader, &block, &size, &offset);
                 if (read == ARCHIVE_EOF)
                     break;
                 if (read < ARCHIVE_WARN)
-                    throw failure(archiveMessage(reader.get()));
+                    throw failure(archiveMessage(reader));
                 expectWritten(writer.get(), archive_write_data_block(writer.get(), block, size, offset), written);
             }
         }
@@ -185,4 +190,24 @@ void extractArchive(const QByteArray &bytes, const QString &destination)
         throw failure(archiveMessage(writer.get()));
     if (entries == 0)
         throw failure(QStringLiteral("it is empty"));
+}
+} // namespace
+
+void extractArchive(const QByteArray &bytes, const QString &destination)
+{
+    const Reader reader = newReader();
+    if (archive_read_open_memory(reader.get(), bytes.constData(), size_t(bytes.size())) != ARCHIVE_OK)
+        throw failure(archiveMessage(reader.get()));
+    unpack(reader.get(), destination);
+}
+
+void extractArchive(QFile &file, const QString &destination)
+{
+    constexpr size_t blockBytes = 64 * 1024;
+    if (!file.isOpen() || !file.seek(0))
+        throw failure(QStringLiteral("%1 cannot be read: %2").arg(file.fileName(), file.errorString()));
+    const Reader reader = newReader();
+    if (archive_read_open_fd(reader.get(), file.handle(), blockBytes) != ARCHIVE_OK)
+        throw failure(archiveMessage(reader.get()));
+    unpack(reader.get(), destination);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QFile>
 #include <QString>
 
 // Unpacks an archive (tar, compressed or not, or zip) held in memory into an existing empty
@@ -10,3 +11,8 @@
 // top-level folder that holds it; no entry is written through a link or replaces an earlier
 // one. Permissions keep their rwx bits only (no set-id bits). Throws Error.
 void extractArchive(const QByteArray &archive, const QString &destination);
+
+// The same for an archive in an open file, read from its start in blocks, whatever its size:
+// the caller keeps the file open from verification to unpacking, so that the bytes unpacked
+// are again the bytes that were verified.
+void extractArchive(QFile &archive, const QString &destination);

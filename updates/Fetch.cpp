@@ -6,6 +6,36 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QTimer>
+
+namespace {
+// What a reply may hold before the body is written out; beyond it the data waits in the
+// socket, so that a fast server and a slow disk never pile a download up in memory.
+constexpr qint64 replyBufferBytes = 1 << 20;
+
+std::optional<FetchTimeouts> &timeoutsForTesting()
+{
+    static std::optional<FetchTimeouts> timeouts;
+    return timeouts;
+}
+
+QString secondsText(std::chrono::milliseconds duration)
+{
+    if (duration == std::chrono::seconds(1))
+        return QStringLiteral("1 second");
+    return QStringLiteral("%1 seconds").arg(double(duration.count()) / 1000.0);
+}
+} // namespace
+
+FetchTimeouts fetchTimeouts()
+{
+    return timeoutsForTesting().value_or(FetchTimeouts());
+}
+
+void setFetchTimeoutsForTesting(std::optional<FetchTimeouts> timeouts)
+{
+    timeoutsForTesting() = timeouts;
+}
 
 std::optional<QString> insecureUrlReason(const QUrl &url)
 {
@@ -38,7 +68,7 @@ public:
         }
         if (!m_request.destination.isEmpty()) {
             m_file.setFileName(m_request.destination);
-            if (!m_file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+            if (!m_file.open(QIODevice::WriteOnly | QIODevice::NewOnly, QFileDevice::ReadOwner | QFileDevice::WriteOwner)) {
                 fail(m_request.failureCode, QStringLiteral("Veldspar cannot save %1 at %2: %3.")
                                                 .arg(m_request.what, m_request.destination, m_file.errorString()));
                 return;
@@ -52,7 +82,15 @@ public:
         request.setRawHeader("Cache-Control", "no-cache");
         request.setHeader(QNetworkRequest::UserAgentHeader, QByteArrayLiteral("Veldspar-Updater"));
         request.setMaximumRedirectsAllowed(10);
+        m_watchdog = new QTimer(this);
+        m_watchdog->setSingleShot(true);
+        connect(m_watchdog, &QTimer::timeout, this, &FetchJob::timedOut);
+        waitFor(Awaited::Connection);
         m_reply = m_manager->get(request);
+        m_reply->setReadBufferSize(replyBufferBytes);
+        connect(m_reply, &QNetworkReply::socketStartedConnecting, this, [this] { waitFor(Awaited::Connection); });
+        connect(m_reply, &QNetworkReply::requestSent, this, [this] { waitFor(Awaited::Answer); });
+        connect(m_reply, &QNetworkReply::metaDataChanged, this, [this] { waitFor(Awaited::Answer); });
         connect(m_reply, &QNetworkReply::redirected, this, [this](const QUrl &target) {
             if (const auto reason = insecureUrlReason(target))
                 fail(UpdateErrorCode::InsecureLink,
@@ -71,6 +109,7 @@ public:
         if (m_over)
             return;
         m_over = true;
+        stopWaiting();
         if (m_reply)
             m_reply->abort();
         discardFile();
@@ -82,6 +121,44 @@ Q_SIGNALS:
     void failed(int code, const QString &message);
 
 private:
+    enum class Awaited { Connection, Answer };
+
+    // (Re)starts the time-out for what the fetch now waits for: any sign of life restarts it.
+    void waitFor(Awaited awaited)
+    {
+        if (m_over)
+            return;
+        m_awaited = awaited;
+        m_watchdog->start(awaited == Awaited::Connection ? m_request.timeouts.connect : m_request.timeouts.idle);
+    }
+
+    void stopWaiting()
+    {
+        if (m_watchdog)
+            m_watchdog->stop();
+    }
+
+    void timedOut()
+    {
+        if (m_awaited == Awaited::Connection)
+            fail(m_request.failureCode,
+                 notDownloaded(QStringLiteral("no connection to the server within %1").arg(secondsText(m_request.timeouts.connect))));
+        else
+            fail(m_request.failureCode,
+                 notDownloaded(QStringLiteral("the server sent nothing for %1").arg(secondsText(m_request.timeouts.idle))));
+    }
+
+    // "<What> could not be downloaded from <URL>: <reason>.", with how far it came when the
+    // length is known.
+    QString notDownloaded(const QString &reason) const
+    {
+        QString message = QStringLiteral("%1 could not be downloaded from %2: %3")
+                              .arg(capitalized(m_request.what), m_request.url.toDisplayString(), reason);
+        if (m_request.expectedLength >= 0)
+            message += QStringLiteral(" (received %1 of %2 bytes)").arg(m_received).arg(m_request.expectedLength);
+        return message + u'.';
+    }
+
     int status() const { return m_reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(); }
 
     void checkAnnouncedLength()
@@ -103,6 +180,8 @@ private:
         if (m_over)
             return;
         const QByteArray chunk = m_reply->readAll();
+        if (!chunk.isEmpty())
+            waitFor(Awaited::Answer);
         m_received += chunk.size();
         if (m_received > m_request.limit) {
             if (m_request.expectedLength >= 0)
@@ -146,12 +225,9 @@ private:
         consume();
         if (m_over)
             return;
+        stopWaiting();
         if (m_reply->error() != QNetworkReply::NoError) {
-            QString message = QStringLiteral("%1 could not be downloaded from %2: %3")
-                                  .arg(capitalized(m_request.what), m_request.url.toDisplayString(), m_reply->errorString());
-            if (m_request.expectedLength >= 0)
-                message += QStringLiteral(" (received %1 of %2 bytes)").arg(m_received).arg(m_request.expectedLength);
-            fail(m_request.failureCode, message + u'.');
+            fail(m_request.failureCode, notDownloaded(m_reply->errorString()));
             return;
         }
         if (status() < 200 || status() >= 300) {
@@ -176,6 +252,7 @@ private:
         if (m_over)
             return;
         m_over = true;
+        stopWaiting();
         if (m_reply) {
             m_reply->disconnect(this);
             m_reply->abort();
@@ -202,6 +279,8 @@ private:
     FetchRequest m_request;
     QNetworkAccessManager *m_manager = nullptr;
     QNetworkReply *m_reply = nullptr;
+    QTimer *m_watchdog = nullptr;
+    Awaited m_awaited = Awaited::Connection;
     QFile m_file;
     QByteArray m_body;
     qint64 m_received = 0;

@@ -4,6 +4,8 @@
 
 #include <sodium.h>
 
+#include <cstring>
+
 namespace {
 void initializeSodium()
 {
@@ -15,6 +17,16 @@ void initializeSodium()
 const unsigned char *bytes(const QByteArray &data)
 {
     return reinterpret_cast<const unsigned char *>(data.constData());
+}
+
+// Whether the 32 bytes are a scalar below the group order, as a signature's S half must be.
+bool isReducedScalar(const unsigned char *scalar)
+{
+    unsigned char wide[crypto_core_ed25519_NONREDUCEDSCALARBYTES] = {};
+    std::memcpy(wide, scalar, crypto_core_ed25519_SCALARBYTES);
+    unsigned char reduced[crypto_core_ed25519_SCALARBYTES];
+    crypto_core_ed25519_scalar_reduce(reduced, wide);
+    return std::memcmp(reduced, scalar, sizeof reduced) == 0;
 }
 
 static_assert(crypto_sign_PUBLICKEYBYTES == ed25519PublicKeyBytes);
@@ -72,6 +84,64 @@ bool verifyDetached(const QByteArray &message, const QByteArray &signature, cons
     return crypto_sign_verify_detached(bytes(signature), bytes(message),
                                        static_cast<unsigned long long>(message.size()), bytes(publicKey))
         == 0;
+}
+
+struct Ed25519Verifier::State
+{
+    crypto_hash_sha512_state hash;
+    unsigned char signature[crypto_sign_BYTES];
+    unsigned char publicKey[crypto_sign_PUBLICKEYBYTES];
+    bool open = false; // well-formed, and not yet ended
+};
+
+Ed25519Verifier::Ed25519Verifier(const QByteArray &signature, const QByteArray &publicKey)
+    : m_state(std::make_unique<State>())
+{
+    initializeSodium();
+    if (signature.size() != ed25519SignatureBytes || publicKey.size() != ed25519PublicKeyBytes)
+        return;
+    State &state = *m_state;
+    std::memcpy(state.signature, signature.constData(), sizeof state.signature);
+    std::memcpy(state.publicKey, publicKey.constData(), sizeof state.publicKey);
+    crypto_hash_sha512_init(&state.hash);
+    crypto_hash_sha512_update(&state.hash, state.signature, 32); // R
+    crypto_hash_sha512_update(&state.hash, state.publicKey, sizeof state.publicKey);
+    state.open = true;
+}
+
+Ed25519Verifier::~Ed25519Verifier() = default;
+
+void Ed25519Verifier::add(QByteArrayView piece)
+{
+    if (m_state->open)
+        crypto_hash_sha512_update(&m_state->hash, reinterpret_cast<const unsigned char *>(piece.data()),
+                                  static_cast<unsigned long long>(piece.size()));
+}
+
+bool Ed25519Verifier::matches()
+{
+    State &state = *m_state;
+    if (!state.open)
+        return false;
+    state.open = false;
+    unsigned char digest[crypto_hash_sha512_BYTES];
+    crypto_hash_sha512_final(&state.hash, digest);
+    unsigned char h[crypto_core_ed25519_SCALARBYTES];
+    crypto_core_ed25519_scalar_reduce(h, digest);
+
+    const unsigned char *r = state.signature;
+    const unsigned char *s = state.signature + 32;
+    if (!isReducedScalar(s) || !crypto_core_ed25519_is_valid_point(r))
+        return false;
+    // [S]B - [h]A must be R. The multiplications refuse a key that is not a valid point of
+    // the prime-order group.
+    unsigned char sB[crypto_core_ed25519_BYTES];
+    unsigned char hA[crypto_core_ed25519_BYTES];
+    unsigned char expected[crypto_core_ed25519_BYTES];
+    if (crypto_scalarmult_ed25519_base_noclamp(sB, s) != 0 || crypto_scalarmult_ed25519_noclamp(hA, h, state.publicKey) != 0
+        || crypto_core_ed25519_sub(expected, sB, hA) != 0)
+        return false;
+    return crypto_verify_32(expected, r) == 0;
 }
 
 std::optional<QByteArray> decodeSignature(const QString &base64, QString *problem)

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <QByteArray>
+#include <QByteArrayView>
 #include <QString>
 
+#include <memory>
 #include <optional>
 
 // Pure Ed25519 (libsodium's crypto_sign_*_detached) over the exact bytes of a file.
@@ -24,6 +26,31 @@ Ed25519KeyPair keyPairFromSeed(const QByteArray &seed);
 QByteArray signDetached(const QByteArray &message, const QByteArray &seed);
 // Whether the 64-byte signature was made over exactly these bytes with the key's secret half.
 bool verifyDetached(const QByteArray &message, const QByteArray &signature, const QByteArray &publicKey);
+
+// The same check as verifyDetached for a message that comes in pieces, such as a file read a
+// block at a time, so that its size costs no memory: pure Ed25519 hashes the whole message
+// once, as SHA-512(R || public key || message), and that hash can be taken piece by piece;
+// the curve equation [S]B = R + [hash]A is then checked once at the end. Every signature
+// signDetached makes is accepted; a signature or key with a degenerate point (of small order,
+// or outside the prime-order group) is refused.
+class Ed25519Verifier
+{
+public:
+    Ed25519Verifier(const QByteArray &signature, const QByteArray &publicKey);
+    ~Ed25519Verifier();
+    Ed25519Verifier(const Ed25519Verifier &) = delete;
+    Ed25519Verifier &operator=(const Ed25519Verifier &) = delete;
+
+    // The next piece of the message.
+    void add(QByteArrayView piece);
+    // Whether the signature was made over the pieces added, in order, with the key's secret
+    // half. Ends the verification: afterwards it is false.
+    bool matches();
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};
 
 // Decodes a sparkle:edSignature value; nothing when it is not base64 of 64 bytes, and then
 // `problem` says why.

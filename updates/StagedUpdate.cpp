@@ -35,18 +35,34 @@ void checkEnclosure(const AppcastItem &item)
                               .arg(version, problem));
 }
 
-void verifyArchive(const QByteArray &bytes, const AppcastItem &item, const QByteArray &publicKey)
+void verifyArchive(QFile &archive, const AppcastItem &item, const QByteArray &publicKey)
 {
     checkEnclosure(item);
     const QString version = item.versionLabel();
-    if (bytes.size() != item.enclosure->length)
+    if (archive.size() != item.enclosure->length)
         throw updateError(UpdateErrorCode::LengthMismatch,
                           QStringLiteral("The feed states that the update %1 is %2 bytes long, but %3 bytes were "
                                          "received.")
                               .arg(version)
                               .arg(item.enclosure->length)
-                              .arg(bytes.size()));
-    if (!verifyDetached(bytes, *decodeSignature(*item.enclosure->edSignature), publicKey))
+                              .arg(archive.size()));
+    const auto unreadable = [&archive] {
+        return updateError(UpdateErrorCode::DownloadFailed, QStringLiteral("The downloaded update cannot be read: %1: %2.")
+                                                                .arg(archive.fileName(), archive.errorString()));
+    };
+    if (!archive.seek(0))
+        throw unreadable();
+    Ed25519Verifier verifier(*decodeSignature(*item.enclosure->edSignature), publicKey);
+    QByteArray block(1 << 20, Qt::Uninitialized);
+    for (;;) {
+        const qint64 read = archive.read(block.data(), block.size());
+        if (read < 0)
+            throw unreadable();
+        if (read == 0)
+            break;
+        verifier.add(QByteArrayView(block.constData(), read));
+    }
+    if (!verifier.matches())
         throw updateError(UpdateErrorCode::SignatureInvalid,
                           QStringLiteral("The download of version %1 does not match its EdDSA signature: it was "
                                          "changed after signing, or signed with a key other than this app's "
@@ -99,15 +115,13 @@ QString stageUpdate(const QString &archivePath, const QString &extractedFolder, 
                     const QByteArray &publicKey, const BundleInfo &installed)
 {
     QFile file(archivePath);
-    if (!file.open(QIODevice::ReadOnly))
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
         throw updateError(UpdateErrorCode::DownloadFailed,
                           QStringLiteral("The downloaded update cannot be read: %1: %2.").arg(archivePath, file.errorString()));
-    const QByteArray bytes = file.readAll();
-    file.close();
-    verifyArchive(bytes, item, publicKey);
+    verifyArchive(file, item, publicKey);
     if (!QDir().mkpath(extractedFolder))
         throw updateError(UpdateErrorCode::ExtractionFailed,
                           QStringLiteral("The folder %1 cannot be created.").arg(extractedFolder));
-    extractArchive(bytes, extractedFolder);
+    extractArchive(file, extractedFolder);
     return validateStagedBundle(extractedFolder, installed);
 }

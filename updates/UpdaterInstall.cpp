@@ -10,12 +10,31 @@
 #include "updates/UpdaterDelegate.h"
 #include "updates/UserDriver.h"
 
+namespace {
+// The most an update download may be, whatever the unsigned feed claims: many times what
+// Veldspar packs into, and a bound on the disk a bogus feed can make it fill. Below it the
+// feed's length is what the download must have.
+constexpr qint64 largestUpdateDownload = qint64(1) << 30;
+
+void checkDownloadSize(const AppcastItem &item)
+{
+    if (item.enclosure->length > largestUpdateDownload)
+        throw updateError(UpdateErrorCode::LengthMismatch,
+                          QStringLiteral("The feed states that the update %1 is %2 bytes long, more than the %3 bytes "
+                                         "Veldspar accepts for an update.")
+                              .arg(item.versionLabel())
+                              .arg(item.enclosure->length)
+                              .arg(largestUpdateDownload));
+}
+} // namespace
+
 void Updater::startDownload()
 {
     m_session->userEngaged = true;
     const AppcastItem &item = *m_session->item;
     try {
         checkEnclosure(item);
+        checkDownloadSize(item);
         if (const auto reason = insecureUrlReason(item.enclosure->url))
             throw updateError(UpdateErrorCode::InsecureLink,
                               QStringLiteral("Veldspar refuses to download the update %1: %2 %3.")
