@@ -61,5 +61,8 @@ Announcement announcementFor(const RadioEntry &entry, const LiveRadioIndex &live
     if (radio && radio->phase == LiveRadio::Phase::NotAnswering)
         return {Announcement::Kind::NotAnswering,
                 u"Not answering: %1, since %2"_s.arg(radio->reason, sinceText(radio->since, timeZone))};
+    if (radio && radio->phase == LiveRadio::Phase::NotAnnounced)
+        return {Announcement::Kind::NotAnnounced,
+                u"Not announced: %1, since %2"_s.arg(radio->reason, sinceText(radio->since, timeZone))};
     return {Announcement::Kind::Connecting, u"Connecting\u2026"_s};
 }

@@ -11,7 +11,7 @@ class QTimeZone;
 // What the radio list and the details panel say of one radio's announcement.
 struct Announcement
 {
-    enum class Kind { Announced, Connecting, NotAnswering, Excluded, ServiceStopped };
+    enum class Kind { Announced, Connecting, NotAnswering, NotAnnounced, Excluded, ServiceStopped };
 
     Kind kind = Kind::ServiceStopped;
     QString line; // the details panel's one line

@@ -57,7 +57,8 @@ QColor announcementColor(const QVariant &kind)
     switch (Announcement::Kind(kind.toInt())) {
     case Announcement::Kind::Announced: return successColor();
     case Announcement::Kind::Connecting: return warningColor();
-    case Announcement::Kind::NotAnswering: return dangerColor();
+    case Announcement::Kind::NotAnswering:
+    case Announcement::Kind::NotAnnounced: return dangerColor();
     case Announcement::Kind::Excluded:
     case Announcement::Kind::ServiceStopped: break;
     }

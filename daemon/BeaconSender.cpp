@@ -8,6 +8,9 @@
 using namespace Qt::StringLiterals;
 
 namespace {
+// The most a UDP datagram over IPv4 carries.
+constexpr qsizetype largestDatagram = 65507;
+
 // 127.0.0.0/8 is always the loopback's, and its broadcast reaches every socket bound to the
 // port on this computer, once.
 const Outlet loopbackOutlet{{QHostAddress(u"127.255.255.255"_s), radioPort}, 0, u"lo"_s};
@@ -57,28 +60,50 @@ void BeaconSender::refresh()
         m_networks = localNetworks();
 }
 
-QString BeaconSender::send(const QByteArray &packet, const QHostAddress &radio)
+BeaconSent BeaconSender::send(const QByteArray &packet, const QHostAddress &radio, const BeaconSource &source)
 {
     const QList<Outlet> outlets = m_automatic ? outletsFor(m_networks, radio) : m_fixed;
-    for (const Outlet &outlet : outlets)
-        sendOut(packet, outlet);
-    return m_automatic ? whereAnnounced(outlets) : QString();
+    BeaconSent result{outlets.isEmpty(), m_automatic ? whereAnnounced(outlets) : QString(), {}};
+    for (const Outlet &outlet : outlets) {
+        const QString problem = sendOut(packet, outlet, source);
+        if (problem.isEmpty())
+            result.sent = true;
+        else if (result.problem.isEmpty())
+            result.problem = problem;
+    }
+    if (result.sent)
+        result.problem.clear();
+    return result;
 }
 
-void BeaconSender::sendOut(const QByteArray &packet, const Outlet &outlet)
+// Why the beacon did not go out by the outlet; empty when it did.
+QString BeaconSender::sendOut(const QByteArray &packet, const Outlet &outlet, const BeaconSource &source)
 {
-    QNetworkDatagram datagram(packet, outlet.destination.address, outlet.destination.port);
-    // Qt passes the index with IP_PKTINFO: the broadcast leaves by that interface even where
-    // the routing table would send it into a VPN's tunnel.
-    datagram.setInterfaceIndex(uint(outlet.interfaceIndex));
-    const QString key = outlet.text();
-    const bool sent = m_socket.writeDatagram(datagram) == packet.size();
-    if (!sent && !m_failing.contains(key)) {
-        m_failing.insert(key);
-        logLine(u"Cannot send beacons to %1: %2."_s.arg(key, m_socket.errorString()));
-    } else if (sent && m_failing.remove(key)) {
-        logLine(u"Beacons reach %1 again."_s.arg(key));
+    QString problem;
+    // Bounded texts keep every beacon far below this; should one ever grow past it, it is
+    // refused here in words, not cut by the network.
+    if (packet.size() > largestDatagram) {
+        problem = u"the beacon is %1 bytes, more than the %2 a datagram holds"_s.arg(
+            QString::number(packet.size()), QString::number(largestDatagram));
+    } else {
+        QNetworkDatagram datagram(packet, outlet.destination.address, outlet.destination.port);
+        // Qt passes the index with IP_PKTINFO: the broadcast leaves by that interface even where
+        // the routing table would send it into a VPN's tunnel.
+        datagram.setInterfaceIndex(uint(outlet.interfaceIndex));
+        if (m_socket.writeDatagram(datagram) != packet.size())
+            problem = m_socket.errorString();
     }
+    const QString where = outlet.text();
+    QSet<QString> &failing = m_failing[source.key];
+    if (!problem.isEmpty() && !failing.contains(where)) {
+        failing.insert(where);
+        logLine(u"Cannot send the beacon of %1 to %2: %3."_s.arg(source.label, where, problem));
+    } else if (problem.isEmpty() && failing.remove(where)) {
+        logLine(u"The beacon of %1 reaches %2 again."_s.arg(source.label, where));
+    }
+    if (failing.isEmpty())
+        m_failing.remove(source.key);
+    return problem;
 }
 
 QString BeaconSender::whereAnnounced(const QList<Outlet> &outlets) const

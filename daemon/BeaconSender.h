@@ -4,6 +4,7 @@
 #include "daemon/LocalNetworks.h"
 
 #include <QByteArray>
+#include <QHash>
 #include <QHostAddress>
 #include <QList>
 #include <QSet>
@@ -39,9 +40,25 @@ struct Outlet
 // loopback's broadcast reaches them instead.
 QList<Outlet> outletsFor(const QList<LocalNetwork> &networks, const QHostAddress &radio);
 
+// What became of one beacon.
+struct BeaconSent
+{
+    bool sent = false; // out by at least one outlet, or there was none it had to take
+    QString where;     // see BeaconSender::send()
+    QString problem;   // when it went out nowhere: why, in the socket's words
+};
+
+// The radio whose beacon it is, as the log names it; key stays the same while its label changes.
+struct BeaconSource
+{
+    QString key;
+    QString label;
+};
+
 // Sends beacons from one UDP socket on a port of the system's choosing, so that every
-// listener on this computer can still bind port 4992. An outlet that fails is logged when it
-// starts and when it stops failing, not at each beacon.
+// listener on this computer can still bind port 4992. An outlet that fails for a radio is
+// logged when it starts and when it stops failing, for each radio and outlet on its own (one
+// radio's failure says nothing of another's), not at each beacon.
 class BeaconSender
 {
 public:
@@ -51,18 +68,20 @@ public:
 
     // Reads the local networks again (the interfaces changed).
     void refresh();
-    // Sends one beacon of the radio reached at `radio`. Returns where it went, in words that
+    // Sends one beacon of the radio reached at `radio`. Says where it went, in words that
     // follow the radio's name in the log ("is announced on eth0, wlan0."); nothing with fixed
     // destinations, which are logged once for every radio.
-    QString send(const QByteArray &packet, const QHostAddress &radio);
+    BeaconSent send(const QByteArray &packet, const QHostAddress &radio, const BeaconSource &source);
+    // The radio of this key sends no more beacons: its failures are forgotten.
+    void forget(const QString &key) { m_failing.remove(key); }
 
 private:
-    void sendOut(const QByteArray &packet, const Outlet &outlet);
+    QString sendOut(const QByteArray &packet, const Outlet &outlet, const BeaconSource &source);
     QString whereAnnounced(const QList<Outlet> &outlets) const;
 
     bool m_automatic;
     QList<Outlet> m_fixed;
     QList<LocalNetwork> m_networks;
     QUdpSocket m_socket;
-    QSet<QString> m_failing;
+    QHash<QString, QSet<QString>> m_failing; // the outlets failing, by radio
 };

@@ -1,6 +1,7 @@
 #include "daemon/Configuration.h"
 
 #include "daemon/Endpoint.h"
+#include "platform/RadioTexts.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -70,7 +71,34 @@ QString optionalText(const QJsonObject &radio, const QString &key)
     const QJsonValue value = radio.value(key);
     return value.isString() ? value.toString() : QString();
 }
+
+// The first text of the entry longer than a radio's of its kind, said as the rest of a
+// sentence; empty when every one fits.
+QString overlongText(const ConfiguredRadio &radio)
+{
+    const struct
+    {
+        QString ConfiguredRadio::*field;
+        qsizetype longest;
+        QString words;
+    } limits[] = {
+        {&ConfiguredRadio::serialNumber, longestSerialNumber, u"serial number"_s},
+        {&ConfiguredRadio::name, longestRadioName, u"name"_s},
+        {&ConfiguredRadio::model, longestModel, u"model"_s},
+        {&ConfiguredRadio::callsign, longestCallsign, u"callsign"_s},
+        {&ConfiguredRadio::version, longestVersion, u"version"_s},
+    };
+    for (const auto &limit : limits) {
+        const qsizetype length = (radio.*limit.field).size();
+        if (length > limit.longest)
+            return u"has a %1 of %2 characters; a radio's %1 has at most %3."_s.arg(
+                limit.words, QString::number(length), QString::number(limit.longest));
+    }
+    return {};
+}
 } // namespace
+
+QString radioKey(const ConfiguredRadio &radio) { return radio.ipAddress + u'\n' + radio.serialNumber; }
 
 QString knownSerial(const ConfiguredRadio &radio)
 {
@@ -123,6 +151,9 @@ std::variant<Configuration, QString> readConfiguration(const QByteArray &bytes)
             return which + u" has no IP address."_s;
         if (!address.isString())
             return which + u" has an IP address that is not text: %1."_s.arg(shown(address));
+        if (address.toString().size() > longestRadioAddress)
+            return which + u" has an IP address of %1 characters; an address has at most %2."_s.arg(
+                QString::number(address.toString().size()), QString::number(longestRadioAddress));
         if (!parseEndpoint(address.toString()))
             return which + u" has an IP address that cannot be used: \"%1\"."_s.arg(address.toString());
         const QJsonValue serial = radio.value(u"serialNumber"_s);
@@ -139,6 +170,8 @@ std::variant<Configuration, QString> readConfiguration(const QByteArray &bytes)
         entry.callsign = optionalText(radio, u"callsign"_s);
         entry.version = optionalText(radio, u"version"_s);
         entry.enabled = radio.value(u"enabled"_s).isBool() && radio.value(u"enabled"_s).toBool();
+        if (const QString overlong = overlongText(entry); !overlong.isEmpty())
+            return which + u" (%1) "_s.arg(entry.ipAddress) + overlong;
         configuration.radios.append(entry);
     }
     return configuration;

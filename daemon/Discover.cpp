@@ -2,6 +2,7 @@
 
 #include "daemon/Log.h"
 #include "daemon/RadioConnection.h"
+#include "platform/RadioTexts.h"
 
 #include <QCoreApplication>
 #include <QEventLoop>
@@ -95,8 +96,14 @@ int runDiscovery(const QString &address)
         }
     }
 
-    const RadioIdentity identity = identityFrom(parseInfo(outcome.replies.at(0).message),
-                                                parseVersions(outcome.replies.at(1).message));
+    const QMap<QString, QString> info = parseInfo(outcome.replies.at(0).message);
+    const RadioIdentity identity = identityFrom(info, parseVersions(outcome.replies.at(1).message));
+    if (const qsizetype length = info.value(u"chassis_serial"_s).size(); length > longestSerialNumber) {
+        logLine(u"The radio at %1 reported a serial number of %2 characters; a radio's has at most %3, so this "
+                u"is not a radio's serial number and the radio cannot be told apart from others."_s.arg(
+                    address, QString::number(length), QString::number(longestSerialNumber)));
+        return 1;
+    }
     if (identity.serial.isEmpty()) {
         logLine(u"The radio at %1 answered, but did not report its serial number, so it cannot be told apart "
                 u"from other radios."_s.arg(address));

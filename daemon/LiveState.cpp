@@ -1,5 +1,7 @@
 #include "daemon/LiveState.h"
 
+#include "platform/RadioTexts.h"
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -12,6 +14,7 @@ QString phaseName(RadioLiveState::Phase phase)
     switch (phase) {
     case RadioLiveState::Phase::Announced: return u"announced"_s;
     case RadioLiveState::Phase::NotAnswering: return u"notAnswering"_s;
+    case RadioLiveState::Phase::NotAnnounced: return u"notAnnounced"_s;
     case RadioLiveState::Phase::Connecting: break;
     }
     return u"connecting"_s;
@@ -27,19 +30,20 @@ QJsonObject radioObject(const RadioLiveState &radio)
 {
     QJsonArray clients;
     for (const LiveClient &client : radio.guiClients)
-        clients.append(QJsonObject{{u"program"_s, client.program}, {u"station"_s, client.station}});
+        clients.append(QJsonObject{{u"program"_s, cutTo(client.program, longestRadioText)},
+                                   {u"station"_s, cutTo(client.station, longestRadioText)}});
     QJsonObject object{
-        {u"serialNumber"_s, radio.serialNumber},
-        {u"ipAddress"_s, radio.ipAddress},
-        {u"name"_s, radio.name},
+        {u"serialNumber"_s, cutTo(radio.serialNumber, longestSerialNumber)},
+        {u"ipAddress"_s, cutTo(radio.ipAddress, longestRadioAddress)},
+        {u"name"_s, cutTo(radio.name, longestRadioName)},
         {u"state"_s, phaseName(radio.phase)},
         {u"since"_s, timeValue(radio.since)},
         {u"lastBeacon"_s, timeValue(radio.lastBeacon)},
     };
-    if (radio.phase == RadioLiveState::Phase::NotAnswering)
-        object.insert(u"reason"_s, radio.reason);
+    if (radio.phase == RadioLiveState::Phase::NotAnswering || radio.phase == RadioLiveState::Phase::NotAnnounced)
+        object.insert(u"reason"_s, cutTo(radio.reason, longestReason));
     if (radio.phase == RadioLiveState::Phase::Announced) {
-        object.insert(u"status"_s, radio.status);
+        object.insert(u"status"_s, cutTo(radio.status, longestRadioText));
         object.insert(u"licensedClients"_s, radio.licensedClients);
         object.insert(u"guiClients"_s, clients);
     }

@@ -16,15 +16,17 @@ struct LiveClient
 
 // What the service can say right now about one enabled radio: whether it is announced and,
 // when not, why, since when; and while it is, what its beacon says of its clients.
+// NotAnnounced: the radio answers, but its beacon does not go out (its serial is another
+// radio's, or no beacon could be sent).
 struct RadioLiveState
 {
-    enum class Phase { Connecting, Announced, NotAnswering };
+    enum class Phase { Connecting, Announced, NotAnswering, NotAnnounced };
 
     QString serialNumber; // as configured: the app finds its entry by these two
     QString ipAddress;
     QString name;         // as the radio last named itself, else as configured
     Phase phase = Phase::Connecting;
-    QString reason;       // NotAnswering: the same plain words as the log
+    QString reason;       // NotAnswering, NotAnnounced: the same plain words as the log
     QDateTime since;      // when the phase began
     QString status;       // Announced: "Available" or "In_Use", as in the beacon
     int licensedClients = 0;
@@ -37,5 +39,6 @@ struct RadioLiveState
 };
 
 // The whole state file: the service's process id (a reader that finds no such process knows the
-// file is left over), when it was written, and each radio.
+// file is left over), when it was written, and each radio, every text within what a radio has
+// (platform/RadioTexts.h), so that the app can show them all.
 QByteArray liveStateDocument(const QList<RadioLiveState> &radios, qint64 pid, const QDateTime &written);

@@ -1,5 +1,7 @@
 #include "daemon/RadioReplies.h"
 
+#include "platform/RadioTexts.h"
+
 #include <QStringList>
 
 using namespace Qt::StringLiterals;
@@ -75,13 +77,17 @@ QMap<QString, QString> parseVersions(const QString &message)
 RadioIdentity identityFrom(const QMap<QString, QString> &info, const QMap<QString, QString> &versions)
 {
     RadioIdentity identity;
-    identity.model = info.value(u"model"_s);
+    identity.model = cutTo(info.value(u"model"_s), longestModel);
+    // A serial cut short would be another radio's: one longer than any radio's is none.
     identity.serial = info.value(u"chassis_serial"_s);
-    identity.name = info.value(u"name"_s);
-    identity.callsign = info.value(u"callsign"_s);
+    if (identity.serial.size() > longestSerialNumber)
+        identity.serial.clear();
+    identity.name = cutTo(info.value(u"name"_s), longestRadioName);
+    identity.callsign = cutTo(info.value(u"callsign"_s), longestCallsign);
     identity.version = info.value(u"software_ver"_s);
     if (identity.version.isEmpty())
         identity.version = versions.value(u"SmartSDR-MB"_s);
+    identity.version = cutTo(identity.version, longestVersion);
     return identity;
 }
 

@@ -37,7 +37,8 @@ struct RadioIdentity
 };
 
 // model ← model, serial ← chassis_serial, name ← name, callsign ← callsign, version ←
-// software_ver or else the version answer's SmartSDR-MB.
+// software_ver or else the version answer's SmartSDR-MB; each cut to what a radio has
+// (platform/RadioTexts.h), but a serial longer than any radio's is left out whole.
 RadioIdentity identityFrom(const QMap<QString, QString> &info, const QMap<QString, QString> &versions = {});
 
 // "0x50000016", "0x7022E1CF": how the radio writes its codes and its clients' handles.

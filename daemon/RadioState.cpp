@@ -111,9 +111,9 @@ void applyStatus(RadioState &state, const QString &text, quint32 ownHandle)
         if (const std::optional<int> panadapters = count(pairs.value(u"panadapters"_s)))
             state.freePanadapters = panadapters;
         if (pairs.contains(u"nickname"_s))
-            state.nickname = pairs.value(u"nickname"_s);
+            state.nickname = cutTo(pairs.value(u"nickname"_s), longestRadioName);
         if (pairs.contains(u"callsign"_s))
-            state.callsign = pairs.value(u"callsign"_s);
+            state.callsign = cutTo(pairs.value(u"callsign"_s), longestCallsign);
     } else {
         return;
     }

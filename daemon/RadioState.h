@@ -1,6 +1,7 @@
 #pragma once
 
 #include "daemon/RadioReplies.h"
+#include "platform/RadioTexts.h"
 
 #include <QList>
 #include <QMap>
@@ -33,10 +34,9 @@ struct RadioState
     QList<GuiClient> guiClients;        // in the order they connected
 };
 
-// The most GUI clients kept and the longest text kept from the radio: a radio has a few of
-// each, and whatever it says must fit one beacon.
+// The most GUI clients kept from the radio: a radio has a few, and whatever it says must fit
+// one beacon. Its texts are cut to the limits of platform/RadioTexts.h.
 inline constexpr qsizetype mostGuiClients = 16;
-inline constexpr qsizetype longestRadioText = 64;
 
 // Takes in the "info" answer and, when the radio gave one, the "version" answer.
 void takeIdentity(RadioState &state, const QMap<QString, QString> &info, const QMap<QString, QString> &versions);

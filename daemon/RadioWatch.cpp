@@ -5,6 +5,7 @@
 #include "daemon/BeaconSender.h"
 #include "daemon/Log.h"
 #include "daemon/RadioLink.h"
+#include "daemon/SerialClaims.h"
 
 #include <QDateTime>
 
@@ -58,9 +59,9 @@ void reportShortage()
 } // namespace
 
 RadioWatch::RadioWatch(const ConfiguredRadio &radio, int broadcastIntervalMs, int keepAliveMs, BeaconSender &sender,
-                       std::function<void()> changed, QObject *parent)
+                       SerialClaims &claims, std::function<void()> changed, QObject *parent)
     : QObject(parent), m_radio(radio), m_endpoint(parseEndpoint(radio.ipAddress).value_or(Endpoint{radio.ipAddress})),
-      m_sender(sender), m_keepAliveMs(keepAliveMs), m_retryMs(firstRetryMs), m_name(radio.name),
+      m_sender(sender), m_claims(claims), m_keepAliveMs(keepAliveMs), m_retryMs(firstRetryMs), m_name(radio.name),
       m_changed(std::move(changed))
 {
     m_live.serialNumber = radio.serialNumber;
@@ -81,6 +82,8 @@ RadioWatch::RadioWatch(const ConfiguredRadio &radio, int broadcastIntervalMs, in
 
 RadioWatch::~RadioWatch()
 {
+    m_claims.release(radioKey(m_radio));
+    m_sender.forget(radioKey(m_radio));
     if (m_link)
         --openLinks;
     delete m_link;
@@ -134,6 +137,7 @@ void RadioWatch::dropLink()
 void RadioWatch::starved()
 {
     dropLink();
+    m_claims.release(radioKey(m_radio));
     reportShortage();
     if (m_live.phase != RadioLiveState::Phase::NotAnswering || m_live.reason != u"no connection is free in the service"_s)
         enterPhase(RadioLiveState::Phase::NotAnswering, u"no connection is free in the service"_s);
@@ -161,7 +165,6 @@ void RadioWatch::ready()
     m_announced = true;
     if (m_report.answered(label(), m_beaconTimer.interval()))
         m_where.clear(); // said again for a radio that returns, perhaps at another address
-    enterPhase(RadioLiveState::Phase::Announced);
     sendBeacon();
     m_beaconTimer.start();
 }
@@ -176,6 +179,8 @@ void RadioWatch::lost(const QString &why)
 {
     dropLink();
     m_holdTimer.stop();
+    m_claims.release(radioKey(m_radio));
+    m_heldBackBy.clear();
     const bool wasAnnounced = m_announced;
     const qint64 heldMs = m_readySince.isValid() ? m_readySince.elapsed() : 0;
     if (m_announced) {
@@ -195,11 +200,52 @@ void RadioWatch::sendBeacon()
 {
     if (!m_link || !m_link->isReady())
         return;
+    if (!claimSerial(announcedSerial(m_link->state(), m_radio)))
+        return;
     const QList<BeaconField> fields = beaconFields(m_link->state(), m_radio, m_link->peer().toString(), m_endpoint.port);
-    noteWhere(m_sender.send(beaconPacket(beaconPayload(fields), m_packetCount++, quint32(QDateTime::currentSecsSinceEpoch())),
-                            m_link->peer()));
+    const BeaconSent sent = m_sender.send(
+        beaconPacket(beaconPayload(fields), m_packetCount++, quint32(QDateTime::currentSecsSinceEpoch())), m_link->peer(),
+        {radioKey(m_radio), label()});
+    noteWhere(sent.where);
+    noteSent(sent);
+    if (sent.sent)
+        noteClients(fields);
+}
+
+// Listeners keep one radio per serial: a radio before this one in the configuration that
+// announces the same serial holds this one back. Logged when that starts and ends.
+bool RadioWatch::claimSerial(const QString &serial)
+{
+    const std::optional<QString> holder = m_claims.claim(serial, radioKey(m_radio), m_rank, label());
+    if (!holder) {
+        if (!m_heldBackBy.isEmpty())
+            logLine(u"%1 is announced again: no radio before it in the configuration announces the serial number %2 now."_s.arg(
+                label(), serial));
+        m_heldBackBy.clear();
+        return true;
+    }
+    if (*holder != m_heldBackBy) {
+        m_heldBackBy = *holder;
+        logLine(u"%1 reports the serial number %2, as %3 does, which comes first in the configuration; only that one is "
+                u"announced, since listeners keep one radio per serial number."_s.arg(label(), serial, *holder));
+        enterPhase(RadioLiveState::Phase::NotAnnounced,
+                   u"%1 has the same serial number %2 and comes first in the configuration"_s.arg(*holder, serial));
+    }
+    return false;
+}
+
+// Announced only while the beacon goes out: a beacon that went nowhere says why.
+void RadioWatch::noteSent(const BeaconSent &sent)
+{
+    if (!sent.sent) {
+        const QString reason = u"its beacon cannot be sent (%1)"_s.arg(sent.problem);
+        if (m_live.phase != RadioLiveState::Phase::NotAnnounced || m_live.reason != reason)
+            enterPhase(RadioLiveState::Phase::NotAnnounced, reason);
+        return;
+    }
     m_live.lastBeacon = QDateTime::currentDateTimeUtc();
-    noteClients(fields);
+    if (m_live.phase != RadioLiveState::Phase::Announced)
+        enterPhase(RadioLiveState::Phase::Announced);
 }
 
 // Where the radio is announced changes with the interfaces: logged when it does, not per beat.

@@ -15,10 +15,6 @@
 
 using namespace Qt::StringLiterals;
 
-namespace {
-QString keyOf(const ConfiguredRadio &radio) { return radio.ipAddress + u'\n' + radio.serialNumber; }
-} // namespace
-
 Service::Service(const ServiceSettings &settings, QObject *parent)
     : QObject(parent), m_settings(settings), m_sender(settings.destinations),
       // A laptop joins another network, a VPN comes up: beacons follow at the next beat.
@@ -91,9 +87,9 @@ void Service::apply(const Configuration &configuration)
     QList<ConfiguredRadio> enabled;
     QStringList keys;
     for (const ConfiguredRadio &radio : configuration.radios) {
-        if (radio.enabled && !keys.contains(keyOf(radio))) {
+        if (radio.enabled && !keys.contains(radioKey(radio))) {
             enabled << radio;
-            keys << keyOf(radio);
+            keys << radioKey(radio);
         }
     }
     for (auto it = m_watches.begin(); it != m_watches.end();) {
@@ -110,15 +106,18 @@ void Service::apply(const Configuration &configuration)
         QString::number(enabled.size()), QString::number(configuration.radios.size()),
         QString::number(beatFor(configuration.broadcastIntervalMs))));
     for (const ConfiguredRadio &radio : std::as_const(enabled)) {
-        if (RadioWatch *watch = m_watches.value(keyOf(radio))) {
+        if (RadioWatch *watch = m_watches.value(radioKey(radio))) {
             watch->update(radio);
             watch->setBroadcastInterval(configuration.broadcastIntervalMs);
         } else {
-            m_watches.insert(keyOf(radio), new RadioWatch(radio, configuration.broadcastIntervalMs,
-                                                          m_settings.keepAliveMs, m_sender,
+            m_watches.insert(radioKey(radio), new RadioWatch(radio, configuration.broadcastIntervalMs,
+                                                          m_settings.keepAliveMs, m_sender, m_claims,
                                                           [this] { m_stateFile.changed(); }));
         }
     }
+    // Of two radios with one serial, the first in the configuration is announced.
+    for (qsizetype i = 0; i < keys.size(); ++i)
+        m_watches.value(keys.at(i))->setRank(int(i));
     m_order = keys;
     m_stateFile.changed();
 }

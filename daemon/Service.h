@@ -5,6 +5,7 @@
 #include "daemon/Configuration.h"
 #include "daemon/InterfaceWatch.h"
 #include "daemon/RadioWatch.h"
+#include "daemon/SerialClaims.h"
 #include "daemon/StateFile.h"
 
 #include <QByteArray>
@@ -39,6 +40,7 @@ private:
 
     ServiceSettings m_settings;
     BeaconSender m_sender;
+    SerialClaims m_claims;
     InterfaceWatch m_interfaces;
     ConfigWatcher m_watcher;
     QMap<QString, RadioWatch *> m_watches; // by address and serial

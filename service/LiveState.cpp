@@ -2,6 +2,7 @@
 
 #include "platform/Error.h"
 #include "platform/Json.h"
+#include "platform/RadioTexts.h"
 
 #include <QJsonArray>
 #include <QJsonObject>
@@ -9,18 +10,19 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-// Text from the file is shown in one line; anything longer than this is not the service's.
-constexpr qsizetype longestText = 1024;
-
-std::optional<QString> textAt(const QJsonObject &object, const QString &key, bool required = true)
+// The service writes no text longer than a radio's of its kind; a longer one is not its.
+std::optional<QString> textAt(const QJsonObject &object, const QString &key, qsizetype longest, bool required = true)
 {
     const QJsonValue value = object.value(key);
     if (value.isUndefined() || value.isNull())
         return required ? std::nullopt : std::optional<QString>(QString());
-    if (!value.isString() || value.toString().size() > longestText)
+    if (!value.isString() || value.toString().size() > longest)
         return std::nullopt;
     return value.toString();
 }
+
+// The phase's name, the time and the kind of "since" are short words of the service's own.
+constexpr qsizetype longestWord = 64;
 
 std::optional<LiveRadio::Phase> phaseNamed(const QString &name)
 {
@@ -30,6 +32,8 @@ std::optional<LiveRadio::Phase> phaseNamed(const QString &name)
         return LiveRadio::Phase::Connecting;
     if (name == u"notAnswering"_s)
         return LiveRadio::Phase::NotAnswering;
+    if (name == u"notAnnounced"_s)
+        return LiveRadio::Phase::NotAnnounced;
     return std::nullopt;
 }
 
@@ -38,12 +42,12 @@ std::optional<LiveRadio> radioFrom(const QJsonValue &value)
     if (!value.isObject())
         return std::nullopt;
     const QJsonObject object = value.toObject();
-    const auto serial = textAt(object, u"serialNumber"_s);
-    const auto address = textAt(object, u"ipAddress"_s);
-    const auto state = textAt(object, u"state"_s);
-    const auto since = textAt(object, u"since"_s);
-    const auto reason = textAt(object, u"reason"_s, false);
-    const auto status = textAt(object, u"status"_s, false);
+    const auto serial = textAt(object, u"serialNumber"_s, longestSerialNumber);
+    const auto address = textAt(object, u"ipAddress"_s, longestRadioAddress);
+    const auto state = textAt(object, u"state"_s, longestWord);
+    const auto since = textAt(object, u"since"_s, longestWord);
+    const auto reason = textAt(object, u"reason"_s, longestReason, false);
+    const auto status = textAt(object, u"status"_s, longestRadioText, false);
     if (!serial || !address || !state || !since || !reason || !status)
         return std::nullopt;
     const auto phase = phaseNamed(*state);
@@ -63,8 +67,8 @@ std::optional<LiveRadio> radioFrom(const QJsonValue &value)
         if (!clients.isArray() || clients.toArray().size() > 64)
             return std::nullopt;
         for (const QJsonValue &client : clients.toArray()) {
-            const auto program = textAt(client.toObject(), u"program"_s);
-            const auto station = textAt(client.toObject(), u"station"_s);
+            const auto program = textAt(client.toObject(), u"program"_s, longestRadioText);
+            const auto station = textAt(client.toObject(), u"station"_s, longestRadioText);
             if (!client.isObject() || !program || !station)
                 return std::nullopt;
             radio.guiClients.append({*program, *station});
@@ -94,11 +98,8 @@ std::optional<ServiceLiveState> parseLiveState(const QByteArray &bytes)
         return std::nullopt;
     ServiceLiveState state;
     state.pid = qint64(pid.toDouble());
-    for (const QJsonValue &value : radios.toArray()) {
-        const std::optional<LiveRadio> radio = radioFrom(value);
-        if (!radio)
-            return std::nullopt;
-        state.radios.append(*radio);
-    }
+    for (const QJsonValue &value : radios.toArray())
+        if (const std::optional<LiveRadio> radio = radioFrom(value))
+            state.radios.append(*radio);
     return state;
 }

@@ -9,7 +9,9 @@
 #include "daemon/BeaconFields.h"
 #include "daemon/BeaconSender.h"
 #include "daemon/RadioState.h"
+#include "service/LiveState.h"
 
+#include <QAccessible>
 #include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
@@ -25,6 +27,7 @@
 #include <QStandardPaths>
 #include <QTcpServer>
 #include <QTemporaryDir>
+#include <QTemporaryFile>
 #include <QThread>
 #include <QUdpSocket>
 #include <QtEndian>
@@ -285,15 +288,52 @@ std::optional<QJsonObject> stateAt(const QString &path)
     return document.isObject() ? std::optional<QJsonObject>(document.object()) : std::nullopt;
 }
 
-// The entry of one radio in the state file, by its configured serial.
-QJsonObject liveRadio(const std::optional<QJsonObject> &state, const QString &serial)
+// The first entry in the state file whose text at KEY is VALUE.
+QJsonObject liveRadioWith(const std::optional<QJsonObject> &state, const QString &key, const QString &value)
 {
     if (!state)
         return {};
     for (const QJsonValue &radio : state->value(u"radios"_s).toArray())
-        if (radio.toObject().value(u"serialNumber"_s).toString() == serial)
+        if (radio.toObject().value(key).toString() == value)
             return radio.toObject();
     return {};
+}
+
+// The entry of one radio in the state file, by its configured serial.
+QJsonObject liveRadio(const std::optional<QJsonObject> &state, const QString &serial)
+{
+    return liveRadioWith(state, u"serialNumber"_s, serial);
+}
+
+// What this process wrote on its standard error while `work` ran.
+QString standardErrorDuring(const std::function<void()> &work)
+{
+    QTemporaryFile file;
+    if (!file.open())
+        return u"<cannot capture standard error>"_s;
+    std::fflush(stderr);
+    const int saved = ::dup(STDERR_FILENO);
+    ::dup2(file.handle(), STDERR_FILENO);
+    work();
+    std::fflush(stderr);
+    ::dup2(saved, STDERR_FILENO);
+    ::close(saved);
+    file.seek(0);
+    return QString::fromUtf8(file.readAll());
+}
+
+// The entry of one radio in the state file, by its configured address.
+QJsonObject liveRadioAt(const std::optional<QJsonObject> &state, const QString &address)
+{
+    return liveRadioWith(state, u"ipAddress"_s, address);
+}
+
+// A runtime folder of the test's own, private as the login manager makes it.
+QString privateFolder(const QString &path)
+{
+    QDir().mkpath(path);
+    QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    return path;
 }
 
 // XDG_RUNTIME_DIR for the services a test starts, put back when the test ends.
@@ -932,6 +972,39 @@ private Q_SLOTS:
         QCOMPARE(radio.connections(), 1);
     }
 
+    void discoveryRefusesASerialLongerThanARadios()
+    {
+        const QString serial(1119, u'7');
+        RadioSim radio({u"--serial"_s, serial, u"--name"_s, u"Shack"_s});
+        QVERIFY(radio.listening());
+        const Run run = runVeldspar({u"--discover"_s, radio.address()});
+        QCOMPARE(run.status, 1);
+        QVERIFY2(!run.output.contains(u"7777777777777777777777777777777777"_s), qPrintable(run.output));
+        QCOMPARE(run.lastLine(), u"The radio at %1 reported a serial number of 1119 characters; a radio's has at most 32, "
+                                 u"so this is not a radio's serial number and the radio cannot be told apart from others."_s
+                                     .arg(radio.address()));
+    }
+
+    void discoveryCutsTheRadiosTextsToWhatARadioHas()
+    {
+        RadioSim radio({u"--serial"_s, u"1121-1104-6700-2912"_s, u"--model"_s, QString(40, u'M'), u"--name"_s,
+                        u"ShackWithAVeryLongName"_s, u"--callsign"_s, QString(100, u'K'), u"--version"_s, QString(70, u'9')});
+        QVERIFY(radio.listening());
+        const Run run = runVeldspar({u"--discover"_s, radio.address()});
+        QVERIFY2(run.status == 0, qPrintable(run.output));
+        const QJsonObject found = QJsonDocument::fromJson(run.lastLine().toUtf8()).object();
+        QCOMPARE(found.value(u"serialNumber"_s).toString(), u"1121-1104-6700-2912"_s);
+        QCOMPARE(found.value(u"name"_s).toString(), u"ShackWithAVeryL"_s);
+        QCOMPARE(found.value(u"model"_s).toString(), QString(32, u'M'));
+        QCOMPARE(found.value(u"callsign"_s).toString(), QString(32, u'K'));
+        QCOMPARE(found.value(u"version"_s).toString(), QString(32, u'9'));
+        // What it prints, the import takes.
+        writeInPlace(path(u"discovered.json"_s),
+                     QJsonDocument(QJsonObject{{u"radios"_s, QJsonArray{found}}}).toJson());
+        const Run imported = runVeldspar({u"--config"_s, path(u"discovered/config.json"_s), u"--import"_s, path(u"discovered.json"_s)});
+        QVERIFY2(imported.status == 0, qPrintable(imported.output));
+    }
+
     void discoveryTakesTheVersionFromSmartSdrWhenInfoHasNone()
     {
         RadioSim radio({u"--no-software-ver"_s, u"--version"_s, u"3.9.1.100"_s});
@@ -1179,6 +1252,31 @@ private Q_SLOTS:
                                    << u"Radio 3 (10.0.0.3) has no serial number."_s;
         QTest::newRow("serial a number") << QByteArray(R"({"radios": [{"ipAddress": "10.0.0.3", "serialNumber": 7}]})")
                                          << u"Radio 1 (10.0.0.3) has a serial number that is not text: 7."_s;
+        // Texts longer than a radio's, as a hostile radio's answer once put them in a configuration.
+        const auto withText = [](const char *key, qsizetype length) {
+            return QJsonDocument(QJsonObject{{u"radios"_s, QJsonArray{QJsonObject{{u"ipAddress"_s, u"10.0.0.4"_s},
+                                                                                  {u"serialNumber"_s, u"B"_s},
+                                                                                  {QString::fromLatin1(key), QString(length, u'x')}}}}})
+                .toJson();
+        };
+        QTest::newRow("name of 70000 characters") << withText("name", 70000)
+                                                  << u"Radio 1 (10.0.0.4) has a name of 70000 characters; a radio's name has at most 15."_s;
+        QTest::newRow("name of 16 characters") << withText("name", 16)
+                                               << u"Radio 1 (10.0.0.4) has a name of 16 characters; a radio's name has at most 15."_s;
+        QTest::newRow("serial of 1119 characters")
+            << QJsonDocument(QJsonObject{{u"radios"_s, QJsonArray{QJsonObject{{u"ipAddress"_s, u"10.0.0.4"_s},
+                                                                              {u"serialNumber"_s, QString(1119, u'7')}}}}})
+                   .toJson()
+            << u"Radio 1 (10.0.0.4) has a serial number of 1119 characters; a radio's serial number has at most 32."_s;
+        QTest::newRow("model of 33 characters") << withText("model", 33)
+                                                << u"Radio 1 (10.0.0.4) has a model of 33 characters; a radio's model has at most 32."_s;
+        QTest::newRow("callsign of 33 characters")
+            << withText("callsign", 33) << u"Radio 1 (10.0.0.4) has a callsign of 33 characters; a radio's callsign has at most 32."_s;
+        QTest::newRow("version of 33 characters")
+            << withText("version", 33) << u"Radio 1 (10.0.0.4) has a version of 33 characters; a radio's version has at most 32."_s;
+        QTest::newRow("address of 260 characters")
+            << QByteArray(R"({"radios": [{"ipAddress": ")" + QByteArray(255, 'h') + R"(:4992", "serialNumber": "B"}]})")
+            << u"Radio 1 has an IP address of 260 characters; an address has at most 259."_s;
         const QString interval = u"\"broadcastIntervalMs\" must be a whole number of milliseconds from 250 to 60000; it is %1."_s;
         QTest::newRow("interval too short") << QByteArray(R"({"broadcastIntervalMs": 249, "radios": []})") << interval.arg(249);
         QTest::newRow("interval too long") << QByteArray(R"({"broadcastIntervalMs": 60001, "radios": []})") << interval.arg(60001);
@@ -1200,6 +1298,19 @@ private Q_SLOTS:
         QVERIFY2(run.lines().first().startsWith(message), qPrintable(run.output));
         QCOMPARE(readFile(config), previous);
         QVERIFY(backupsBeside(config).isEmpty());
+    }
+
+    void importAcceptsTextsAsLongAsARadios()
+    {
+        const QString config = path(u"import-longest/config.json"_s);
+        const QByteArray bytes = QJsonDocument(QJsonObject{{u"radios"_s, QJsonArray{QJsonObject{
+            {u"ipAddress"_s, QString(253, u'h') + u":4992"_s}, {u"serialNumber"_s, QString(32, u'7')},
+            {u"name"_s, QString(15, u'n')}, {u"model"_s, QString(32, u'm')}, {u"callsign"_s, QString(32, u'c')},
+            {u"version"_s, QString(32, u'9')}}}}}).toJson();
+        writeInPlace(path(u"import-longest.json"_s), bytes);
+        const Run run = runVeldspar({u"--config"_s, config, u"--import"_s, path(u"import-longest.json"_s)});
+        QVERIFY2(run.status == 0, qPrintable(run.output));
+        QCOMPARE(readFile(config), bytes);
     }
 
     void importAcceptsTheIntervalLimitsAndNoInterval_data()
@@ -1836,7 +1947,7 @@ private Q_SLOTS:
         exhausted.rlim_cur = rlim_t(spare); // the lowest free descriptor is now out of reach
         QCOMPARE(::setrlimit(RLIMIT_NOFILE, &exhausted), 0);
         const int refused = ::dup(0);
-        sender.send(QByteArrayLiteral("beacon"), QHostAddress(QHostAddress::LocalHost));
+        sender.send(QByteArrayLiteral("beacon"), QHostAddress(QHostAddress::LocalHost), {u"R"_s, u"The radio"_s});
         QCOMPARE(::setrlimit(RLIMIT_NOFILE, &before), 0);
         QCOMPARE(refused, -1);
 
@@ -1980,9 +2091,69 @@ private Q_SLOTS:
         QCOMPARE(state.guiClients.size(), mostGuiClients);
         const QByteArray payload = beaconPayload(beaconFields(state, {}, u"10.0.0.1"_s, 4992));
         QVERIFY2(payload.size() < 8192, qPrintable(QString::number(payload.size())));
-        QCOMPARE(state.nickname.size(), longestRadioText);
+        QCOMPARE(state.nickname.size(), longestRadioName);
         // Sixteen clients on a radio with two places: none free, and never a negative count.
         QCOMPARE(decodeBeacon(beaconPacket(payload, 0, 0))->value(u"available_clients"_s), u"0"_s);
+    }
+
+    void aBeaconTooLargeForADatagramFailsForItsRadioAlone()
+    {
+        QUdpSocket listener;
+        QVERIFY(listener.bind(QHostAddress::LocalHost, 0));
+        BeaconSender sender({{QHostAddress(QHostAddress::LocalHost), listener.localPort()}});
+        const QString destination = u"127.0.0.1:"_s + QString::number(listener.localPort());
+        QList<BeaconSent> huge;
+        QList<BeaconSent> small;
+        const QString log = standardErrorDuring([&] {
+            for (int beat = 0; beat < 4; ++beat) {
+                huge << sender.send(QByteArray(70000, 'x'), QHostAddress(QHostAddress::LocalHost), {u"A"_s, u"Radio A"_s});
+                small << sender.send(QByteArrayLiteral("beacon"), QHostAddress(QHostAddress::LocalHost), {u"B"_s, u"Radio B"_s});
+            }
+        });
+        for (const BeaconSent &sent : std::as_const(huge)) {
+            QVERIFY(!sent.sent);
+            QCOMPARE(sent.problem, u"the beacon is 70000 bytes, more than the 65507 a datagram holds"_s);
+        }
+        for (const BeaconSent &sent : std::as_const(small))
+            QVERIFY(sent.sent && sent.problem.isEmpty());
+        // Said once for the radio whose beacon fails, never for the other, and no flapping.
+        QCOMPARE(log, u"Cannot send the beacon of Radio A to %1: the beacon is 70000 bytes, more than the 65507 a "
+                      u"datagram holds.\n"_s.arg(destination));
+    }
+
+    void aRadiosOverlongTextsStayOutOfItsBeaconAndTheStateFile()
+    {
+        RadioSim hostile({u"--serial"_s, QString(1119, u'7'), u"--name"_s, QString(40, u'N'), u"--callsign"_s,
+                          QString(300, u'K')});
+        RadioSim fine({u"--serial"_s, u"OK-1"_s, u"--name"_s, u"Fine"_s});
+        QVERIFY(hostile.listening() && fine.listening());
+        const QString runtime = path(u"overlong-runtime"_s);
+        QVERIFY(QDir().mkpath(runtime));
+        QVERIFY(QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        const RuntimeFolder folder(runtime);
+        const QString config = path(u"overlong/config.json"_s);
+        writeInPlace(config, configuration({radioEntry(hostile.address(), u"OV-1"_s), radioEntry(fine.address(), u"OK-1"_s)}, 250));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+
+        // A serial longer than any radio's is none: the configured one is announced.
+        QTRY_VERIFY_WITH_TIMEOUT(!listener.from(u"OV-1"_s).isEmpty() && !listener.from(u"OK-1"_s).isEmpty(), 8000);
+        for (const Received &received : listener.all()) {
+            QCOMPARE_LE(received.beacon.value(u"serial"_s).size(), longestSerialNumber);
+            QCOMPARE_LE(received.beacon.value(u"nickname"_s).size(), longestRadioName);
+            QCOMPARE_LE(received.beacon.value(u"callsign"_s).size(), longestCallsign);
+        }
+        QCOMPARE(listener.from(u"OV-1"_s).last().beacon.value(u"nickname"_s), QString(15, u'N'));
+        const QString stateFile = runtime + u"/Veldspar/state.json"_s;
+        QTRY_COMPARE_WITH_TIMEOUT(liveRadio(stateAt(stateFile), u"OV-1"_s).value(u"state"_s).toString(), u"announced"_s, 5000);
+        QTRY_COMPARE_WITH_TIMEOUT(liveRadio(stateAt(stateFile), u"OK-1"_s).value(u"state"_s).toString(), u"announced"_s, 5000);
+        QCOMPARE(liveRadio(stateAt(stateFile), u"OV-1"_s).value(u"name"_s).toString(), QString(15, u'N'));
+        // The app reads both.
+        const std::optional<ServiceLiveState> read = parseLiveState(readFile(stateFile));
+        QVERIFY(read);
+        QCOMPARE(read->radios.size(), 2);
     }
 
     void configurationChangesArePickedUpWithinOneSecond()
@@ -2299,6 +2470,119 @@ private Q_SLOTS:
         QVERIFY(!QFileInfo::exists(stateFile));
         QCOMPARE(QDir(runtime + u"/Veldspar"_s).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
                  QStringList());
+    }
+
+    void aRadioWhoseBeaconCannotBeSentIsNotAnnounced()
+    {
+        if (const QString why = whyNoNetworkLayouts(); !why.isEmpty())
+            QSKIP(qPrintable(why));
+        // A namespace with nothing but its loopback: 10.9.9.9 has no route, and every beacon
+        // sent there fails at once.
+        NetworkLab lab;
+        const QString space = lab.add(u"unsent"_s);
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener heard(clock, boundInside(lab, space, SO_REUSEADDR, INADDR_LOOPBACK, 4993));
+        QVERIFY2(lab.problems().isEmpty(), qPrintable(lab.problems()));
+        RadioSim first({u"--serial"_s, u"U-1"_s, u"--name"_s, u"First"_s}, inside(space));
+        RadioSim second({u"--serial"_s, u"U-2"_s, u"--name"_s, u"Second"_s}, inside(space));
+        QVERIFY(first.listening() && second.listening());
+        const RuntimeFolder folder(privateFolder(path(u"unsent-runtime"_s)));
+        const QString stateFile = path(u"unsent-runtime/Veldspar/state.json"_s);
+        const QString config = path(u"unsent/config.json"_s);
+        writeInPlace(config, configuration({radioEntry(first.address(), u"U-1"_s), radioEntry(second.address(), u"U-2"_s)}, 250));
+        const auto failures = [](RunningService &service) { return service.log().count(u"Cannot send the beacon of "_s); };
+
+        {
+            RunningService service(config, {u"10.9.9.9:4992"_s}, inside(space));
+            for (const QString &serial : {u"U-1"_s, u"U-2"_s})
+                QTRY_COMPARE_WITH_TIMEOUT(liveRadio(stateAt(stateFile), serial).value(u"state"_s).toString(), u"notAnnounced"_s, 8000);
+            QTest::qWait(1500); // six beats
+            for (const QString &serial : {u"U-1"_s, u"U-2"_s}) {
+                const QJsonObject radio = liveRadio(stateAt(stateFile), serial);
+                QCOMPARE(radio.value(u"state"_s).toString(), u"notAnnounced"_s);
+                QVERIFY2(radio.value(u"reason"_s).toString().startsWith(u"its beacon cannot be sent ("_s),
+                         qPrintable(radio.value(u"reason"_s).toString()));
+                QVERIFY(radio.value(u"lastBeacon"_s).isNull());
+            }
+            // Once for each radio and destination.
+            QCOMPARE(failures(service), 2);
+            QVERIFY2(service.log().contains(u"Cannot send the beacon of Radio First at %1 to 10.9.9.9:4992: "_s.arg(first.address())),
+                     qPrintable(service.log()));
+            QVERIFY2(service.log().contains(u"Cannot send the beacon of Radio Second at %1 to 10.9.9.9:4992: "_s.arg(second.address())),
+                     qPrintable(service.log()));
+            QVERIFY(service.stops());
+        }
+
+        // Where one destination takes it, the radio is announced; the other is still said once.
+        RunningService service(config, {u"127.0.0.1:4993"_s, u"10.9.9.9:4992"_s}, inside(space));
+        for (const QString &serial : {u"U-1"_s, u"U-2"_s})
+            QTRY_COMPARE_WITH_TIMEOUT(liveRadio(stateAt(stateFile), serial).value(u"state"_s).toString(), u"announced"_s, 8000);
+        QTRY_VERIFY_WITH_TIMEOUT(!heard.from(u"U-1"_s).isEmpty() && !heard.from(u"U-2"_s).isEmpty(), 5000);
+        QTest::qWait(1500);
+        QCOMPARE(failures(service), 2);
+        QVERIFY2(!service.log().contains(u" again."_s), qPrintable(service.log()));
+    }
+
+    void twoRadiosWithOneSerialAnnounceOnlyTheFirst()
+    {
+        RadioSim first({u"--serial"_s, u"DUP-1"_s, u"--name"_s, u"First"_s});
+        RadioSim second({u"--serial"_s, u"DUP-1"_s, u"--name"_s, u"Second"_s});
+        QVERIFY(first.listening() && second.listening());
+        const RuntimeFolder folder(privateFolder(path(u"duplicate-runtime"_s)));
+        const QString stateFile = path(u"duplicate-runtime/Veldspar/state.json"_s);
+        const QString config = path(u"duplicate/config.json"_s);
+        // The placeholder takes the radio's own serial: the clash shows only when both answer.
+        writeInPlace(config, configuration({radioEntry(first.address(), u"DUP-1"_s), radioEntry(second.address(), placeholderSerial)}, 250));
+        QElapsedTimer clock;
+        clock.start();
+        BeaconListener listener(clock);
+        RunningService service(config, {listener.destination()});
+
+        QTRY_COMPARE_WITH_TIMEOUT(liveRadioAt(stateAt(stateFile), second.address()).value(u"state"_s).toString(), u"notAnnounced"_s, 8000);
+        QCOMPARE(liveRadioAt(stateAt(stateFile), second.address()).value(u"reason"_s).toString(),
+                 u"Radio First at %1 has the same serial number DUP-1 and comes first in the configuration"_s.arg(first.address()));
+        QTRY_COMPARE_WITH_TIMEOUT(liveRadioAt(stateAt(stateFile), first.address()).value(u"state"_s).toString(), u"announced"_s, 5000);
+        const qint64 settledMs = clock.elapsed();
+        QTest::qWait(1500); // six beats
+        const QList<Received> heard = listener.from(u"DUP-1"_s, settledMs);
+        QVERIFY(heard.size() >= 3);
+        for (const Received &received : heard)
+            QCOMPARE(received.beacon.value(u"port"_s), QString::number(first.port()));
+        const QString clash = u"Radio Second at %1 reports the serial number DUP-1, as Radio First at %2 does, which comes "
+                              u"first in the configuration; only that one is announced, since listeners keep one radio per "
+                              u"serial number."_s.arg(second.address(), first.address());
+        QCOMPARE(service.log().count(clash), 1);
+
+        // The first goes: the second takes its place.
+        first.stop();
+        QTRY_COMPARE_WITH_TIMEOUT(liveRadioAt(stateAt(stateFile), second.address()).value(u"state"_s).toString(), u"announced"_s, 8000);
+        const qint64 takenOverMs = clock.elapsed();
+        QTRY_VERIFY_WITH_TIMEOUT(!listener.from(u"DUP-1"_s, takenOverMs).isEmpty(), 5000);
+        QCOMPARE(listener.from(u"DUP-1"_s, takenOverMs).last().beacon.value(u"port"_s), QString::number(second.port()));
+        QVERIFY2(service.log().contains(u"Radio Second at %1 is announced again"_s.arg(second.address())), qPrintable(service.log()));
+        QCOMPARE(service.log().count(clash), 1);
+    }
+
+    void theAppShowsWhyARadioIsNotAnnounced()
+    {
+        RadioSim first({u"--serial"_s, u"DUP-2"_s, u"--name"_s, u"First"_s});
+        RadioSim second({u"--serial"_s, u"DUP-2"_s, u"--name"_s, u"Second"_s});
+        QVERIFY(first.listening() && second.listening());
+        TestWorld world; // its runtime folder is the one the service and the app share
+        world.writeConfig(configuration({radioEntry(first.address(), u"DUP-2"_s), radioEntry(second.address(), u"DUP-2"_s)}, 500));
+        RunningService service(world.configPath(), {u"127.0.0.1:9"_s});
+        RunningApp app(world);
+        QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+        QTRY_COMPARE_WITH_TIMEOUT(app.rowCount(), 2, 5000);
+        app.selectRow(1);
+        const QString why = u"Not announced: Radio First at %1 has the same serial number DUP-2 and comes first in the "
+                            u"configuration, since "_s.arg(first.address());
+        // The line is elided to the panel's width; its whole text is what a screen reader hears.
+        const auto spoken = [&app] { return QAccessible::queryAccessibleInterface(app.announcementLine())->text(QAccessible::Name); };
+        QTRY_VERIFY2_WITH_TIMEOUT(spoken().startsWith(u"Announcement: "_s + why), qPrintable(spoken()), 8000);
+        app.selectRow(0);
+        QTRY_COMPARE_WITH_TIMEOUT(app.announcementLine()->text(), u"Announced \u00B7 0 of 2 clients in use"_s, 8000);
     }
 
     void theStateFileIsWrittenAtMostOnceASecond()

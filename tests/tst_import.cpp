@@ -73,9 +73,13 @@ ImportRun runImport(const QString &config, const QString &file, const std::funct
 QByteArray documentOf(const QString &tag, int count = 1)
 {
     QList<QJsonObject> radios;
-    for (int i = 0; i < count; ++i)
-        radios << radio(u"10.%1.%2.%3"_s.arg(i / 65536 % 256).arg(i / 256 % 256).arg(i % 256), u"S-%1-%2"_s.arg(tag).arg(i),
-                        u"Radio %1 of %2"_s.arg(i).arg(tag));
+    // The tag goes in the serial and a key of its own: a radio's name has at most 15 characters.
+    for (int i = 0; i < count; ++i) {
+        QJsonObject entry = radio(u"10.%1.%2.%3"_s.arg(i / 65536 % 256).arg(i / 256 % 256).arg(i % 256),
+                                  u"S-%1-%2"_s.arg(tag).arg(i), u"Radio %1"_s.arg(i));
+        entry.insert(u"note"_s, u"Radio %1 of %2"_s.arg(i).arg(tag));
+        radios << entry;
+    }
     return configWith(radios);
 }
 

@@ -14,6 +14,7 @@
 #include "app/StatusLabel.h"
 #include "platform/Bundle.h"
 #include "platform/Process.h"
+#include "platform/RadioTexts.h"
 #include "platform/SystemTools.h"
 #include "platform/Trash.h"
 #include "service/LiveState.h"
@@ -1544,15 +1545,6 @@ private Q_SLOTS:
         QTest::newRow("pid zero") << QByteArray(R"({"pid": 0, "radios": []})");
         QTest::newRow("pid as text") << QByteArray(R"({"pid": "42", "radios": []})");
         QTest::newRow("radios not a list") << QByteArray(R"({"pid": 42, "radios": {}})");
-        QTest::newRow("radio not an object") << with("7");
-        QTest::newRow("unknown state") << with(QByteArray(radio).replace("announced", "dancing"));
-        QTest::newRow("no since") << with(R"({"serialNumber": "1", "ipAddress": "10.0.0.1", "state": "announced"})");
-        QTest::newRow("since not a time") << with(QByteArray(radio).replace("2026-11-23T14:02:00Z", "yesterday"));
-        QTest::newRow("serial a number") << with(QByteArray(radio).replace("\"1\"", "1"));
-        QTest::newRow("clients not a list") << with(QByteArray(radio).replace("}", R"(, "guiClients": "x"})"));
-        QTest::newRow("client without station") << with(QByteArray(radio).replace("}", R"(, "guiClients": [{"program": "x"}]})"));
-        QTest::newRow("negative clients") << with(QByteArray(radio).replace("}", R"(, "licensedClients": -1})"));
-        QTest::newRow("text too long") << with(QByteArray(radio).replace("\"1\"", '"' + QByteArray(2000, 'x') + '"'));
         QTest::newRow("not UTF-8") << with(QByteArray(radio).replace("10.0.0.1", "10.0.\xff.1"));
         QByteArray huge = with(radio);
         huge.append(QByteArray(largestLiveState, ' '));
@@ -1563,6 +1555,62 @@ private Q_SLOTS:
     {
         QFETCH(QByteArray, bytes);
         QVERIFY(!parseLiveState(bytes));
+    }
+
+    // One radio's bad entry (an older service wrote a 1,119-character serial) leaves it out,
+    // and every other radio still shows its state.
+    void aBadRadioEntryIsLeftOutAndTheOthersRead_data()
+    {
+        QTest::addColumn<QByteArray>("bad");
+        const QByteArray radio = R"({"serialNumber": "1", "ipAddress": "10.0.0.1", "state": "announced", "since": "2026-11-23T14:02:00Z"})";
+        QTest::newRow("radio not an object") << QByteArray("7");
+        QTest::newRow("unknown state") << QByteArray(radio).replace("announced", "dancing");
+        QTest::newRow("no since") << QByteArray(R"({"serialNumber": "1", "ipAddress": "10.0.0.1", "state": "announced"})");
+        QTest::newRow("since not a time") << QByteArray(radio).replace("2026-11-23T14:02:00Z", "yesterday");
+        QTest::newRow("serial a number") << QByteArray(radio).replace("\"1\"", "1");
+        QTest::newRow("clients not a list") << QByteArray(radio).replace("}", R"(, "guiClients": "x"})");
+        QTest::newRow("client without station") << QByteArray(radio).replace("}", R"(, "guiClients": [{"program": "x"}]})");
+        QTest::newRow("negative clients") << QByteArray(radio).replace("}", R"(, "licensedClients": -1})");
+        QTest::newRow("serial of 1119 characters") << QByteArray(radio).replace("\"1\"", '"' + QByteArray(1119, '7') + '"');
+        QTest::newRow("serial of 33 characters") << QByteArray(radio).replace("\"1\"", '"' + QByteArray(33, '7') + '"');
+        QTest::newRow("address too long") << QByteArray(radio).replace("10.0.0.1", QByteArray(260, 'h'));
+        QTest::newRow("reason too long")
+            << QByteArray(radio).replace("announced", "notAnswering").replace("}", ", \"reason\": \"" + QByteArray(513, 'r') + "\"}");
+        QTest::newRow("station too long")
+            << QByteArray(radio).replace("}", ", \"guiClients\": [{\"program\": \"x\", \"station\": \"" + QByteArray(65, 's') + "\"}]}");
+    }
+
+    void aBadRadioEntryIsLeftOutAndTheOthersRead()
+    {
+        QFETCH(QByteArray, bad);
+        const QByteArray good = R"({"serialNumber": "0621-1104-7402", "ipAddress": "10.8.0.20", "state": "announced",
+            "since": "2026-11-23T14:02:00.000Z", "status": "Available", "licensedClients": 2, "guiClients": []})";
+        const QByteArray other = R"json({"serialNumber": "9999", "ipAddress": "10.8.0.21", "state": "notAnnounced",
+            "reason": "its beacon cannot be sent (Network unreachable)", "since": "2026-11-23T14:03:00.000Z"})json";
+        const std::optional<ServiceLiveState> state =
+            parseLiveState(R"({"pid": 4242, "radios": [)" + good + ", " + bad + ", " + other + "]}");
+        QVERIFY(state);
+        QCOMPARE(state->radios.size(), 2);
+        QCOMPARE(state->radios.at(0).serialNumber, u"0621-1104-7402"_s);
+        QCOMPARE(state->radios.at(0).phase, LiveRadio::Phase::Announced);
+        QCOMPARE(state->radios.at(1).serialNumber, u"9999"_s);
+        QCOMPARE(state->radios.at(1).phase, LiveRadio::Phase::NotAnnounced);
+        QCOMPARE(state->radios.at(1).reason, u"its beacon cannot be sent (Network unreachable)"_s);
+        const RadioEntry entry{{u"serialNumber"_s, u"0621-1104-7402"_s}, {u"ipAddress"_s, u"10.8.0.20"_s}, {u"enabled"_s, true}};
+        QCOMPARE(int(announcementFor(entry, LiveRadioIndex(state), QTimeZone::utc()).kind), int(Announcement::Kind::Announced));
+    }
+
+    void textsAsLongAsARadiosAreRead()
+    {
+        const QJsonObject radio{{u"serialNumber"_s, QString(longestSerialNumber, u'7')},
+                                {u"ipAddress"_s, QString(longestRadioAddress, u'h')},
+                                {u"state"_s, u"notAnswering"_s},
+                                {u"reason"_s, QString(longestReason, u'r')},
+                                {u"since"_s, u"2026-11-23T14:02:00Z"_s}};
+        const std::optional<ServiceLiveState> state =
+            parseLiveState(QJsonDocument(QJsonObject{{u"pid"_s, 42}, {u"radios"_s, QJsonArray{radio}}}).toJson());
+        QVERIFY(state);
+        QCOMPARE(state->radios.size(), 1);
     }
 
     void eachRadioGetsItsAnnouncement()
@@ -1580,6 +1628,8 @@ private Q_SLOTS:
             {u"E-5"_s, u"10.0.0.5"_s, LiveRadio::Phase::Announced, QString(), now, u"In_Use"_s, 2,
              {{u"SmartSDR-Win"_s, u"OFFICE-WIN"_s}, {u"SmartSDR-M"_s, QString()}}},
             {u"F-6"_s, u"10.0.0.6"_s, LiveRadio::Phase::Announced, QString(), now, u"Available"_s, 2, {}},
+            {u"H-8"_s, u"10.0.0.8"_s, LiveRadio::Phase::NotAnnounced,
+             u"Radio Shack at 10.0.0.6 has the same serial number H-8 and comes first in the configuration"_s, now, QString(), 0, {}},
         };
         const auto entry = [](const QString &serial, const QString &address, const QJsonValue &enabled = true) {
             return QJsonObject{{u"serialNumber"_s, serial}, {u"ipAddress"_s, address}, {u"enabled"_s, enabled}};
@@ -1600,6 +1650,9 @@ private Q_SLOTS:
         check(entry(u"D-4"_s, u"10.0.0.4"_s), live, Announcement::Kind::NotAnswering,
               u"Not answering: no answer to info, since "_s + now.addDays(-2).toTimeZone(zone).toString(u"yyyy-MM-dd HH:mm"_s));
         check(entry(u"C-3"_s, u"10.0.0.3"_s), live, Announcement::Kind::Connecting, u"Connecting\u2026"_s);
+        check(entry(u"H-8"_s, u"10.0.0.8"_s), live, Announcement::Kind::NotAnnounced,
+              u"Not announced: Radio Shack at 10.0.0.6 has the same serial number H-8 and comes first in the configuration, "
+              u"since "_s + now.toTimeZone(zone).toString(u"HH:mm"_s));
         // Not in the file yet (just added), or the same serial at another address: connecting.
         check(entry(u"G-7"_s, u"10.0.0.7"_s), live, Announcement::Kind::Connecting, u"Connecting\u2026"_s);
         check(entry(u"A-1"_s, u"10.0.0.9"_s), live, Announcement::Kind::Connecting, u"Connecting\u2026"_s);
@@ -1610,6 +1663,31 @@ private Q_SLOTS:
               u"Not announced: excluded from discovery"_s);
         check(entry(u"A-1"_s, u"10.0.0.1"_s), std::nullopt, Announcement::Kind::ServiceStopped,
               u"Not announced: the service is not running"_s);
+    }
+
+    void oneRadiosOverlongSerialLeavesTheOthersShown()
+    {
+        TestWorld world;
+        const QString overlong(1119, u'7');
+        world.writeConfig(configWith({radio(u"10.0.0.1"_s, u"A-1"_s, u"Alpha"_s), radio(u"10.0.0.2"_s, overlong, u"Bravo"_s),
+                                      radio(u"10.0.0.3"_s, u"C-3"_s, u"Charlie"_s)}));
+        const QDateTime since = QDateTime::currentDateTime();
+        publishState(world, stateFile(QCoreApplication::applicationPid(), {
+            liveEntry(u"A-1"_s, u"10.0.0.1"_s, u"announced"_s, since, {{u"status"_s, u"Available"_s}, {u"licensedClients"_s, 2}}),
+            liveEntry(overlong, u"10.0.0.2"_s, u"announced"_s, since, {{u"status"_s, u"Available"_s}, {u"licensedClients"_s, 2}}),
+            liveEntry(u"C-3"_s, u"10.0.0.3"_s, u"notAnnounced"_s, since,
+                      {{u"reason"_s, u"its beacon cannot be sent (Network unreachable)"_s}}),
+        }));
+        RunningApp app(world);
+        QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+        const QStringList expected = {
+            u"Alpha, 10.0.0.1, Enabled, Announced \u00B7 0 of 2 clients in use"_s,
+            u"Bravo, 10.0.0.2, Enabled, Connecting\u2026"_s,
+            u"Charlie, 10.0.0.3, Enabled, Not announced: its beacon cannot be sent (Network unreachable), since "_s
+                + since.toString(u"HH:mm"_s),
+        };
+        QTRY_COMPARE(spokenRows(app), expected);
+        QVERIFY(sameColour(dotColour(app, 2), dangerColor()));
     }
 
     void theAppShowsWhatTheServiceSaysOfEachRadio()
