@@ -105,14 +105,14 @@ void checkBudget(FuzzedDataProvider &input)
         qsizetype bytes;
         int lines;
     };
-    QList<Read> admitted;
+    QList<Read> reads; // the last one refused, when refused is set
     bool refused = false;
     qint64 now = 0;
     while (input.remaining_bytes() > 0) {
         now += input.ConsumeIntegralInRange<qint64>(0, 1500);
         const Read read{now, input.ConsumeIntegralInRange<qsizetype>(0, 3000),
                         input.ConsumeIntegralInRange<int>(0, 40)};
-        admitted.append(read);
+        reads.append(read);
         if (!budget.admit(read.atMs, read.bytes, read.lines)) {
             refused = true; // the channel fails the peer at the first read over the budget
             break;
@@ -123,17 +123,17 @@ void checkBudget(FuzzedDataProvider &input)
     qsizetype index = 0;
     qint64 windowStart = 0;
     bool overInLastWindow = false;
-    while (index < admitted.size()) {
-        if (admitted.at(index).atMs - windowStart >= 1000)
-            windowStart = admitted.at(index).atMs;
+    while (index < reads.size()) {
+        if (reads.at(index).atMs - windowStart >= 1000)
+            windowStart = reads.at(index).atMs;
         qsizetype bytes = 0;
         qint64 lines = 0;
-        for (; index < admitted.size() && admitted.at(index).atMs - windowStart < 1000; ++index) {
-            bytes += admitted.at(index).bytes;
-            lines += admitted.at(index).lines;
+        for (; index < reads.size() && reads.at(index).atMs - windowStart < 1000; ++index) {
+            bytes += reads.at(index).bytes;
+            lines += reads.at(index).lines;
         }
         const bool over = bytes > mostBytes || lines > mostLines;
-        if (index < admitted.size() || !refused)
+        if (index < reads.size() || !refused)
             expectThat(!over, "no second lets through more than the budget", [&] {
                 return QString(QStringLiteral("%1 bytes and %2 lines from %3 ms; budget %4 bytes, %5 lines")
                                    .arg(bytes)
@@ -148,8 +148,8 @@ void checkBudget(FuzzedDataProvider &input)
     if (refused)
         expect(overInLastWindow, "only a read over the budget is refused");
     // A fresh budget admits a first read exactly when it fits.
-    if (!admitted.isEmpty()) {
-        const Read &first = admitted.first();
+    if (!reads.isEmpty()) {
+        const Read &first = reads.first();
         expect(ReadBudget(mostBytes, mostLines).admit(first.atMs, first.bytes, first.lines)
                    == (first.bytes <= mostBytes && first.lines <= mostLines),
                "a fresh budget admits a first read exactly when it fits");
