@@ -16,14 +16,6 @@ bool isVersionLine(const QByteArray &line)
     }
     return true;
 }
-
-qsizetype lineEnd(const QByteArray &buffer, qsizetype from)
-{
-    for (qsizetype i = from; i < buffer.size(); ++i)
-        if (buffer.at(i) == '\n' || buffer.at(i) == '\r')
-            return i;
-    return -1;
-}
 } // namespace
 
 CommandChannel::CommandChannel(const Endpoint &endpoint, int connectMs, Handlers handlers, QObject *parent)
@@ -85,21 +77,9 @@ void CommandChannel::connected()
     m_connectTimer.stop();
     m_peer = m_socket.peerAddress();
     m_stage = Stage::Greeting;
-    m_window.start();
+    m_connectedFor.start();
     if (m_handlers.connected)
         m_handlers.connected();
-}
-
-bool CommandChannel::withinBudget(qsizetype bytes, int lines)
-{
-    if (m_window.elapsed() >= 1000) {
-        m_window.restart();
-        m_windowBytes = 0;
-        m_windowLines = 0;
-    }
-    m_windowBytes += bytes;
-    m_windowLines += lines;
-    return m_windowBytes <= mostRadioBytesPerSecond && m_windowLines <= mostRadioLinesPerSecond;
 }
 
 void CommandChannel::readAvailable()
@@ -107,25 +87,22 @@ void CommandChannel::readAvailable()
     const QByteArray received = m_socket.readAll();
     if (m_stage == Stage::Done || m_stage == Stage::Connecting)
         return;
-    m_buffer += received;
+    m_lines.append(received);
     int lines = 0;
-    qsizetype start = 0;
     // Handlers may end the conversation; stop reading as soon as one does.
     while (m_stage != Stage::Done) {
-        const qsizetype end = lineEnd(m_buffer, start);
-        if (end < 0)
+        const LineFramer::Next next = m_lines.take();
+        if (next.status == LineFramer::Status::TooLong)
+            return fail(ConnectionFailure::Kind::LineTooLong);
+        if (next.status == LineFramer::Status::NeedMore)
             break;
         ++lines; // the empty "lines" between CR and LF count: a flood of line ends is a flood
-        if (end > start)
-            handleLine(m_buffer.mid(start, end - start));
-        start = end + 1;
+        if (!next.line.isEmpty())
+            handleLine(next.line);
     }
     if (m_stage == Stage::Done)
         return;
-    m_buffer.remove(0, start);
-    if (m_buffer.size() > longestRadioLine)
-        return fail(ConnectionFailure::Kind::LineTooLong);
-    if (!withinBudget(received.size(), lines))
+    if (!m_budget.admit(m_connectedFor.elapsed(), received.size(), lines))
         fail(ConnectionFailure::Kind::Flood);
 }
 

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "daemon/Endpoint.h"
+#include "daemon/LineFramer.h"
+#include "daemon/ReadBudget.h"
 
 #include <QByteArray>
 #include <QElapsedTimer>
@@ -75,7 +77,6 @@ private:
 
     void connected();
     void readAvailable();
-    bool withinBudget(qsizetype bytes, int lines);
     void handleLine(const QByteArray &line);
     void socketError(QAbstractSocket::SocketError error);
 
@@ -84,10 +85,9 @@ private:
     Handlers m_handlers;
     QTcpSocket m_socket;
     QTimer m_connectTimer;
-    QByteArray m_buffer;
-    QElapsedTimer m_window; // the current second of the read budget
-    qsizetype m_windowBytes = 0;
-    int m_windowLines = 0;
+    LineFramer m_lines{longestRadioLine};
+    QElapsedTimer m_connectedFor; // the clock of the read budget
+    ReadBudget m_budget{mostRadioBytesPerSecond, mostRadioLinesPerSecond};
     Stage m_stage = Stage::Idle;
     quint32 m_nextSequence = 1;
     quint32 m_handle = 0;

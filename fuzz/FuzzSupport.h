@@ -41,3 +41,12 @@ inline void expect(bool holds, const char *property, const QString &detail = QSt
     if (!holds)
         propertyBroken(property, detail);
 }
+
+// The same, with the detail worked out only when the property fails: for checks run many times
+// an input, where building every detail would cost more than the check.
+template <typename Detail>
+inline void expectThat(bool holds, const char *property, Detail detail)
+{
+    if (!holds)
+        propertyBroken(property, detail());
+}

@@ -1,6 +1,7 @@
 #include "platform/SingleInstance.h"
 
 #include "platform/InstanceFolder.h"
+#include "platform/ShortLine.h"
 #include "platform/UnixSocket.h"
 
 #include <QDeadlineTimer>
@@ -86,12 +87,12 @@ bool connectWithin(int fd, const sockaddr_un &address, const QDeadlineTimer &dea
 // The first line, with its end, of at most longestLine bytes.
 QByteArray readLine(int fd, const QDeadlineTimer &deadline)
 {
-    QByteArray line;
-    while (!line.contains('\n') && line.size() < longestLine) {
+    ShortLine line(longestLine);
+    while (!line.complete()) {
         char chunk[longestLine];
-        const ssize_t got = ::recv(fd, chunk, size_t(longestLine - line.size()), 0);
+        const ssize_t got = ::recv(fd, chunk, size_t(line.room()), 0);
         if (got > 0)
-            line.append(chunk, got);
+            line.add(chunk, got);
         else if (got == 0)
             break;
         else if (errno == EINTR)
@@ -99,8 +100,7 @@ QByteArray readLine(int fd, const QDeadlineTimer &deadline)
         else if (errno != EAGAIN || !waitFor(fd, POLLIN, deadline))
             break;
     }
-    const qsizetype end = line.indexOf('\n');
-    return end < 0 ? line : line.left(end + 1);
+    return line.line();
 }
 
 // An exclusive lock on a file beside the socket, held while this object lives. The kernel lets
@@ -161,16 +161,12 @@ private:
     void read()
     {
         char chunk[longestLine];
-        const ssize_t got = ::recv(m_fd, chunk, size_t(longestLine - m_line.size()), MSG_DONTWAIT);
+        const ssize_t got = ::recv(m_fd, chunk, size_t(m_line.room()), MSG_DONTWAIT);
         if (got < 0 && (errno == EAGAIN || errno == EINTR))
             return;
-        if (got > 0) {
-            m_line.append(chunk, got);
-            if (!m_line.contains('\n') && m_line.size() < longestLine)
-                return; // the rest of the line is still on its way
-        }
-        const qsizetype end = m_line.indexOf('\n');
-        if (end >= 0 && m_line.left(end + 1) == showRequest) {
+        if (got > 0 && !m_line.add(chunk, got))
+            return; // the rest of the line is still on its way
+        if (m_line.line() == showRequest) {
             m_onShow();
             ::send(m_fd, shownAnswer.constData(), size_t(shownAnswer.size()), MSG_NOSIGNAL | MSG_DONTWAIT);
         }
@@ -184,7 +180,7 @@ private:
     }
 
     int m_fd;
-    QByteArray m_line;
+    ShortLine m_line{longestLine};
     std::function<void()> m_onShow;
     QSocketNotifier *m_reader;
 };

@@ -8,6 +8,7 @@
 
 #include "daemon/BeaconFields.h"
 #include "daemon/BeaconSender.h"
+#include "daemon/CommandChannel.h"
 #include "daemon/RadioState.h"
 #include "service/LiveState.h"
 
@@ -1835,6 +1836,43 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(!listener.from(u"F-1"_s, thawed).isEmpty(), 7000);
         QVERIFY2(listener.from(u"F-1"_s, thawed).first().atMs - thawed <= 5000,
                  qPrintable(u"%1 ms"_s.arg(listener.from(u"F-1"_s, thawed).first().atMs - thawed)));
+    }
+
+    void aLineLongerThanARadioSendsIsRefusedEvenWhenItArrivesWhole_data()
+    {
+        QTest::addColumn<qsizetype>("length");
+        QTest::addColumn<bool>("refused");
+        QTest::newRow("longest") << longestRadioLine << false;
+        QTest::newRow("one byte more") << longestRadioLine + 1 << true;
+    }
+
+    void aLineLongerThanARadioSendsIsRefusedEvenWhenItArrivesWhole()
+    {
+        QFETCH(qsizetype, length);
+        QFETCH(bool, refused);
+        QTcpServer radio;
+        QVERIFY(radio.listen(QHostAddress::LocalHost, 0));
+        // The greeting and the long line with its end, in one piece: the line is complete when
+        // it is read.
+        const QByteArray line = 'S' + QByteArray(length - 1, 'x');
+        QObject::connect(&radio, &QTcpServer::newConnection, &radio, [&radio, &line] {
+            radio.nextPendingConnection()->write("V1.4.0.0\nH1A2B\n" + line + "\nS1|after\n");
+        });
+        QList<QByteArray> lines;
+        std::optional<ConnectionFailure::Kind> failure;
+        CommandChannel channel(Endpoint{u"127.0.0.1"_s, radio.serverPort()}, 5000,
+                               {nullptr, [] {}, [&lines](const QByteArray &got) { lines << got; },
+                                [&failure](const ConnectionFailure &why) { failure = why.kind; }});
+        channel.start();
+        if (refused) {
+            QTRY_VERIFY_WITH_TIMEOUT(failure.has_value(), 5000);
+            QCOMPARE(*failure, ConnectionFailure::Kind::LineTooLong);
+            QVERIFY(lines.isEmpty());
+        } else {
+            QTRY_COMPARE_WITH_TIMEOUT(lines.size(), 2, 5000);
+            QCOMPARE(lines.first(), line);
+            QVERIFY(!failure);
+        }
     }
 
     void aHostileRadioIsDroppedWhileTheOthersStayOnTime_data()

@@ -43,13 +43,21 @@ std::optional<qint64> integer(const QVariantMap &properties, const QString &key)
 
 BundleInfo readBundleInfo(const QString &bundlePath)
 {
-    BundleInfo bundle;
-    bundle.path = bundlePath;
-    QFile file(bundle.infoPlistPath());
+    BundleInfo located;
+    located.path = bundlePath;
+    const QString infoPlistPath = located.infoPlistPath();
+    QFile file(infoPlistPath);
     if (!file.open(QIODevice::ReadOnly))
         throw updateError(UpdateErrorCode::InvalidConfiguration,
-                          QStringLiteral("%1 cannot be read: %2.").arg(bundle.infoPlistPath(), file.errorString()));
-    bundle.properties = readPropertyList(file.readAll(), bundle.infoPlistPath());
+                          QStringLiteral("%1 cannot be read: %2.").arg(infoPlistPath, file.errorString()));
+    return bundleInfoFromPropertyList(bundlePath, file.readAll());
+}
+
+BundleInfo bundleInfoFromPropertyList(const QString &bundlePath, const QByteArray &infoPlist)
+{
+    BundleInfo bundle;
+    bundle.path = bundlePath;
+    bundle.properties = readPropertyList(infoPlist, bundle.infoPlistPath());
     const QVariantMap &p = bundle.properties;
     bundle.identifier = text(p, QStringLiteral("CFBundleIdentifier")).value_or(QString()).trimmed();
     bundle.version = text(p, QStringLiteral("CFBundleVersion")).value_or(QString()).trimmed();

@@ -31,6 +31,8 @@ struct BundleInfo
 // Reads the bundle's Info.plist; throws Error when it is missing, unreadable, not a property
 // list, or has no CFBundleIdentifier or CFBundleVersion.
 BundleInfo readBundleInfo(const QString &bundlePath);
+// The same from the bytes of the bundle's Info.plist, already read.
+BundleInfo bundleInfoFromPropertyList(const QString &bundlePath, const QByteArray &infoPlist);
 
 // The update settings, checked: what the updater needs before it can start.
 struct UpdaterConfiguration

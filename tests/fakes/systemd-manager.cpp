@@ -17,6 +17,8 @@
 //                                                         manager's $XDG_RUNTIME_DIR/systemd/private
 // Either prints "ready" once it serves.
 
+#include "ListedUnit.h"
+
 #include <QCoreApplication>
 #include <QDBusArgument>
 #include <QDBusConnection>
@@ -52,40 +54,6 @@ QString objectOf(const QString &unit)
             escaped += u'_' + QStringLiteral("%1").arg(c.unicode(), 2, 16, QLatin1Char('0'));
     }
     return unitPrefix + escaped;
-}
-
-// One unit as ListUnitsByNames lists it; the garbled answers change the types of its states or
-// of its object path.
-template <typename State, typename Path>
-struct ListedUnit
-{
-    QString name, description;
-    State load{}, active{}, sub{};
-    QString followed;
-    Path object;
-    uint jobId = 0;
-    QString jobType;
-    QDBusObjectPath job{QStringLiteral("/")};
-};
-
-template <typename State, typename Path>
-QDBusArgument &operator<<(QDBusArgument &argument, const ListedUnit<State, Path> &unit)
-{
-    argument.beginStructure();
-    argument << unit.name << unit.description << unit.load << unit.active << unit.sub << unit.followed << unit.object
-             << unit.jobId << unit.jobType << unit.job;
-    argument.endStructure();
-    return argument;
-}
-
-template <typename State, typename Path>
-const QDBusArgument &operator>>(const QDBusArgument &argument, ListedUnit<State, Path> &unit)
-{
-    argument.beginStructure();
-    argument >> unit.name >> unit.description >> unit.load >> unit.active >> unit.sub >> unit.followed >> unit.object
-        >> unit.jobId >> unit.jobType >> unit.job;
-    argument.endStructure();
-    return argument;
 }
 
 class Manager : public QDBusVirtualObject
