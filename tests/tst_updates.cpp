@@ -981,6 +981,37 @@ private Q_SLOTS:
         QVERIFY(!configuration.enableAutomaticChecks);
     }
 
+    void anInfoPlistThatIsNotASmallFileIsRefusedWithoutWaiting_data()
+    {
+        QTest::addColumn<QString>("kind");
+        QTest::newRow("a pipe") << QStringLiteral("fifo");
+        QTest::newRow("a property list over the limit") << QStringLiteral("large");
+    }
+
+    void anInfoPlistThatIsNotASmallFileIsRefusedWithoutWaiting()
+    {
+        QFETCH(QString, kind);
+        install(installedRecipe());
+        const QString infoPlist = m_bundle + QStringLiteral("/Resources/Info.plist");
+        const QByteArray shipped = readTestFile(infoPlist);
+        QVERIFY(QFile::remove(infoPlist));
+        if (kind == QStringLiteral("fifo")) {
+            QCOMPARE(::mkfifo(QFile::encodeName(infoPlist).constData(), 0600), 0);
+        } else {
+            // Still a valid property list: only its size is wrong.
+            QByteArray padded = shipped;
+            padded.insert(padded.lastIndexOf("</plist>"), QByteArray(largestInfoPlist, ' '));
+            writeTestFile(infoPlist, padded);
+        }
+        QString message;
+        try {
+            readBundleInfo(m_bundle);
+        } catch (const Error &error) {
+            message = error.localizedDescription();
+        }
+        QVERIFY2(message.contains(infoPlist), qPrintable(message));
+    }
+
     void shippedInfoPlistHasTheUpdateSettings()
     {
         QFile source(QStringLiteral(VELDSPAR_SOURCE_RESOURCES_DIR "/Info.plist.in"));

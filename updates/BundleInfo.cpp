@@ -5,7 +5,7 @@
 #include "updates/Signature.h"
 #include "updates/UpdateErrors.h"
 
-#include <QFile>
+#include "platform/RegularFile.h"
 
 namespace {
 std::optional<QString> text(const QVariantMap &properties, const QString &key)
@@ -46,11 +46,12 @@ BundleInfo readBundleInfo(const QString &bundlePath)
     BundleInfo located;
     located.path = bundlePath;
     const QString infoPlistPath = located.infoPlistPath();
-    QFile file(infoPlistPath);
-    if (!file.open(QIODevice::ReadOnly))
-        throw updateError(UpdateErrorCode::InvalidConfiguration,
-                          QStringLiteral("%1 cannot be read: %2.").arg(infoPlistPath, file.errorString()));
-    return bundleInfoFromPropertyList(bundlePath, file.readAll());
+    // A bundle's own Info.plist is a few kilobytes; the bound keeps a replaced file (a FIFO, a
+    // device, a huge file) from stalling or filling the app.
+    const FileContents file = readRegularFile(infoPlistPath, largestInfoPlist);
+    if (file.problem != FileContents::Problem::None)
+        throw updateError(UpdateErrorCode::InvalidConfiguration, file.message);
+    return bundleInfoFromPropertyList(bundlePath, file.bytes);
 }
 
 BundleInfo bundleInfoFromPropertyList(const QString &bundlePath, const QByteArray &infoPlist)

@@ -28,8 +28,11 @@ struct BundleInfo
     QString executablePath() const { return path + u'/' + executable; }
 };
 
-// Reads the bundle's Info.plist; throws Error when it is missing, unreadable, not a property
-// list, or has no CFBundleIdentifier or CFBundleVersion.
+// The largest Info.plist a bundle may have (ours is about 2 KB).
+inline constexpr qint64 largestInfoPlist = 256 * 1024;
+
+// Reads the bundle's Info.plist; throws Error when it is missing, unreadable, not a regular
+// file, over largestInfoPlist, not a property list, or has no CFBundleIdentifier or CFBundleVersion.
 BundleInfo readBundleInfo(const QString &bundlePath);
 // The same from the bytes of the bundle's Info.plist, already read.
 BundleInfo bundleInfoFromPropertyList(const QString &bundlePath, const QByteArray &infoPlist);
