@@ -1012,6 +1012,43 @@ private Q_SLOTS:
         QVERIFY2(message.contains(infoPlist), qPrintable(message));
     }
 
+    void aSettingsStoreThatIsNotASmallFileIsLeftAlone_data()
+    {
+        QTest::addColumn<QString>("kind");
+        QTest::newRow("a pipe") << QStringLiteral("fifo");
+        QTest::newRow("a store over the limit") << QStringLiteral("large");
+    }
+
+    void aSettingsStoreThatIsNotASmallFileIsLeftAlone()
+    {
+        QFETCH(QString, kind);
+        const QString store = UpdateUserSettings::filePath();
+        QDir().mkpath(QFileInfo(store).path());
+        QFile::remove(store);
+        QByteArray written;
+        if (kind == QStringLiteral("fifo")) {
+            QCOMPARE(::mkfifo(QFile::encodeName(store).constData(), 0600), 0);
+        } else {
+            // Valid settings, only too many of them.
+            written = "[General]\nSUEnableAutomaticChecks=true\nSUSkippedVersion=1.1\n";
+            while (written.size() <= UpdateUserSettings::largestFile)
+                written += "; a comment line that only makes the file larger than a settings file is\n";
+            writeTestFile(store, written);
+        }
+        QVERIFY(!UpdateUserSettings::automaticChecks().has_value());
+        QVERIFY(UpdateUserSettings::skippedVersion().isEmpty());
+        UpdateUserSettings::setAutomaticChecks(false);
+        const int group = UpdateUserSettings::rolloutGroup();
+        QVERIFY(group >= 0 && group < 7);
+        // What is there stays as it was.
+        const QFileInfo after(store);
+        if (kind == QStringLiteral("fifo"))
+            QVERIFY(!after.isFile() && after.exists());
+        else
+            QCOMPARE(readTestFile(store), written);
+        QFile::remove(store);
+    }
+
     void shippedInfoPlistHasTheUpdateSettings()
     {
         QFile source(QStringLiteral(VELDSPAR_SOURCE_RESOURCES_DIR "/Info.plist.in"));

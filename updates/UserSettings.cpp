@@ -3,6 +3,7 @@
 #include "updates/Eligibility.h"
 
 #include <QDir>
+#include <QFileInfo>
 #include <QRandomGenerator>
 #include <QSettings>
 
@@ -14,8 +15,34 @@ const QString skippedKey = QStringLiteral("SUSkippedVersion");
 const QString launchedKey = QStringLiteral("SUHasLaunchedBefore");
 const QString groupKey = QStringLiteral("SUUpdateGroupIdentifier");
 
+// QSettings reads the whole file, and its open waits for a writer on a pipe: a store that is
+// not a small regular file is left alone, and the update choices fall back to their defaults.
+bool storeIsUsable()
+{
+    const QFileInfo file(UpdateUserSettings::filePath());
+    if (!file.exists())
+        return true;
+    if (file.isFile() && file.size() <= UpdateUserSettings::largestFile)
+        return true;
+    static bool said = false;
+    if (!said)
+        qWarning("%s is not a settings file of at most %lld bytes; update choices are not read from it or kept in it.",
+                 qUtf8Printable(file.filePath()), UpdateUserSettings::largestFile);
+    said = true;
+    return false;
+}
+
+QVariant read(const QString &key)
+{
+    if (!storeIsUsable())
+        return {};
+    return QSettings(UpdateUserSettings::filePath(), QSettings::IniFormat).value(key);
+}
+
 void write(const QString &key, const QVariant &value)
 {
+    if (!storeIsUsable())
+        return;
     QSettings settings(UpdateUserSettings::filePath(), QSettings::IniFormat);
     if (value.isValid())
         settings.setValue(key, value);
@@ -33,7 +60,7 @@ QString filePath()
 
 std::optional<bool> automaticChecks()
 {
-    const QVariant value = QSettings(filePath(), QSettings::IniFormat).value(automaticChecksKey);
+    const QVariant value = read(automaticChecksKey);
     if (!value.isValid())
         return std::nullopt;
     return value.toBool();
@@ -47,7 +74,7 @@ void setAutomaticChecks(bool on)
 std::optional<qint64> checkInterval()
 {
     bool ok = false;
-    const qint64 seconds = QSettings(filePath(), QSettings::IniFormat).value(intervalKey).toLongLong(&ok);
+    const qint64 seconds = read(intervalKey).toLongLong(&ok);
     if (!ok)
         return std::nullopt;
     return seconds;
@@ -60,7 +87,7 @@ void setCheckInterval(qint64 seconds)
 
 QDateTime lastCheckTime()
 {
-    return QDateTime::fromString(QSettings(filePath(), QSettings::IniFormat).value(lastCheckKey).toString(), Qt::ISODateWithMs);
+    return QDateTime::fromString(read(lastCheckKey).toString(), Qt::ISODateWithMs);
 }
 
 void setLastCheckTime(const QDateTime &time)
@@ -70,7 +97,7 @@ void setLastCheckTime(const QDateTime &time)
 
 QString skippedVersion()
 {
-    return QSettings(filePath(), QSettings::IniFormat).value(skippedKey).toString();
+    return read(skippedKey).toString();
 }
 
 void setSkippedVersion(const QString &version)
@@ -80,7 +107,7 @@ void setSkippedVersion(const QString &version)
 
 bool hasLaunchedBefore()
 {
-    return QSettings(filePath(), QSettings::IniFormat).value(launchedKey).toBool();
+    return read(launchedKey).toBool();
 }
 
 void setHasLaunchedBefore()
@@ -91,7 +118,7 @@ void setHasLaunchedBefore()
 int rolloutGroup()
 {
     bool ok = false;
-    const int stored = QSettings(filePath(), QSettings::IniFormat).value(groupKey).toInt(&ok);
+    const int stored = read(groupKey).toInt(&ok);
     if (ok && stored >= 0)
         return stored % phasedRolloutGroups;
     const int drawn = int(QRandomGenerator::system()->bounded(phasedRolloutGroups));

@@ -10,6 +10,8 @@
 // They override what Info.plist says. Every call reads or writes the file afresh.
 namespace UpdateUserSettings {
 QString filePath();
+// A store that is not a regular file of at most this size is neither read nor written.
+inline constexpr qint64 largestFile = 64 * 1024;
 
 std::optional<bool> automaticChecks();       // SUEnableAutomaticChecks
 void setAutomaticChecks(bool on);
