@@ -76,15 +76,10 @@ QByteArray receive(int fd, bool untilLineEnd, const QDeadlineTimer &deadline)
     QByteArray received;
     while (received.size() < longest && (received.isEmpty() || (untilLineEnd && !received.endsWith("\r\n")))) {
         char chunk[longest];
-        const ssize_t got = ::recv(fd, chunk, size_t(longest - received.size()), 0);
-        if (got > 0)
-            received.append(chunk, got);
-        else if (got == 0)
+        const qsizetype got = receiveSome(fd, chunk, longest - received.size(), deadline);
+        if (got == 0)
             break;
-        else if (errno == EINTR)
-            continue;
-        else if (errno != EAGAIN || !waitFor(fd, POLLIN, deadline))
-            break;
+        received.append(chunk, got);
     }
     return received;
 }

@@ -90,15 +90,10 @@ QByteArray readLine(int fd, const QDeadlineTimer &deadline)
     ShortLine line(longestLine);
     while (!line.complete()) {
         char chunk[longestLine];
-        const ssize_t got = ::recv(fd, chunk, size_t(line.room()), 0);
-        if (got > 0)
-            line.add(chunk, got);
-        else if (got == 0)
+        const qsizetype got = receiveSome(fd, chunk, line.room(), deadline);
+        if (got == 0)
             break;
-        else if (errno == EINTR)
-            continue;
-        else if (errno != EAGAIN || !waitFor(fd, POLLIN, deadline))
-            break;
+        line.add(chunk, got);
     }
     return line.line();
 }

@@ -48,3 +48,16 @@ bool sendAll(int fd, const QByteArray &bytes, const QDeadlineTimer &deadline)
     }
     return true;
 }
+
+qsizetype receiveSome(int fd, char *buffer, qsizetype room, const QDeadlineTimer &deadline)
+{
+    for (;;) {
+        const ssize_t got = ::recv(fd, buffer, size_t(room), 0);
+        if (got >= 0)
+            return got;
+        if (errno == EINTR)
+            continue;
+        if (errno != EAGAIN || !waitFor(fd, POLLIN, deadline))
+            return 0;
+    }
+}

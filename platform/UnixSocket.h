@@ -30,3 +30,7 @@ bool waitFor(int fd, short events, const QDeadlineTimer &deadline);
 
 // Sends all of bytes before the deadline; false when the peer is gone or too slow.
 bool sendAll(int fd, const QByteArray &bytes, const QDeadlineTimer &deadline);
+
+// Receives at most room bytes, waiting for the first until the deadline; 0 when the peer
+// closed, failed or was too slow.
+qsizetype receiveSome(int fd, char *buffer, qsizetype room, const QDeadlineTimer &deadline);
