@@ -1,8 +1,10 @@
 // Opens the real application, waits until its window is on screen, saves the window's pixels
 // as a PNG and quits. Used under Xvfb by "make screenshot".
 //
-//   screenshot BUNDLE OUTPUT.png [--wait MS] [--add-radio ADDRESS] [--select ROW]
+//   screenshot BUNDLE OUTPUT.png [--wait MS] [--add-radio ADDRESS] [--select ROW] [--size WxH]
 //
+// --size gives the window's content area that size (the menu bar comes on top), to see the
+// window at its minimum or any other size a user may choose.
 // --select picks that row of the radio list before the picture is taken.
 // With --add-radio it goes the user's way through "Add Radio…": it saves the question as
 // OUTPUT-dialog.png, types the address, presses OK, saves any message that follows as
@@ -144,7 +146,7 @@ int main(int argc, char *argv[])
     QStringList arguments = QCoreApplication::arguments().mid(1);
     if (arguments.size() < 2) {
         std::fprintf(stderr, "usage: screenshot BUNDLE OUTPUT.png [--wait MS] [--add-radio ADDRESS] "
-                             "[--select ROW]\n");
+                             "[--select ROW] [--size WxH]\n");
         return 2;
     }
     // The tool lives outside the bundle, so it points the app at the bundle's resources, and
@@ -156,6 +158,7 @@ int main(int argc, char *argv[])
     QString address;
     int selectRow = -1;
     bool checkUpdates = false;
+    QSize contentSize;
     if (arguments.removeAll(QStringLiteral("--check-updates")) > 0)
         checkUpdates = true;
     while (arguments.size() >= 2) {
@@ -167,11 +170,15 @@ int main(int argc, char *argv[])
             address = value;
         else if (option == QStringLiteral("--select"))
             selectRow = value.toInt();
+        else if (option == QStringLiteral("--size"))
+            contentSize = QSize(value.section(u'x', 0, 0).toInt(), value.section(u'x', 1, 1).toInt());
     }
 
     AppDelegate delegate;
     delegate.applicationDidFinishLaunching();
     QMainWindow *window = delegate.mainWindow();
+    if (contentSize.isValid())
+        window->resize(contentSize.width(), contentSize.height() + window->menuBar()->height());
 
     if (selectRow >= 0) {
         if (auto *list = window->findChild<QListView *>(QStringLiteral("table")); list && list->model())
