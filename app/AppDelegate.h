@@ -126,8 +126,10 @@ private:
     void buildViewTree();
     QLayout *buildSplitRow();
     QLayout *buildServiceRow();
-    // A caption and its value (a label made by the caller), one block of the details panel.
-    QLabel *detailValue(QVBoxLayout *stack, const QString &caption, const QString &name, QLabel *value);
+    // A caption and its value, one block of the details panel.
+    ElidingLabel *detailValue(QVBoxLayout *stack, const QString &caption, const QString &name);
+    // A selectable one-line text of the details panel.
+    ElidingLabel *detailLine(const QString &name);
 
     // The service's live state (service/LiveStateWatch.cpp).
     bool armLiveStateWatch();
@@ -166,8 +168,8 @@ private:
     UnitChanges *unitChanges = nullptr; // systemd's word that a unit changed, between ticks
     bool checkingService = false;
     QListView *table = nullptr;
-    QLabel *detailTitle = nullptr;
-    QMap<QString, QLabel *> values;
+    ElidingLabel *detailTitle = nullptr;
+    QMap<QString, ElidingLabel *> values;
     QCheckBox *enabledButton = nullptr;
     QPushButton *removeButton = nullptr;
     RadioEntries entries;

@@ -37,12 +37,10 @@ void AppDelegate::tableViewSelectionDidChange()
 void AppDelegate::updateDetails()
 {
     const DetailsContent content = detailsContent(entries, selectedRow());
-    detailTitle->setText(content.title);
+    detailTitle->setFullText(content.title, content.title);
     for (const DetailField &field : detailFields()) {
-        QLabel *value = values.value(field.key);
         const QString text = content.values.value(field.key);
-        value->setText(text);
-        value->setAccessibleName(spokenDetail(field, text));
+        values.value(field.key)->setFullText(text, spokenDetail(field, text));
     }
     const int row = selectedRow();
     const QString announced = content.controlsEnabled && row < announcements.size() ? announcements.at(row).line

@@ -111,9 +111,9 @@ void AppDelegate::sendEditCommand(int command)
         case Paste: field->paste(); break;
         case SelectAll: field->selectAll(); break;
         }
-    } else if (auto *valueLabel = qobject_cast<QLabel *>(focus)) {
+    } else if (auto *valueLabel = qobject_cast<ElidingLabel *>(focus)) {
         if (command == Copy && valueLabel->hasSelectedText())
-            QGuiApplication::clipboard()->setText(valueLabel->selectedText());
+            QGuiApplication::clipboard()->setText(valueLabel->copiedText());
         else if (command == SelectAll)
             valueLabel->setSelection(0, int(valueLabel->text().size()));
     }
@@ -175,19 +175,27 @@ void AppDelegate::buildViewTree()
     root->addWidget(status);
 }
 
+// A selectable line of the details panel that a long value shortens instead of widening.
+ElidingLabel *AppDelegate::detailLine(const QString &name)
+{
+    auto *line = new ElidingLabel(QStringLiteral("\u2014"));
+    styleLabel(line, 13);
+    line->setObjectName(name);
+    line->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+    // Selectable labels take focus only by click; Tab must reach them too, so that a value
+    // can be selected and copied without a mouse.
+    line->setFocusPolicy(Qt::StrongFocus);
+    return line;
+}
+
 // A caption and its value, one block of the details panel.
-QLabel *AppDelegate::detailValue(QVBoxLayout *stack, const QString &caption, const QString &name, QLabel *value)
+ElidingLabel *AppDelegate::detailValue(QVBoxLayout *stack, const QString &caption, const QString &name)
 {
     auto *block = new QVBoxLayout;
     block->setSpacing(3);
     QLabel *captionLabel = label(caption, 10, QFont::DemiBold, true);
     block->addWidget(captionLabel);
-    styleLabel(value, 13);
-    value->setObjectName(name);
-    value->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
-    // Selectable labels take focus only by click; Tab must reach them too, so that a value
-    // can be selected and copied without a mouse.
-    value->setFocusPolicy(Qt::StrongFocus);
+    ElidingLabel *value = detailLine(name);
     // The caption labels the value for assistive technology; the captions hold no mnemonic,
     // so this adds no shortcut.
     captionLabel->setBuddy(value);
@@ -229,25 +237,28 @@ QLayout *AppDelegate::buildSplitRow()
     // stack itself spans the panel, so a line that gives way at its end knows the width it has
     // (a layout with an alignment of its own would size to its hint).
 
-    detailTitle = label(QStringLiteral("Select a radio"), 19, QFont::DemiBold);
+    // A name longer than the panel is wide gives way at its end, like the row's.
+    detailTitle = new ElidingLabel(QStringLiteral("Select a radio"));
+    styleLabel(detailTitle, 19, QFont::DemiBold);
     detailTitle->setObjectName(QStringLiteral("detailTitle"));
-    detailsStack->addWidget(detailTitle, 0, Qt::AlignLeft);
-    for (const DetailField &field : detailFields()) {
-        QLabel *value =
-            detailValue(detailsStack, field.caption, QStringLiteral("value:") + field.key, new QLabel(QStringLiteral("\u2014")));
-        values.insert(field.key, value);
-    }
-    // What the service is doing with the radio right now, from its state file. The panel has
-    // no room for a second line, so a long one gives way at its end.
-    announcementLine = new ElidingLabel;
-    detailValue(detailsStack, QStringLiteral("ANNOUNCEMENT"), QStringLiteral("announcement"), announcementLine);
+    detailsStack->addWidget(detailTitle);
+    for (const DetailField &field : detailFields())
+        values.insert(field.key, detailValue(detailsStack, field.caption, QStringLiteral("value:") + field.key));
 
     enabledButton = new QCheckBox(QStringLiteral("Include in discovery"));
     enabledButton->setObjectName(QStringLiteral("enabledButton"));
     // Every way the box can change reaches the controller through toggled: a click, the Space
     // key, and the accessibility toggle action, which toggles without a click.
     connect(enabledButton, &QCheckBox::toggled, this, &AppDelegate::toggleRadio);
-    detailsStack->addWidget(enabledButton, 0, Qt::AlignLeft);
+    // What the service is doing with the radio right now, from its state file, beside the box
+    // that decides whether it is announced at all. A block of its own would not fit above the
+    // separator at the window's smallest size; a long line gives way at its end.
+    announcementLine = detailLine(QStringLiteral("announcement"));
+    QHBoxLayout *inclusion = row();
+    inclusion->setSpacing(12);
+    inclusion->addWidget(enabledButton);
+    inclusion->addWidget(announcementLine, 1);
+    detailsStack->addLayout(inclusion);
 
     removeButton = button(QStringLiteral("Remove Radio"), &AppDelegate::removeRadio);
     removeButton->setObjectName(QStringLiteral("removeButton"));

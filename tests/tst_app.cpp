@@ -10,6 +10,7 @@
 #include "app/ServiceButton.h"
 #include "app/StatusLabel.h"
 #include "platform/Background.h"
+#include "platform/RadioTexts.h"
 #include "platform/SingleInstance.h"
 #include "platform/WindowTitle.h"
 #include "updates/EmberlaneUpdates.h"
@@ -94,6 +95,17 @@ protected:
 private:
     std::function<void(QEvent *)> m_seen;
 };
+
+// A radio with the longest text a radio may have in every field the details panel shows.
+QJsonObject longestRadio()
+{
+    QJsonObject entry = radio(u"radio-"_s + QString(longestRadioAddress - 14, u'x') + u".example"_s,
+                              QString(longestSerialNumber, u'8'), QString(longestRadioName, u'W'));
+    entry.insert(u"model"_s, QString(longestModel, u'M'));
+    entry.insert(u"callsign"_s, QString(longestCallsign, u'W'));
+    entry.insert(u"version"_s, QString(longestVersion, u'8'));
+    return entry;
+}
 
 // The configuration most tests start from: one radio with every field filled in.
 void writeAlpha(TestWorld &world)
@@ -382,6 +394,8 @@ private Q_SLOTS:
     // Window and menus.
     void shrinkingStopsAtTheMinimumContentSize();
     void longStatusIsElidedOnOneLine();
+    void everyDetailGetsItsFullHeightAtEverySize_data();
+    void everyDetailGetsItsFullHeightAtEverySize();
     void ctrlQQuits();
     void editShortcutsActOnTheFocusedTextField();
 
@@ -391,6 +405,7 @@ private Q_SLOTS:
     void removingTheSelectedLastOfThreeSelectsTheSecond();
     void enabledAsTextCountsAsDisabled();
     void unnamedRadioShowsRadio();
+    void longNamesAndValuesGiveWayWithAnEllipsis();
     void numericFirmwareShowsADash();
     void everyWayOfChangingTheIncludeBoxSavesOnce();
     void showingAnotherStateInTheIncludeBoxDoesNotSave();
@@ -984,6 +999,55 @@ void AppShellTest::longStatusIsElidedOnOneLine()
     QCOMPARE(status->displayedText(), u"Configuration loaded"_s);
 }
 
+void AppShellTest::everyDetailGetsItsFullHeightAtEverySize_data()
+{
+    QTest::addColumn<QSize>("contentSize");
+    QTest::newRow("minimum") << QSize(880, 580);
+    QTest::newRow("default") << QSize(960, 620);
+    QTest::newRow("large") << QSize(1400, 900);
+}
+
+// Each text of the details panel is as tall as its font needs, one below the other, and the
+// panel ends above the separator, at every size the window allows.
+void AppShellTest::everyDetailGetsItsFullHeightAtEverySize()
+{
+    QFETCH(QSize, contentSize);
+    TestWorld world;
+    world.writeConfig(configWith({longestRadio()}));
+    RunningApp app(world);
+    QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+    app.window()->resize(contentSize.width(), contentSize.height() + app.window()->menuBar()->height());
+    QWidget *content = app.window()->centralWidget();
+    QTRY_COMPARE(content->size(), contentSize);
+    QApplication::processEvents();
+
+    QWidget *panel = app.detailTitle()->parentWidget();
+    QList<QWidget *> items;
+    for (QWidget *child : panel->findChildren<QWidget *>())
+        if (child->isVisible() && (qobject_cast<QLabel *>(child) || qobject_cast<QAbstractButton *>(child)))
+            items << child;
+    // The title, five captions and values, the box with the announcement beside it, the button.
+    QCOMPARE(items.size(), 1 + 2 * 5 + 3);
+    const int tableBottom = app.table()->mapTo(content, QPoint(0, app.table()->height())).y();
+    const auto placeOf = [content](QWidget *item) { return QRect(item->mapTo(content, QPoint()), item->size()); };
+    for (QWidget *item : items) {
+        const QString what = item->objectName() + u' ' + item->property("text").toString().left(20);
+        QVERIFY2(item->height() >= item->sizeHint().height(),
+                 qPrintable(u"%1: %2 of %3 px"_s.arg(what).arg(item->height()).arg(item->sizeHint().height())));
+        const QRect place = placeOf(item);
+        QVERIFY2(place.top() >= app.table()->mapTo(content, QPoint()).y() && place.bottom() < tableBottom,
+                 qPrintable(u"%1 leaves the panel: %2..%3"_s.arg(what).arg(place.top()).arg(place.bottom())));
+        QVERIFY2(place.right() < content->width() - 24, qPrintable(u"%1 runs past the panel"_s.arg(what)));
+        for (QWidget *other : items)
+            QVERIFY2(other == item || !place.intersects(placeOf(other)),
+                     qPrintable(u"%1 overlaps %2"_s.arg(what, other->objectName())));
+        // A text too long for the panel gives way at its end rather than being cut.
+        if (auto *label = qobject_cast<QLabel *>(item))
+            QVERIFY2(label->fontMetrics().horizontalAdvance(label->text()) <= label->contentsRect().width(),
+                     qPrintable(u"%1 is cut"_s.arg(what)));
+    }
+}
+
 void AppShellTest::ctrlQQuits()
 {
     TestWorld world;
@@ -1182,6 +1246,47 @@ void AppShellTest::unnamedRadioShowsRadio()
     RunningApp app(world);
 
     QCOMPARE(app.rowTexts(0), (QStringList{u"Radio"_s, u"10.0.0.1  \u00B7  Enabled"_s}));
+}
+
+// A name or value wider than the panel ends in "…" where it is cut, as the list's rows do;
+// the whole text is in its tool tip, is what a screen reader says, and is what Copy copies.
+void AppShellTest::longNamesAndValuesGiveWayWithAnEllipsis()
+{
+    const QString name = u"Contest station at the northern remote site, rack two"_s; // written by hand
+    const QString address = u"remote-shack-"_s + QString(80, u'x') + u".example.net"_s;
+    TestWorld world;
+    world.writeConfig(configWith({fullRadio(address, u"1234-5678-9012-3456"_s, name)}));
+    RunningApp app(world);
+    QVERIFY(windowReady(app));
+    app.window()->resize(880, 580 + app.window()->menuBar()->height());
+    QTRY_COMPARE(app.window()->centralWidget()->size(), QSize(880, 580));
+
+    const auto checkGivesWay = [](QLabel *label, const QString &whole, const QString &spoken) {
+        QTRY_VERIFY2(label->text().endsWith(ellipsis), qPrintable(label->text()));
+        QVERIFY(label->text().size() > 1);
+        QVERIFY(whole.startsWith(label->text().chopped(1)));
+        QVERIFY(label->fontMetrics().horizontalAdvance(label->text()) <= label->contentsRect().width());
+        QCOMPARE(label->toolTip(), whole);
+        QCOMPARE(accessible(label)->text(QAccessible::Name), spoken);
+    };
+    checkGivesWay(app.detailTitle(), name, name);
+    QLabel *shownAddress = app.value(u"ipAddress"_s);
+    checkGivesWay(shownAddress, address, u"IP address: "_s + address);
+
+    // Everything selected and copied is the whole address, by the Edit menu and by the key.
+    QClipboard *clipboard = QGuiApplication::clipboard();
+    shownAddress->setFocus(Qt::TabFocusReason);
+    menuItem(app.window(), u"Edit"_s, u"Select All"_s)->trigger();
+    menuItem(app.window(), u"Edit"_s, u"Copy"_s)->trigger();
+    QCOMPARE(clipboard->text(), address);
+    clipboard->clear();
+    QTest::keySequence(shownAddress, QKeySequence::Copy);
+    QCOMPARE(clipboard->text(), address);
+
+    // Wide enough again, the name is whole and needs no tool tip.
+    app.window()->resize(1600, 620 + app.window()->menuBar()->height());
+    QTRY_COMPARE(app.detailTitle()->text(), name);
+    QVERIFY(app.detailTitle()->toolTip().isEmpty());
 }
 
 void AppShellTest::numericFirmwareShowsADash()
@@ -1469,7 +1574,7 @@ void AppShellTest::wholeWindowWorksByKeyboard()
         app.button(u"Add Radio\u2026"_s), app.button(u"Import\u2026"_s), app.button(u"Delete Config"_s),
         app.button(u"Reload"_s),           app.table(),                   app.value(u"model"_s),
         app.value(u"ipAddress"_s),         app.value(u"serialNumber"_s),  app.value(u"callsign"_s),
-        app.value(u"version"_s),           app.announcementLine(),         app.includeBox(),
+        app.value(u"version"_s),           app.includeBox(),               app.announcementLine(),
         app.removeButton(),
         app.serviceButton(),               app.button(u"Uninstall"_s),    app.button(u"Show Files"_s),
     };

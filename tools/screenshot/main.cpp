@@ -218,6 +218,11 @@ int main(int argc, char *argv[])
             QCoreApplication::quit();
         });
     });
+    // A window that never settles (a question nobody answers) must not hold the tool for ever.
+    QTimer::singleShot(waitMs + 60000, &application, [] {
+        std::fprintf(stderr, "The app did not settle within a minute; no picture taken.\n");
+        QCoreApplication::exit(3);
+    });
     QTimer::singleShot(waitMs + (address.isNull() && !checkUpdates ? 0 : 3000), &application, [&] { finish.start(100); });
     QApplication::exec();
     return status;
