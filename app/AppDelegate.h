@@ -33,6 +33,7 @@ class QVBoxLayout;
 class ServiceButton;
 struct ServiceActionResult;
 struct ServiceStatus;
+enum class StateTone;
 class UnitChanges;
 
 // The one controller: it owns every piece of state of the application, and every user
@@ -142,6 +143,7 @@ private:
     void finishWriteConfig(const Outcome<ProcessResult> &result, const QString &written);
     void finishAddRadio(const QString &address, const QString &snapshot, const Outcome<QJsonObject> &outcome);
     void applyServiceStatus(const ServiceStatus &result);
+    void showStateTone(StateTone tone);
     void finishServiceAction(const ServiceActionResult &result);
 
     // The selected row of the table, or -1 (app/Details.cpp).

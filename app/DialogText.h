@@ -16,4 +16,12 @@ public:
 
     // The height the text needs at the panel's text width: laid out, rounded up, plus 10.
     int neededHeight() const;
+
+protected:
+    void changeEvent(QEvent *event) override;
+
+private:
+    void takeSecondaryColour();
+
+    bool m_secondary = false;
 };

@@ -25,12 +25,6 @@
 
 namespace {
 enum EditCommand { Undo, Cut, Copy, Paste, SelectAll };
-
-QPalette secondaryPalette(QPalette palette)
-{
-    palette.setColor(QPalette::WindowText, palette.color(QPalette::PlaceholderText));
-    return palette;
-}
 } // namespace
 
 QLabel *AppDelegate::label(const QString &text, int size, QFont::Weight weight, bool secondary)
@@ -44,8 +38,9 @@ void AppDelegate::styleLabel(QLabel *made, int size, QFont::Weight weight, bool 
 {
     made->setTextFormat(Qt::PlainText); // names and addresses come from radios and files, never markup
     made->setFont(systemFont(size, weight));
+    // A role, not a copied colour, so that the text follows the desktop's colour scheme.
     if (secondary)
-        made->setPalette(secondaryPalette(made->palette()));
+        made->setForegroundRole(QPalette::PlaceholderText);
 }
 
 QHBoxLayout *AppDelegate::row()
@@ -170,7 +165,7 @@ void AppDelegate::buildViewTree()
     status = new StatusLabel(QStringLiteral("Ready"));
     status->setObjectName(QStringLiteral("status"));
     status->setFont(systemFont(11));
-    status->setPalette(secondaryPalette(status->palette()));
+    status->setForegroundRole(QPalette::PlaceholderText);
     status->setAlignment(Qt::AlignHCenter | Qt::AlignVCenter);
     root->addWidget(status);
 }

@@ -16,6 +16,24 @@ void AppDelegate::refreshService()
     startServiceCheck(this, [this](const ServiceStatus &result) { applyServiceStatus(result); });
 }
 
+// Green and orange are the app's own; the grey is the desktop's secondary text, taken by role so
+// that it follows a change of colour scheme. Every 3 s the answer is mostly the same, so a
+// palette is only made for a new colour.
+void AppDelegate::showStateTone(StateTone tone)
+{
+    if (tone == StateTone::Secondary) {
+        serviceState->setForegroundRole(QPalette::PlaceholderText);
+        return;
+    }
+    const QColor colour = tone == StateTone::Success ? successColor() : warningColor();
+    serviceState->setForegroundRole(QPalette::WindowText);
+    if (serviceState->palette().color(QPalette::WindowText) != colour) {
+        QPalette palette = serviceState->palette();
+        palette.setColor(QPalette::WindowText, colour);
+        serviceState->setPalette(palette);
+    }
+}
+
 void AppDelegate::applyServiceStatus(const ServiceStatus &result)
 {
     // The button repaints at every assignment; the same answer every 3 s is not a change.
@@ -27,18 +45,7 @@ void AppDelegate::applyServiceStatus(const ServiceStatus &result)
     serviceState->setText(result.stateText);
     serviceStartup->setText(result.startupText);
 
-    QColor tone;
-    switch (stateTone(result)) {
-    case StateTone::Success: tone = successColor(); break;
-    case StateTone::Warning: tone = warningColor(); break;
-    case StateTone::Secondary: tone = serviceState->palette().color(QPalette::PlaceholderText); break;
-    }
-    // Every 3 s the answer is mostly the same; a palette is only made for a new colour.
-    if (serviceState->palette().color(QPalette::WindowText) != tone) {
-        QPalette palette = serviceState->palette();
-        palette.setColor(QPalette::WindowText, tone);
-        serviceState->setPalette(palette);
-    }
+    showStateTone(stateTone(result));
     unitChanges->watch(result.unitObjects);
     // The tick also notices a service that died without taking its state file away.
     checkLiveStateOwner();

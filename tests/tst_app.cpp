@@ -434,6 +434,7 @@ private Q_SLOTS:
     void panelPlacesIconTextsFieldAndButtons();
     void longWordsBreakInsideTheLine();
     void textsKeepTheirStylesAndColours();
+    void secondaryTextFollowsTheDesktopsColourScheme();
     void messageTextCanBeSelectedAndCopied();
     void returnAndEscapeAnswerFromTheText();
     void panelIsAnnouncedByItsTexts();
@@ -2116,6 +2117,65 @@ void AppShellTest::textsKeepTheirStylesAndColours()
     QVERIFY(colours.at(0) != colours.at(1));
     for (Qt::Alignment alignment : alignments)
         QVERIFY(alignment & Qt::AlignHCenter);
+}
+
+// A colour-scheme switch while the app runs reaches every secondary text, in the window and in
+// an open panel: they are drawn in the palette's secondary role, not in a colour copied once.
+void AppShellTest::secondaryTextFollowsTheDesktopsColourScheme()
+{
+    TestWorld world;
+    writeAlpha(world);
+    RunningApp app(world);
+    QVERIFY(QTest::qWaitForWindowExposed(app.window()));
+    QWidget *content = app.window()->centralWidget();
+    const QList<QWidget *> secondary = {
+        labelWithText(content, u"Make remote FlexRadios discoverable on your local network."_s),
+        labelWithText(content, u"MODEL"_s), labelWithText(content, u"FIRMWARE"_s),
+        content->findChild<QLabel *>(u"serviceStartup"_s), app.status()};
+    for (QWidget *text : secondary)
+        QVERIFY(text);
+    const auto drawnIn = [](QWidget *text) { return text->palette().color(text->foregroundRole()); };
+
+    const QPalette light = QApplication::palette();
+    QPalette dark = light;
+    dark.setColor(QPalette::Window, QColor(0x2b, 0x2b, 0x2b));
+    dark.setColor(QPalette::WindowText, QColor(0xee, 0xee, 0xee));
+    dark.setColor(QPalette::Base, QColor(0x1e, 0x1e, 0x1e));
+    dark.setColor(QPalette::Text, QColor(0xee, 0xee, 0xee));
+    dark.setColor(QPalette::PlaceholderText, QColor(0x9a, 0xa0, 0xa6));
+    QVERIFY(light.color(QPalette::PlaceholderText) != dark.color(QPalette::PlaceholderText));
+    const auto restore = qScopeGuard([&light] { QApplication::setPalette(light); });
+
+    for (QWidget *text : secondary)
+        QCOMPARE(drawnIn(text), light.color(QPalette::PlaceholderText));
+    QApplication::setPalette(dark);
+    QApplication::processEvents();
+    for (QWidget *text : secondary)
+        QVERIFY2(drawnIn(text) == dark.color(QPalette::PlaceholderText),
+                 qPrintable(text->objectName() + u' ' + drawnIn(text).name()));
+    // The primary texts follow too.
+    QCOMPARE(drawnIn(labelWithText(content, u"Radios"_s)), dark.color(QPalette::WindowText));
+
+    // A panel open while the scheme changes back.
+    QList<QColor> before;
+    QList<QColor> after;
+    const OnModalPanel look([&](QDialog *panel) {
+        for (DialogText *text : panelTexts(panel))
+            before << text->palette().color(QPalette::Text);
+        QApplication::setPalette(light);
+        QApplication::processEvents();
+        for (DialogText *text : panelTexts(panel))
+            after << text->palette().color(QPalette::Text);
+        panel->done(0);
+    });
+    const ModalWatchdog watchdog;
+    app.app().dialog(u"Delete configuration?"_s, u"This will remove all configured radios immediately."_s,
+                     u"Are you sure?"_s, true, nullptr);
+    QCOMPARE(before.size(), 3);
+    QCOMPARE(before.at(1), dark.color(QPalette::PlaceholderText));
+    QCOMPARE(before.at(0), dark.color(QPalette::Text));
+    QCOMPARE(after, (QList<QColor>{light.color(QPalette::Text), light.color(QPalette::PlaceholderText),
+                                   light.color(QPalette::Text)}));
 }
 
 void AppShellTest::messageTextCanBeSelectedAndCopied()
