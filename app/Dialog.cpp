@@ -109,7 +109,9 @@ bool AppDelegate::dialog(const QString &title, const QString &detail, const QStr
     if (cancel) {
         auto *cancelButton = new QPushButton(QStringLiteral("Cancel"), &panel);
         cancelButton->setGeometry(geometry.cancelButton);
-        cancelButton->setAutoDefault(false);
+        // Return presses the button that has the focus, as everywhere on this desktop: with the
+        // focus on Cancel it cancels, and OK is the default again once the focus leaves.
+        cancelButton->setAutoDefault(true);
         connect(cancelButton, &QPushButton::clicked, this, [this, cancelButton] { cancelDialog(cancelButton); });
     }
 

@@ -437,6 +437,8 @@ private Q_SLOTS:
     void secondaryTextFollowsTheDesktopsColourScheme();
     void messageTextCanBeSelectedAndCopied();
     void returnAndEscapeAnswerFromTheText();
+    void returnOnAFocusedCancelCancels_data();
+    void returnOnAFocusedCancelCancels();
     void panelIsAnnouncedByItsTexts();
     void panelShowsNoTitleText();
     void addRadioFieldHasAnAccessibleName();
@@ -2234,6 +2236,49 @@ void AppShellTest::returnAndEscapeAnswerFromTheText()
         QCOMPARE(app.app().dialog(u"Delete configuration?"_s, QString(), u"Are you sure?"_s, true, nullptr), expected);
         QVERIFY(focusWasOnOk);
     }
+}
+
+void AppShellTest::returnOnAFocusedCancelCancels_data()
+{
+    QTest::addColumn<QString>("action");
+    QTest::addColumn<int>("key");
+    QTest::newRow("delete, Return") << u"Delete Config"_s << int(Qt::Key_Return);
+    QTest::newRow("delete, Enter") << u"Delete Config"_s << int(Qt::Key_Enter);
+    QTest::newRow("uninstall, Return") << u"Uninstall"_s << int(Qt::Key_Return);
+}
+
+// A keyboard user who tabs to Cancel and presses Return means Cancel: the question of a real
+// action is answered no, and nothing is deleted or removed. Back on OK, Return is OK again.
+void AppShellTest::returnOnAFocusedCancelCancels()
+{
+    QFETCH(QString, action);
+    QFETCH(int, key);
+    TestWorld world;
+    writeAlpha(world);
+    const QByteArray config = world.readConfig();
+    RunningApp app(world);
+    QVERIFY(windowReady(app));
+    const QString statusBefore = app.statusText();
+    QString focusBeforeReturn;
+    bool okIsDefaultAgain = false;
+    const ModalWatchdog watchdog;
+    const OnModalPanel press([&](QDialog *panel) {
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+        focusBeforeReturn = nameOf(QApplication::focusWidget());
+        // Moving on and back: the default returns to OK with the focus.
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+        okIsDefaultAgain = panelButton(panel, u"OK"_s)->isDefault();
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Backtab);
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key(key));
+    });
+    app.click(app.button(action));
+    QCOMPARE(focusBeforeReturn, u"Cancel"_s);
+    QVERIFY(okIsDefaultAgain);
+    QVERIFY(!QApplication::activeModalWidget());
+    QVERIFY(!app.app().isBusy());
+    QCOMPARE(app.statusText(), statusBefore);
+    QCOMPARE(app.rowCount(), 1);
+    QCOMPARE(world.readConfig(), config);
 }
 
 void AppShellTest::panelIsAnnouncedByItsTexts()
