@@ -73,8 +73,9 @@ void AppDelegate::applicationDidFinishLaunching()
         EmberlaneUpdates::shared().loadEngine();
     });
 
-    // Asked only once the window is on screen, from the next turn of the event loop.
-    QTimer::singleShot(0, this, &AppDelegate::offerServiceRefresh);
+    // Asked only once the window has drawn its first frame, so that the question has a window
+    // under it.
+    afterFirstFrame(window.get(), [this] { offerServiceRefresh(); });
 }
 
 void AppDelegate::bringWindowForward()

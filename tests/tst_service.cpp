@@ -37,6 +37,7 @@
 #include <QMessageBox>
 #include <QPushButton>
 #include <QTimer>
+#include <QWindow>
 #include <QUrl>
 #include <QtTest>
 
@@ -48,6 +49,28 @@
 using namespace Qt::Literals::StringLiterals;
 
 namespace {
+
+// Calls back at every expose event, application-wide, that leaves its window exposed.
+class FirstExposeWatch : public QObject
+{
+public:
+    explicit FirstExposeWatch(std::function<void(QWindow *)> seen) : m_seen(std::move(seen))
+    {
+        qApp->installEventFilter(this);
+    }
+
+protected:
+    bool eventFilter(QObject *watched, QEvent *event) override
+    {
+        if (event->type() == QEvent::Expose)
+            if (auto *window = qobject_cast<QWindow *>(watched); window && window->isExposed())
+                m_seen(window);
+        return false;
+    }
+
+private:
+    std::function<void(QWindow *)> m_seen;
+};
 const QByteArray running = "LoadState=loaded\nActiveState=active\nSubState=running\n";
 const QByteArray activating = "LoadState=loaded\nActiveState=activating\nSubState=auto-restart\n";
 const QByteArray inactive = "LoadState=loaded\nActiveState=inactive\nSubState=dead\n";
@@ -826,7 +849,15 @@ private Q_SLOTS:
         QString question;
         QString detail;
         QStringList buttons;
+        // Whether the main window had its first frame when the question came: the first expose
+        // event of a window that is not the question's own.
         bool windowShown = false;
+        bool windowExposed = false;
+        FirstExposeWatch exposes([&](QWindow *exposed) {
+            for (QWidget *top : QApplication::topLevelWidgets())
+                if (qobject_cast<QMainWindow *>(top) && top->windowHandle() == exposed)
+                    windowExposed = true;
+        });
         RunningApp *started = nullptr;
         QTimer answerer;
         answerer.setInterval(10);
@@ -836,7 +867,7 @@ private Q_SLOTS:
                 return;
             question = box->text();
             detail = box->informativeText();
-            windowShown = started && started->window()->isVisible();
+            windowShown = started && windowExposed;
             for (QAbstractButton *button : box->buttons())
                 buttons << button->text();
             QVERIFY(box->defaultButton());
