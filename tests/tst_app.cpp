@@ -2263,6 +2263,9 @@ void AppShellTest::returnOnAFocusedCancelCancels()
     bool okIsDefaultAgain = false;
     const ModalWatchdog watchdog;
     const OnModalPanel press([&](QDialog *panel) {
+        // A window system may show the panel a moment before it has the keyboard.
+        QVERIFY(QTest::qWaitForWindowActive(panel));
+        QTRY_COMPARE(QApplication::focusWidget(), panelButton(panel, u"OK"_s));
         QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
         focusBeforeReturn = nameOf(QApplication::focusWidget());
         // Moving on and back: the default returns to OK with the focus.
