@@ -82,9 +82,10 @@ QString unit(const QString &label)
     return label + u".service"_s;
 }
 
+// The colour the label's text is drawn in.
 QColor colourOf(QLabel *label)
 {
-    return label->palette().color(QPalette::WindowText);
+    return label->palette().color(label->foregroundRole());
 }
 
 QColor secondaryColour(QLabel *label)
