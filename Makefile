@@ -31,9 +31,11 @@ display:
 test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure
 
-# Opens the app under Xvfb and saves its window to build/screenshot.png.
+# Opens the app under Xvfb and saves its window to build/screenshot.png. SHOT takes the
+# screenshot tool's options, e.g. SHOT="--size 880x580 --select 0" for the smallest window.
+SHOT ?=
 screenshot: build
-	@xvfb-run -a -s "-screen 0 1280x900x24 -dpi 96" $(BUILD_DIR)/tools/screenshot $(BUNDLE) $(BUILD_DIR)/screenshot.png
+	@xvfb-run -a -s "-screen 0 1280x900x24 -dpi 96" $(BUILD_DIR)/tools/screenshot $(BUNDLE) $(BUILD_DIR)/screenshot.png $(SHOT)
 
 install: build
 	@scripts/install --bundle $(BUNDLE)
