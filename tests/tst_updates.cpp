@@ -25,6 +25,7 @@
 #include "updates/StagedUpdate.h"
 #include "updates/UpdateErrors.h"
 #include "updates/UpdateTexts.h"
+#include "updates/UpdaterConfiguration.h"
 #include "updates/Updater.h"
 #include "updates/UpdaterDelegate.h"
 #include "updates/UserDriver.h"
@@ -792,6 +793,7 @@ private Q_SLOTS:
         m_bundle = m_applications + QStringLiteral("/Veldspar.app");
         m_server = std::make_unique<TestHttpServer>();
         m_relaunches.clear();
+        UpdateUserSettings::startNewRunForTesting(); // each test is a fresh installation's first run
     }
 
     void cleanup()
@@ -1488,6 +1490,7 @@ private Q_SLOTS:
             QVERIFY(!first->automaticallyChecksForUpdates());
         }
         serveFeed({});
+        UpdateUserSettings::startNewRunForTesting();
         auto second = startedUpdater(driver);
         QSignalSpy changes(second.get(), &Updater::automaticallyChecksForUpdatesChanged);
         QTRY_COMPARE(driver.events, QStringList{QStringLiteral("permission")});
@@ -1499,6 +1502,7 @@ private Q_SLOTS:
         QTest::qWait(200);
         QCOMPARE(driver.events, QStringList{QStringLiteral("permission")});
         second.reset();
+        UpdateUserSettings::startNewRunForTesting();
         auto third = startedUpdater(driver);
         QTest::qWait(100);
         QCOMPARE(driver.events, QStringList{QStringLiteral("permission")}); // asked once only

@@ -115,6 +115,25 @@ void setHasLaunchedBefore()
     write(launchedKey, true);
 }
 
+namespace {
+std::optional<bool> launchedBeforeRun;
+}
+
+bool launchedBeforeThisRun()
+{
+    if (!launchedBeforeRun) {
+        launchedBeforeRun = hasLaunchedBefore();
+        if (!*launchedBeforeRun)
+            setHasLaunchedBefore();
+    }
+    return *launchedBeforeRun;
+}
+
+void startNewRunForTesting()
+{
+    launchedBeforeRun.reset();
+}
+
 int rolloutGroup()
 {
     bool ok = false;
