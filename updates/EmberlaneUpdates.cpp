@@ -1,6 +1,7 @@
 #include "updates/EmberlaneUpdates.h"
 
 #include "platform/Bundle.h"
+#include "updates/BundleInfo.h"
 #include "updates/StandardUserDriver.h"
 #include "updates/UpdateEngine.h"
 #include "updates/UpdateEngineLoader.h"

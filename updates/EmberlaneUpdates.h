@@ -1,6 +1,5 @@
 #pragma once
 
-#include "updates/BundleInfo.h"
 #include "updates/UpdaterDelegate.h"
 
 #include <QDateTime>
@@ -16,6 +15,7 @@
 class QAction;
 class QMenu;
 class StandardUserDriver;
+struct BundleInfo;
 class UpdateEngine;
 class UserDriver;
 
