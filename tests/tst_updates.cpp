@@ -2836,6 +2836,8 @@ private Q_SLOTS:
         QTest::newRow("checked within the interval")
             << std::optional<bool>(true) << std::optional<qint64>(7200) << now.addSecs(-600) << true << now
             << now.addSecs(6600);
+        QTest::newRow("due in two seconds") << std::optional<bool>(true) << std::optional<qint64>(3600)
+                                            << now.addSecs(-3598) << true << now << now.addSecs(2);
         QTest::newRow("overdue") << std::optional<bool>(true) << std::optional<qint64>() << now.addSecs(-90000) << true
                                  << now << now;
         QTest::newRow("the clock went back") << std::optional<bool>(true) << std::optional<qint64>()
@@ -2886,6 +2888,9 @@ private Q_SLOTS:
         if (due.isValid())
             QVERIFY(qAbs(updates.engineDue().secsTo(due)) <= 2);
         QVERIFY(driver.events.isEmpty());
+        // A check due soon: the engine comes when the time does.
+        if (due.isValid() && now.secsTo(due) < 10)
+            QTRY_VERIFY_WITH_TIMEOUT(updates.engineLoaded(), 10000);
     }
 
     // A check or a setting asked for while the engine cannot load or start says so; a load
