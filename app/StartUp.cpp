@@ -67,10 +67,11 @@ void AppDelegate::applicationDidFinishLaunching()
     }
     bringWindowForward();
     // Neither the icon, drawn from its SVG, nor the update engine's libraries are needed to
-    // draw the window; the window manager takes the icon up when it comes.
+    // draw the window; the window manager takes the icon up when it comes. The engine loads
+    // only if a scheduled check or the second launch's question needs it.
     afterFirstFrame(window.get(), [this] {
         window->setWindowIcon(QIcon(appIcon(256)));
-        EmberlaneUpdates::shared().loadEngine();
+        EmberlaneUpdates::shared().loadEngineWhenDue();
     });
 
     // Asked only once the window has drawn its first frame, so that the question has a window

@@ -6,7 +6,7 @@
 #include "FuzzSupport.h"
 
 #include "platform/Error.h"
-#include "updates/BundleInfo.h"
+#include "updates/UpdaterConfiguration.h"
 #include "updates/Fetch.h"
 #include "updates/Signature.h"
 #include "updates/VersionComparator.h"

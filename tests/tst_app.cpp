@@ -14,6 +14,7 @@
 #include "platform/SingleInstance.h"
 #include "platform/WindowTitle.h"
 #include "updates/EmberlaneUpdates.h"
+#include "updates/UserSettings.h"
 
 #include <QAccessible>
 #include <QAction>
@@ -111,6 +112,47 @@ QJsonObject longestRadio()
 void writeAlpha(TestWorld &world)
 {
     world.writeConfig(configWith({fullRadio(u"10.0.0.1"_s, u"1234-5678-9012-3456"_s, u"Alpha"_s)}));
+}
+
+// The real executable, as installed, in the world, telling which files the dynamic loader opens.
+class LoaderWatchedApp
+{
+public:
+    LoaderWatchedApp()
+    {
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(u"LD_DEBUG"_s, u"files"_s);
+        m_app.setProcessEnvironment(environment);
+        m_app.setProcessChannelMode(QProcess::MergedChannels);
+        m_app.start(QStringLiteral(VELDSPAR_APP_EXECUTABLE), QStringList());
+    }
+    ~LoaderWatchedApp()
+    {
+        m_app.kill();
+        m_app.waitForFinished(10000);
+    }
+    bool started() { return m_app.waitForStarted(10000); }
+    bool running() const { return m_app.state() == QProcess::Running; }
+    const QByteArray &log()
+    {
+        m_log += m_app.readAll();
+        return m_log;
+    }
+
+private:
+    QProcess m_app;
+    QByteArray m_log;
+};
+
+// The update engine's library and the libraries only it needs, as the loader's log names them.
+const QList<QByteArray> updateLibraries = {"libveldspar-updates.so", "libQt6Network.so", "libarchive.so", "libsodium.so"};
+
+// The update setting of the world's user, in the settings store the app reads.
+void storeAutomaticChecks(bool on, const QDateTime &lastCheck = QDateTime())
+{
+    UpdateUserSettings::setAutomaticChecks(on);
+    if (lastCheck.isValid())
+        UpdateUserSettings::setLastCheckTime(lastCheck);
 }
 
 // Waits until the app's window is on screen and has keyboard focus, as after a real launch.
@@ -386,6 +428,8 @@ private Q_SLOTS:
     void theWindowShowsWhileTheUserBusHangs();
     void secondStartBringsTheFirstForwardAndLeaves();
     void theAppStartsWithoutTheUpdateLibrariesOrImagePlugins();
+    void theIdleAppNeverLoadsTheUpdateEngine_data();
+    void theIdleAppNeverLoadsTheUpdateEngine();
     void theUpdateEngineWaitsForTheFirstFrame();
     void theWindowIconComesAfterTheFirstFrame();
     void menuBarOverflowArrowIsTheStylesOwn();
@@ -796,26 +840,19 @@ void AppShellTest::secondStartBringsTheFirstForwardAndLeaves()
     QCOMPARE(first.state(), QProcess::Running);
 }
 
-// The real executable, as installed: the network, archive and crypto libraries come with the
-// update engine's library, which the app loads itself once it runs.
+// The real executable, as installed, with a scheduled check due (automatic checks on, never
+// checked): the network, archive and crypto libraries come with the update engine's library,
+// which the app loads itself once its window is up.
 void AppShellTest::theAppStartsWithoutTheUpdateLibrariesOrImagePlugins()
 {
     TestWorld world;
-    QProcess app;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(u"LD_DEBUG"_s, u"files"_s);
-    app.setProcessEnvironment(environment);
-    app.setProcessChannelMode(QProcess::MergedChannels);
-    app.start(QStringLiteral(VELDSPAR_APP_EXECUTABLE), QStringList());
-    const auto end = qScopeGuard([&app] {
-        app.kill();
-        app.waitForFinished(10000);
-    });
-    QVERIFY(app.waitForStarted(10000));
-    QByteArray log;
+    storeAutomaticChecks(true);
+    LoaderWatchedApp app;
+    QVERIFY(app.started());
     const QByteArray engineReady = "calling init: " + QFileInfo(QStringLiteral(VELDSPAR_APP_EXECUTABLE)).absolutePath().toUtf8()
                                    + "/lib/libveldspar-updates.so";
-    QTRY_VERIFY_WITH_TIMEOUT((log += app.readAll()).contains(engineReady) || app.state() != QProcess::Running, 30000);
+    QTRY_VERIFY_WITH_TIMEOUT(app.log().contains(engineReady) || !app.running(), 30000);
+    const QByteArray log = app.log();
     QVERIFY2(log.contains(engineReady), log.right(4000).constData());
 
     // Each of them is first asked for by the engine's library, which the app loaded itself.
@@ -840,13 +877,54 @@ void AppShellTest::theAppStartsWithoutTheUpdateLibrariesOrImagePlugins()
              beforeEngine.mid(beforeEngine.indexOf("/imageformats/") - 200, 400).constData());
 }
 
-// Run alone by ctest as well: only the process's first app shows when the engine comes.
+// With no check due and nothing to ask, the app never loads the update engine or what it needs.
+void AppShellTest::theIdleAppNeverLoadsTheUpdateEngine_data()
+{
+    QTest::addColumn<bool>("automatic");
+    QTest::addColumn<QDateTime>("lastCheck");
+    QTest::newRow("automatic checks off") << false << QDateTime();
+    QTest::newRow("checked a minute ago") << true << QDateTime::currentDateTimeUtc().addSecs(-60);
+}
+
+void AppShellTest::theIdleAppNeverLoadsTheUpdateEngine()
+{
+    QFETCH(bool, automatic);
+    QFETCH(QDateTime, lastCheck);
+    TestWorld world;
+    storeAutomaticChecks(automatic, lastCheck);
+    QVERIFY(!UpdateUserSettings::hasLaunchedBefore());
+    LoaderWatchedApp app;
+    QVERIFY(app.started());
+    // Once its first frame is drawn, the app marks the launch in the settings store, engine or not.
+    QTRY_VERIFY_WITH_TIMEOUT(UpdateUserSettings::hasLaunchedBefore() || !app.running(), 30000);
+    QVERIFY2(app.running(), app.log().right(4000).constData());
+    QTest::qWait(3000);
+    QVERIFY2(app.running(), app.log().right(4000).constData());
+    const QByteArray log = app.log();
+    QVERIFY2(log.contains("file="), "the loader's log is missing");
+    for (const QByteArray &line : log.split('\n')) {
+        for (const QByteArray &library : updateLibraries)
+            QVERIFY2(!line.contains("file=") || !line.contains(library), line.constData());
+    }
+}
+
+// Run alone by ctest as well: only the process's first app shows when the engine comes. A
+// scheduled check is due, so the engine comes, but after the window's first frame.
 void AppShellTest::theUpdateEngineWaitsForTheFirstFrame()
 {
     if (EmberlaneUpdates::shared().engineLoaded())
         QSKIP("An earlier test of this run loaded the engine; ctest runs this test on its own too.");
     TestWorld world;
     writeAlpha(world);
+    // Settings the engine starts with; its check goes to a loopback port that takes nothing.
+    writeTestFile(world.resources() + u"/Info.plist"_s,
+                  "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+                  "<key>CFBundleIdentifier</key><string>org.kestrum.Veldspar.configure</string>\n"
+                  "<key>CFBundleVersion</key><string>1.0</string>\n"
+                  "<key>SUFeedURL</key><string>http://127.0.0.1:9/appcast.xml</string>\n"
+                  "<key>SUPublicEDKey</key><string>AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA=</string>\n"
+                  "</dict>\n</plist>\n");
+    storeAutomaticChecks(true);
     RunningApp app(world);
     QVERIFY(!EmberlaneUpdates::shared().engineLoaded());
     // What the window's first exposure finds: the frame is drawn before the engine loads.

@@ -1470,7 +1470,9 @@ private Q_SLOTS:
         QFETCH(QString, tip);
         TestWorld world;
         world.writeConfig(configWith({}));
-        writeTestFile(world.home() + u"/.config/org.kestrum.Veldspar.configure.conf"_s, "[General]\nkept=1\n");
+        // The store of a copy launched before, so that this launch has nothing to mark in it.
+        const QByteArray settings = "[General]\nSUHasLaunchedBefore=true\nkept=1\n";
+        writeTestFile(world.home() + u"/.config/org.kestrum.Veldspar.configure.conf"_s, settings);
         world.moveBundle(u"locked/Veldspar.app"_s);
         const QString parent = QFileInfo(world.bundle()).path();
         QVERIFY(QFile::setPermissions(parent, QFile::ReadOwner | QFile::ExeOwner));
@@ -1489,7 +1491,7 @@ private Q_SLOTS:
         QVERIFY(!app.app().isBusy());
         QVERIFY(QFileInfo(world.bundle()).isDir());
         QVERIFY(world.configExists());
-        QCOMPARE(readTestFile(world.home() + u"/.config/org.kestrum.Veldspar.configure.conf"_s), QByteArray("[General]\nkept=1\n"));
+        QCOMPARE(readTestFile(world.home() + u"/.config/org.kestrum.Veldspar.configure.conf"_s), settings);
     }
 
     void trashThatCannotBeMadeIsReported()

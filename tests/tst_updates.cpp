@@ -24,7 +24,9 @@
 #include "updates/Signature.h"
 #include "updates/StagedUpdate.h"
 #include "updates/UpdateErrors.h"
+#include "updates/UpdateSchedule.h"
 #include "updates/UpdateTexts.h"
+#include "updates/UpdaterConfiguration.h"
 #include "updates/Updater.h"
 #include "updates/UpdaterDelegate.h"
 #include "updates/UserDriver.h"
@@ -636,6 +638,20 @@ std::optional<QString> runOnSmallDisk(const QString &folder, qint64 bytes, const
         return QStringLiteral("(the child ended with status %1)").arg(status);
     return QString::fromUtf8(answer);
 }
+// How many engines the app's owner of the updater has made since countEngines(); the linked
+// engine comes back as the factory when the returned guard goes.
+int enginesMade = 0;
+
+auto countEngines()
+{
+    enginesMade = 0;
+    setUpdateEngineFactory([](UserDriver *driver, UpdaterDelegate *delegate, const QString &bundle) {
+        ++enginesMade;
+        return veldsparCreateUpdateEngine(driver, delegate, bundle);
+    });
+    return qScopeGuard([] { setUpdateEngineFactory(&veldsparCreateUpdateEngine); });
+}
+
 } // namespace
 
 class UpdatesTest : public QObject
@@ -792,6 +808,7 @@ private Q_SLOTS:
         m_bundle = m_applications + QStringLiteral("/Veldspar.app");
         m_server = std::make_unique<TestHttpServer>();
         m_relaunches.clear();
+        UpdateUserSettings::startNewRunForTesting(); // each test is a fresh installation's first run
     }
 
     void cleanup()
@@ -1488,6 +1505,7 @@ private Q_SLOTS:
             QVERIFY(!first->automaticallyChecksForUpdates());
         }
         serveFeed({});
+        UpdateUserSettings::startNewRunForTesting();
         auto second = startedUpdater(driver);
         QSignalSpy changes(second.get(), &Updater::automaticallyChecksForUpdatesChanged);
         QTRY_COMPARE(driver.events, QStringList{QStringLiteral("permission")});
@@ -1499,9 +1517,29 @@ private Q_SLOTS:
         QTest::qWait(200);
         QCOMPARE(driver.events, QStringList{QStringLiteral("permission")});
         second.reset();
+        UpdateUserSettings::startNewRunForTesting();
         auto third = startedUpdater(driver);
         QTest::qWait(100);
         QCOMPARE(driver.events, QStringList{QStringLiteral("permission")}); // asked once only
+    }
+
+    // The app marks the launch without the engine; an engine the user loads later in that same
+    // first run does not take it for the second launch.
+    void anEngineLoadedLateInTheFirstRunDoesNotAsk()
+    {
+        install(installedRecipe()); // Info.plist leaves SUEnableAutomaticChecks open
+        serveFeed({});
+        RecordingDriver driver;
+        driver.offerAnswer = UpdateAnswer::RemindLater;
+        EmberlaneUpdates updates(m_bundle, &driver);
+        updates.loadEngineWhenDue(); // as the app does once its window is up
+        QVERIFY(UpdateUserSettings::hasLaunchedBefore());
+        QVERIFY(!updates.engineLoaded());
+        updates.check();
+        QVERIFY(updates.engineLoaded());
+        QTRY_VERIFY_WITH_TIMEOUT(driver.events.contains(QStringLiteral("up to date")), 10000);
+        QTest::qWait(100);
+        QCOMPARE(driver.events, QStringList({QStringLiteral("checking"), QStringLiteral("up to date")}));
     }
 
     void scheduledCheckFiresAtLastCheckPlusInterval()
@@ -2724,49 +2762,221 @@ private Q_SLOTS:
     void theEngineLoadsWhenAskedOrAtTheFirstCheck()
     {
         install(installedRecipe());
-        static int made = 0;
-        made = 0;
-        setUpdateEngineFactory([](UserDriver *driver, UpdaterDelegate *delegate, const QString &bundle) {
-            ++made;
-            return veldsparCreateUpdateEngine(driver, delegate, bundle);
-        });
-        const auto linked = qScopeGuard([] { setUpdateEngineFactory(&veldsparCreateUpdateEngine); });
+        serveFeed({});
+        const auto counted = countEngines();
         RecordingDriver driver;
-        driver.offerAnswer = UpdateAnswer::RemindLater;
         EmberlaneUpdates updates(m_bundle, &driver);
         QMenu menu;
         updates.addMenuItems(&menu);
         QTest::qWait(100);
-        QCOMPARE(made, 0);
+        QCOMPARE(enginesMade, 0);
         QVERIFY(!updates.engineLoaded());
 
-        // "Check for Updates…" chosen before the engine is there loads it and checks.
-        updates.check();
-        QCOMPARE(made, 1);
-        QTRY_VERIFY_WITH_TIMEOUT(driver.events.contains(QStringLiteral("checking")), 10000);
+        // "Check for Updates…" can be chosen before the engine is there: it loads it and checks.
+        QAction *checkNow = menu.actions().at(0);
+        QVERIFY(checkNow->isEnabled());
+        QVERIFY(updates.canCheck());
+        checkNow->trigger();
+        QCOMPARE(enginesMade, 1);
+        QTRY_VERIFY_WITH_TIMEOUT(driver.events.contains(QStringLiteral("up to date")), 10000);
+        QCOMPARE(m_server->requestsFor(QStringLiteral("/appcast.xml")), 1);
         updates.loadEngine();
-        QCOMPARE(made, 1);
+        QCOMPARE(enginesMade, 1);
     }
 
-    void anEngineThatCannotBeLoadedLeavesCheckingOff()
+    // The check mark shows the stored setting from the start, without the engine.
+    void checkMarkShowsTheStoredSettingWithoutTheEngine_data()
     {
-        install(installedRecipe());
-        // Without a factory the engine library is looked for beside the running bundle, and
-        // this one has none.
-        setUpdateEngineFactory(nullptr);
+        QTest::addColumn<std::optional<bool>>("user");
+        QTest::addColumn<std::optional<bool>>("infoPlist");
+        QTest::addColumn<bool>("shown");
+        QTest::newRow("the user's on") << std::optional<bool>(true) << std::optional<bool>(false) << true;
+        QTest::newRow("the user's off") << std::optional<bool>(false) << std::optional<bool>(true) << false;
+        QTest::newRow("Info.plist on") << std::optional<bool>() << std::optional<bool>(true) << true;
+        QTest::newRow("none") << std::optional<bool>() << std::optional<bool>() << false;
+    }
+
+    void checkMarkShowsTheStoredSettingWithoutTheEngine()
+    {
+        QFETCH(std::optional<bool>, user);
+        QFETCH(std::optional<bool>, infoPlist);
+        QFETCH(bool, shown);
+        BundleRecipe recipe = installedRecipe();
+        recipe.automaticChecks = infoPlist;
+        install(recipe);
+        if (user)
+            UpdateUserSettings::setAutomaticChecks(*user);
+        const auto counted = countEngines();
+        RecordingDriver driver;
+        EmberlaneUpdates updates(m_bundle, &driver);
+        QMenu menu;
+        updates.addMenuItems(&menu);
+        QAction *automatic = menu.actions().at(1);
+        QCOMPARE(automatic->isChecked(), shown);
+        // The mirror agrees from the next turn, still without the engine.
+        QCOMPARE(updates.automaticChecks(), true);
+        QTRY_COMPARE(updates.automaticChecks(), shown);
+        QCOMPARE(automatic->isChecked(), shown);
+        QCOMPARE(enginesMade, 0);
+        QVERIFY(!updates.engineLoaded());
+    }
+
+    // The rule that decides, without the engine, when this run needs it.
+    void engineIsNeededWhenACheckOrTheQuestionIsDue_data()
+    {
+        const QDateTime now = QDateTime::currentDateTimeUtc();
+        QTest::addColumn<std::optional<bool>>("automatic"); // the user's choice
+        QTest::addColumn<std::optional<qint64>>("interval");
+        QTest::addColumn<QDateTime>("last");
+        QTest::addColumn<bool>("launchedBefore");
+        QTest::addColumn<QDateTime>("now");
+        QTest::addColumn<QDateTime>("due");
+        QTest::newRow("never checked") << std::optional<bool>(true) << std::optional<qint64>() << QDateTime() << true
+                                       << now << now;
+        QTest::newRow("checked within the interval")
+            << std::optional<bool>(true) << std::optional<qint64>(7200) << now.addSecs(-600) << true << now
+            << now.addSecs(6600);
+        QTest::newRow("due in two seconds") << std::optional<bool>(true) << std::optional<qint64>(3600)
+                                            << now.addSecs(-3598) << true << now << now.addSecs(2);
+        QTest::newRow("overdue") << std::optional<bool>(true) << std::optional<qint64>() << now.addSecs(-90000) << true
+                                 << now << now;
+        QTest::newRow("the clock went back") << std::optional<bool>(true) << std::optional<qint64>()
+                                             << now.addSecs(3600) << true << now << now.addSecs(86400);
+        QTest::newRow("automatic checks off") << std::optional<bool>(false) << std::optional<qint64>() << QDateTime()
+                                              << true << now << QDateTime();
+        QTest::newRow("an interval of 0") << std::optional<bool>(true) << std::optional<qint64>(0) << QDateTime() << true
+                                          << now << QDateTime();
+        QTest::newRow("the question on the second launch")
+            << std::optional<bool>() << std::optional<qint64>() << QDateTime() << true << now << now;
+        QTest::newRow("undecided on the first launch")
+            << std::optional<bool>() << std::optional<qint64>() << QDateTime() << false << now << QDateTime();
+    }
+
+    void engineIsNeededWhenACheckOrTheQuestionIsDue()
+    {
+        QFETCH(std::optional<bool>, automatic);
+        QFETCH(std::optional<qint64>, interval);
+        QFETCH(QDateTime, last);
+        QFETCH(bool, launchedBefore);
+        QFETCH(QDateTime, now);
+        QFETCH(QDateTime, due);
+        install(installedRecipe()); // Info.plist leaves SUEnableAutomaticChecks open
+        if (automatic)
+            UpdateUserSettings::setAutomaticChecks(*automatic);
+        if (interval)
+            UpdateUserSettings::setCheckInterval(*interval);
+        if (last.isValid())
+            UpdateUserSettings::setLastCheckTime(last);
+        const BundleInfo bundle = readBundleInfo(m_bundle);
+        QCOMPARE(engineNeededAt(bundle, launchedBefore, now), due);
+
+        // The app's owner of the updater follows the rule: the engine comes when it is due, and
+        // not before.
+        if (launchedBefore)
+            UpdateUserSettings::setHasLaunchedBefore();
+        RecordingDriver driver;
+        driver.permissionAnswer = false;
+        EmberlaneUpdates updates(m_bundle, &driver);
+        updates.loadEngineWhenDue();
+        if (due == now) {
+            QTRY_VERIFY(updates.engineLoaded());
+            return;
+        }
+        QTest::qWait(200);
+        QVERIFY(!updates.engineLoaded());
+        QCOMPARE(updates.engineDue().isValid(), due.isValid());
+        if (due.isValid())
+            QVERIFY(qAbs(updates.engineDue().secsTo(due)) <= 2);
+        QVERIFY(driver.events.isEmpty());
+        // A check due soon: the engine comes when the time does.
+        if (due.isValid() && now.secsTo(due) < 10)
+            QTRY_VERIFY_WITH_TIMEOUT(updates.engineLoaded(), 10000);
+    }
+
+    // A check or a setting asked for while the engine cannot load or start says so; a load
+    // nobody asked for only notes it in the log. Asking again says it again.
+    void anEngineThatCannotBeLoadedSaysSoWhenAsked_data()
+    {
+        QTest::addColumn<QString>("cause");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("no library") << QStringLiteral("library") << QStringLiteral("libveldspar-updates.so");
+        QTest::newRow("a bad update key") << QStringLiteral("key") << QStringLiteral("SUPublicEDKey");
+        QTest::newRow("an engine that refuses") << QStringLiteral("factory") << QStringLiteral("The engine refuses.");
+    }
+
+    void anEngineThatCannotBeLoadedSaysSoWhenAsked()
+    {
+        QFETCH(QString, cause);
+        QFETCH(QString, reason);
+        BundleRecipe recipe = installedRecipe();
+        recipe.automaticChecks = true;
+        if (cause == QStringLiteral("key"))
+            recipe.publicKey = QStringLiteral("AAAA");
+        install(recipe);
+        if (cause == QStringLiteral("library")) {
+            // Without a factory the engine library is looked for beside the running bundle, and
+            // this one has none.
+            setUpdateEngineFactory(nullptr);
+        } else if (cause == QStringLiteral("factory")) {
+            setUpdateEngineFactory([](UserDriver *, UpdaterDelegate *, const QString &) -> UpdateEngine * {
+                throw Error(QStringLiteral("test"), 1, {{Error::descriptionKey, QStringLiteral("The engine refuses.")}});
+            });
+        }
         const auto linked = qScopeGuard([] { setUpdateEngineFactory(&veldsparCreateUpdateEngine); });
         RecordingDriver driver;
         EmberlaneUpdates updates(m_bundle, &driver);
         QMenu menu;
         updates.addMenuItems(&menu);
-        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("^The updater cannot start: The update engine cannot be loaded: .*libveldspar-updates\\.so")));
+        const auto openBoxes = [] {
+            QList<QMessageBox *> boxes;
+            for (QWidget *widget : QApplication::topLevelWidgets()) {
+                auto *box = qobject_cast<QMessageBox *>(widget);
+                if (box && box->objectName() == QStringLiteral("updateUnavailable") && box->isVisible())
+                    boxes << box;
+            }
+            return boxes;
+        };
+        const auto expectTheBox = [&] {
+            QTRY_COMPARE(openBoxes().size(), 1);
+            QMessageBox *box = openBoxes().first();
+            QCOMPARE(box->text(), QStringLiteral("Veldspar cannot check for updates."));
+            QVERIFY2(box->informativeText().contains(reason), qPrintable(box->informativeText()));
+            QVERIFY(box->isModal());
+            box->buttons().first()->click();
+            QTRY_VERIFY(openBoxes().isEmpty());
+        };
+
+        // Nobody asked: the log only.
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("^The updater cannot start: .*")
+                                                              + QRegularExpression::escape(reason)));
         updates.loadEngine();
         QVERIFY(!updates.engineLoaded());
-        updates.check();
         QTest::qWait(100);
-        QVERIFY(!updates.canCheck());
-        QVERIFY(!menu.actions().at(0)->isEnabled());
+        QVERIFY(openBoxes().isEmpty());
+
+        // Asked, twice: said twice, and the entry stays there to ask again.
+        QAction *checkNow = menu.actions().at(0);
+        for (int time = 0; time < 2; ++time) {
+            QVERIFY(checkNow->isEnabled());
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("^The updater cannot start: ")));
+            checkNow->trigger();
+            expectTheBox();
+            if (QTest::currentTestFailed())
+                return;
+        }
+        // The setting cannot change either; its mark keeps showing the stored setting.
+        QAction *automatic = menu.actions().at(1);
+        QVERIFY(automatic->isChecked());
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("^The updater cannot start: ")));
+        automatic->trigger();
+        QVERIFY(automatic->isChecked());
+        expectTheBox();
+        if (QTest::currentTestFailed())
+            return;
+        QVERIFY(!updates.engineLoaded());
+        QVERIFY(updates.canCheck());
         QVERIFY(driver.events.isEmpty());
+        QVERIFY(m_server->requests().isEmpty());
     }
 
     void emberlaneMirrorsTheUpdaterFromTheNextTurn()
@@ -2906,8 +3116,10 @@ private Q_SLOTS:
         QCOMPARE(items.at(0), quit);
         QCOMPARE(items.at(1)->text(), QStringLiteral("Check for Updates\u2026"));
         QVERIFY(items.at(1)->shortcut().isEmpty());
-        // The menu is built before the engine is loaded; the items take its state when it is.
-        QVERIFY(!items.at(1)->isEnabled());
+        // The menu is built before the engine is loaded: checking can be chosen, which loads it,
+        // and the mark shows the stored setting; both follow the engine once it is there.
+        QVERIFY(items.at(1)->isEnabled());
+        QCOMPARE(items.at(2)->isChecked(), stored);
         updates.loadEngine();
         QVERIFY(items.at(1)->isEnabled());
         QAction *automatic = items.at(2);

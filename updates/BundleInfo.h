@@ -37,24 +37,8 @@ BundleInfo readBundleInfo(const QString &bundlePath);
 // The same from the bytes of the bundle's Info.plist, already read.
 BundleInfo bundleInfoFromPropertyList(const QString &bundlePath, const QByteArray &infoPlist);
 
-// The update settings, checked: what the updater needs before it can start.
-struct UpdaterConfiguration
-{
-    QUrl feedUrl;
-    QByteArray publicKey; // 32 bytes
-    std::optional<bool> enableAutomaticChecks;
-    qint64 checkInterval = 86400; // seconds; 0 = never
-};
-
 constexpr qint64 defaultCheckInterval = 86400;
 constexpr qint64 minimumCheckInterval = 3600;
 
-// Throws Error with a message naming the setting when SUFeedURL is missing or neither https
-// nor loopback http, or SUPublicEDKey is missing or not the base64 text of 32 bytes.
-UpdaterConfiguration updaterConfiguration(const BundleInfo &bundle);
-
 // The interval a setting asks for: absent or negative → 86400, 0 → never, else at least 3600.
 qint64 normalizedCheckInterval(std::optional<qint64> seconds);
-
-// Decodes SUPublicEDKey; throws Error saying what is wrong with it.
-QByteArray decodePublicEdKey(const QString &base64);

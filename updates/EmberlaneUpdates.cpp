@@ -1,10 +1,15 @@
 #include "updates/EmberlaneUpdates.h"
 
+#include "platform/Bundle.h"
+#include "updates/BundleInfo.h"
 #include "updates/StandardUserDriver.h"
 #include "updates/UpdateEngine.h"
 #include "updates/UpdateEngineLoader.h"
+#include "updates/UpdateSchedule.h"
+#include "updates/UserSettings.h"
 
 #include <QAction>
+#include <QApplication>
 #include <QMenu>
 #include <QMessageBox>
 #include <QPointer>
@@ -26,26 +31,103 @@ EmberlaneUpdates::EmberlaneUpdates(const QString &bundlePath, UserDriver *driver
         m_standardDriver = std::make_unique<StandardUserDriver>();
         m_driver = m_standardDriver.get();
     }
+    m_engineDueTimer.setSingleShot(true);
+    connect(&m_engineDueTimer, &QTimer::timeout, this, &EmberlaneUpdates::engineDueTick);
+    // Until the engine runs, a check can always be asked for (it loads the engine), and the
+    // setting is the stored one; the mirrors take them on the next turn, as from the engine.
+    QTimer::singleShot(0, this, [this] {
+        if (controller)
+            return;
+        m_canCheck = true;
+        m_automaticChecks = storedAutomaticChecks();
+        Q_EMIT canCheckChanged(m_canCheck);
+        Q_EMIT automaticChecksChanged(m_automaticChecks);
+    });
 }
 
 EmberlaneUpdates::~EmberlaneUpdates() = default;
 
-void EmberlaneUpdates::loadEngine()
+std::optional<Error> EmberlaneUpdates::startEngine()
 {
-    if (std::exchange(m_engineTried, true))
-        return;
+    if (controller)
+        return std::nullopt;
+    std::unique_ptr<UpdateEngine> engine;
     try {
-        controller.reset(updateEngineFactory()(m_driver, this, m_bundlePath));
-        controller->start();
+        engine.reset(updateEngineFactory()(m_driver, this, m_bundlePath));
+        engine->start();
     } catch (const Error &error) {
-        // Without its library or its settings the updater cannot check; the menu item stays
-        // disabled.
+        // An engine that could not start cannot check: it goes, and the next request tries anew.
         qWarning("The updater cannot start: %s", qPrintable(error.localizedDescription()));
+        return error;
     }
-    if (!controller)
-        return;
+    m_engineDueTimer.stop();
+    m_engineDueAt = QDateTime();
+    controller = std::move(engine);
     observe();
     connectMenuItems();
+    return std::nullopt;
+}
+
+void EmberlaneUpdates::loadEngine()
+{
+    startEngine();
+}
+
+// What the user asked for needs the engine: without it, the user is told why nothing happens.
+bool EmberlaneUpdates::engineForTheUser()
+{
+    const std::optional<Error> failure = startEngine();
+    if (!failure)
+        return true;
+    auto *box = new QMessageBox(QMessageBox::Warning, QString(), QStringLiteral("Veldspar cannot check for updates."),
+                                QMessageBox::Ok, QApplication::activeWindow());
+    box->setObjectName(QStringLiteral("updateUnavailable"));
+    box->setInformativeText(failure->localizedDescription());
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->open();
+    return false;
+}
+
+// Without a readable Info.plist its settings count as absent; the engine, when asked for, says
+// what is wrong with it.
+BundleInfo EmberlaneUpdates::bundleSettings() const
+{
+    try {
+        return readBundleInfo(m_bundlePath.isEmpty() ? bundleLocation() : m_bundlePath);
+    } catch (const Error &) {
+        return BundleInfo();
+    }
+}
+
+bool EmberlaneUpdates::storedAutomaticChecks() const
+{
+    if (controller)
+        return controller->automaticallyChecksForUpdates();
+    return automaticChecksInForce(bundleSettings());
+}
+
+void EmberlaneUpdates::loadEngineWhenDue()
+{
+    const bool launchedBefore = UpdateUserSettings::launchedBeforeThisRun();
+    if (controller)
+        return;
+    m_engineDueAt = engineNeededAt(bundleSettings(), launchedBefore, QDateTime::currentDateTimeUtc());
+    if (m_engineDueAt.isValid())
+        m_engineDueTimer.start(timerStepUntil(m_engineDueAt, QDateTime::currentDateTimeUtc()));
+}
+
+// A wait longer than one timer step goes on; once due, the engine loads and schedules itself.
+void EmberlaneUpdates::engineDueTick()
+{
+    if (controller || !m_engineDueAt.isValid())
+        return;
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    if (now < m_engineDueAt) {
+        m_engineDueTimer.start(timerStepUntil(m_engineDueAt, now));
+        return;
+    }
+    m_engineDueAt = QDateTime();
+    loadEngine();
 }
 
 // The mirrors take the updater's current values on the next turn of the event loop, now and
@@ -80,40 +162,38 @@ UpdateEngine &EmberlaneUpdates::updater()
 
 void EmberlaneUpdates::check()
 {
-    loadEngine();
-    if (controller)
+    if (engineForTheUser())
         controller->checkForUpdates();
 }
 
 void EmberlaneUpdates::setAutomaticChecks(bool on)
 {
-    loadEngine();
-    if (controller)
+    if (engineForTheUser())
         controller->setAutomaticallyChecksForUpdates(on);
+    else
+        Q_EMIT automaticChecksChanged(m_automaticChecks); // a toggle that was clicked goes back
 }
 
 void EmberlaneUpdates::toggleAutomaticChecks()
 {
-    loadEngine();
-    if (controller)
-        setAutomaticChecks(!controller->automaticallyChecksForUpdates());
+    if (engineForTheUser())
+        controller->setAutomaticallyChecksForUpdates(!controller->automaticallyChecksForUpdates());
 }
 
 void EmberlaneUpdates::addMenuItems(QMenu *menu)
 {
-    // Enabled exactly while the updater can check, as the updater itself validates it; until
-    // the engine is loaded it cannot.
+    // Choosing it loads the engine if need be; once the engine runs, the item is enabled exactly
+    // while the updater can check, as the updater itself validates it.
     m_checkNow = menu->addAction(QStringLiteral("Check for Updates\u2026"));
-    m_checkNow->setEnabled(false);
     connect(m_checkNow, &QAction::triggered, this, &EmberlaneUpdates::check);
 
     m_automatic = menu->addAction(QStringLiteral("Check for Updates Automatically"));
     m_automatic->setCheckable(true);
+    m_automatic->setChecked(storedAutomaticChecks());
     QAction *automatic = m_automatic;
     connect(automatic, &QAction::triggered, this, [this, automatic] {
-        loadEngine();
         // The check mark follows the setting, not the click.
-        automatic->setChecked(controller && controller->automaticallyChecksForUpdates());
+        automatic->setChecked(storedAutomaticChecks());
         toggleAutomaticChecks();
     });
     connectMenuItems();

@@ -2,6 +2,7 @@
 
 #include "updates/Archive.h"
 #include "updates/Signature.h"
+#include "updates/UpdaterConfiguration.h"
 #include "updates/UpdateErrors.h"
 #include "updates/VersionComparator.h"
 

@@ -8,8 +8,8 @@ class UserDriver;
 
 // What the app's updater shell sees of the update engine. The engine (feed, download,
 // signatures, archives, installation) lives in a library of its own that the shell loads only
-// once the window is on screen, so that its network, archive and crypto libraries do not
-// weigh on the start.
+// when a check is due or asked for, so that its network, archive and crypto libraries weigh
+// neither on the start nor on the idle app.
 class UpdateEngine : public QObject
 {
     Q_OBJECT

@@ -2,16 +2,12 @@
 
 #include "platform/Bundle.h"
 #include "updates/BundleSwap.h"
+#include "updates/UpdateSchedule.h"
 #include "updates/UpdateSession.h"
 #include "updates/UserDriver.h"
 #include "updates/UserSettings.h"
 
 #include <QCoreApplication>
-
-namespace {
-// QTimer counts milliseconds in an int; longer waits are taken in steps.
-constexpr qint64 longestTimerStep = qint64(24) * 24 * 3600 * 1000;
-} // namespace
 
 Updater::Updater(UserDriver *driver, UpdaterDelegate *delegate, QObject *parent, const QString &bundlePath)
     : UpdateEngine(parent), m_driver(driver), m_delegate(delegate), m_bundlePath(bundlePath)
@@ -37,8 +33,9 @@ void Updater::start()
     const QString bundle = m_bundlePath.isEmpty() ? bundleLocation() : m_bundlePath;
     removeAbandonedStagingFolders(bundle);
     const bool automaticBefore = automaticallyChecksForUpdates();
-    m_host = readBundleInfo(bundle);
-    m_configuration = updaterConfiguration(m_host);
+    const BundleInfo host = readBundleInfo(bundle);
+    m_configuration = updaterConfiguration(host);
+    m_host = host;
     m_started = true;
     refreshCanCheck();
     if (automaticallyChecksForUpdates() != automaticBefore)
@@ -74,7 +71,7 @@ void Updater::refreshCanCheck()
 
 bool Updater::automaticallyChecksForUpdates() const
 {
-    return UpdateUserSettings::automaticChecks().value_or(m_configuration.enableAutomaticChecks.value_or(false));
+    return automaticChecksInForce(m_host);
 }
 
 void Updater::setAutomaticallyChecksForUpdates(bool on)
@@ -88,9 +85,7 @@ void Updater::setAutomaticallyChecksForUpdates(bool on)
 
 qint64 Updater::updateCheckInterval() const
 {
-    if (const auto chosen = UpdateUserSettings::checkInterval())
-        return normalizedCheckInterval(chosen);
-    return m_configuration.checkInterval;
+    return checkIntervalInForce(m_host);
 }
 
 void Updater::setUpdateCheckInterval(qint64 seconds)
@@ -109,13 +104,12 @@ QString Updater::skippedVersion() const
     return UpdateUserSettings::skippedVersion();
 }
 
-// The second launch asks once, unless Info.plist or the user already decided.
+// The second launch asks once, unless Info.plist or the user already decided. Whether this run
+// is a later launch was settled when the run began, so that an engine loaded late in the first
+// run does not take the launch the app marked for a second one.
 void Updater::askPermissionIfNeeded()
 {
-    const bool decided = UpdateUserSettings::automaticChecks() || m_configuration.enableAutomaticChecks;
-    const bool launchedBefore = UpdateUserSettings::hasLaunchedBefore();
-    UpdateUserSettings::setHasLaunchedBefore();
-    if (decided || !launchedBefore)
+    if (!permissionQuestionDue(m_host, UpdateUserSettings::launchedBeforeThisRun()))
         return;
     QPointer<Updater> self(this);
     auto used = std::make_shared<bool>(false);
@@ -140,20 +134,12 @@ void Updater::reschedule()
 {
     m_scheduleTimer.stop();
     m_nextCheck = QDateTime();
-    const qint64 interval = updateCheckInterval();
-    if (!m_started || !automaticallyChecksForUpdates() || interval <= 0)
+    if (!m_started)
         return;
     const QDateTime now = QDateTime::currentDateTimeUtc();
-    const QDateTime last = lastUpdateCheckDate();
-    QDateTime due;
-    if (!last.isValid())
-        due = now;
-    else if (last > now) // the clock went back: count from now
-        due = now.addSecs(interval);
-    else
-        due = qMax(last.addSecs(interval), now);
-    m_nextCheck = due;
-    m_scheduleTimer.start(int(qBound(qint64(0), now.msecsTo(due), longestTimerStep)));
+    m_nextCheck = ::nextScheduledCheck(m_host, now);
+    if (m_nextCheck.isValid())
+        m_scheduleTimer.start(timerStepUntil(m_nextCheck, now));
 }
 
 void Updater::scheduledCheckDue()

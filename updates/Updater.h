@@ -2,7 +2,7 @@
 
 #include "platform/Error.h"
 #include "updates/Appcast.h"
-#include "updates/BundleInfo.h"
+#include "updates/UpdaterConfiguration.h"
 #include "updates/Eligibility.h"
 #include "updates/UpdateEngine.h"
 #include "updates/UserDriver.h"

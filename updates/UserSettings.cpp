@@ -15,6 +15,9 @@ const QString skippedKey = QStringLiteral("SUSkippedVersion");
 const QString launchedKey = QStringLiteral("SUHasLaunchedBefore");
 const QString groupKey = QStringLiteral("SUUpdateGroupIdentifier");
 
+// SUHasLaunchedBefore as this run found it, once read.
+std::optional<bool> launchedBeforeRun;
+
 // QSettings reads the whole file, and its open waits for a writer on a pipe: a store that is
 // not a small regular file is left alone, and the update choices fall back to their defaults.
 bool storeIsUsable()
@@ -113,6 +116,21 @@ bool hasLaunchedBefore()
 void setHasLaunchedBefore()
 {
     write(launchedKey, true);
+}
+
+bool launchedBeforeThisRun()
+{
+    if (!launchedBeforeRun) {
+        launchedBeforeRun = hasLaunchedBefore();
+        if (!*launchedBeforeRun)
+            setHasLaunchedBefore();
+    }
+    return *launchedBeforeRun;
+}
+
+void startNewRunForTesting()
+{
+    launchedBeforeRun.reset();
 }
 
 int rolloutGroup()

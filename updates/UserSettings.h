@@ -23,6 +23,11 @@ QString skippedVersion();                    // SUSkippedVersion; empty when non
 void setSkippedVersion(const QString &version);
 bool hasLaunchedBefore();                    // SUHasLaunchedBefore
 void setHasLaunchedBefore();
+// Whether the app had been launched before this run. The first call of a process reads it and
+// marks this launch; later calls answer the same, whoever marked it.
+bool launchedBeforeThisRun();
+// Forgets that answer, as a new run would (tests run several in one process).
+void startNewRunForTesting();
 // The phased-rollout group of this installation, 0…6, drawn once at random.
 int rolloutGroup();                          // SUUpdateGroupIdentifier
 } // namespace UpdateUserSettings

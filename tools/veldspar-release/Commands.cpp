@@ -7,6 +7,7 @@
 #include "updates/Eligibility.h"
 #include "updates/Fetch.h"
 #include "updates/Signature.h"
+#include "updates/UpdaterConfiguration.h"
 #include "updates/StagedUpdate.h"
 #include "updates/SystemVersion.h"
 #include "updates/VersionComparator.h"
