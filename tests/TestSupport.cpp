@@ -1,6 +1,7 @@
 #include "TestSupport.h"
 
 #include "app/AppDelegate.h"
+#include "app/ElidingLabel.h"
 #include "app/RadioTable.h"
 #include "app/ServiceButton.h"
 #include "app/StatusLabel.h"
@@ -708,6 +709,11 @@ QLabel *RunningApp::detailTitle() const { return window()->findChild<QLabel *>(Q
 QLabel *RunningApp::announcementLine() const
 {
     return window()->findChild<QLabel *>(QStringLiteral("announcement"));
+}
+
+QString RunningApp::announcement() const
+{
+    return static_cast<ElidingLabel *>(announcementLine())->fullText();
 }
 
 QLabel *RunningApp::value(const QString &key) const

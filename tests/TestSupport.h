@@ -217,7 +217,9 @@ public:
     QListView *table() const;
     QLabel *detailTitle() const;
     QLabel *value(const QString &key) const;
-    QLabel *announcementLine() const; // the details panel's ANNOUNCEMENT
+    QLabel *announcementLine() const; // the details panel's announcement, beside the include box
+    // The whole announcement, however much of it the line has room to show.
+    QString announcement() const;
     QCheckBox *includeBox() const;
     QAbstractButton *removeButton() const;
     ServiceButton *serviceButton() const;

@@ -2408,15 +2408,15 @@ private Q_SLOTS:
         RunningApp app(world);
         QVERIFY(QTest::qWaitForWindowExposed(app.window()));
 
-        QTRY_COMPARE_WITH_TIMEOUT(app.announcementLine()->text(), u"Announced \u00B7 0 of 2 clients in use"_s, 8000);
+        QTRY_COMPARE_WITH_TIMEOUT(app.announcement(), u"Announced \u00B7 0 of 2 clients in use"_s, 8000);
         radio->tell("join-handle 0x7022E1CF SmartSDR-Win OFFICE-WIN");
-        QTRY_COMPARE_WITH_TIMEOUT(app.announcementLine()->text(),
+        QTRY_COMPARE_WITH_TIMEOUT(app.announcement(),
                                   u"Announced \u00B7 1 of 2 clients in use (SmartSDR-Win at OFFICE-WIN)"_s, 8000);
         radio.reset();
-        QTRY_VERIFY_WITH_TIMEOUT(app.announcementLine()->text().startsWith(u"Not answering: "_s), 8000);
-        QVERIFY(app.announcementLine()->text().contains(u", since "_s));
+        QTRY_VERIFY_WITH_TIMEOUT(app.announcement().startsWith(u"Not answering: "_s), 8000);
+        QVERIFY(app.announcement().contains(u", since "_s));
         QVERIFY(service.stops());
-        QTRY_COMPARE_WITH_TIMEOUT(app.announcementLine()->text(), u"Not announced: the service is not running"_s, 5000);
+        QTRY_COMPARE_WITH_TIMEOUT(app.announcement(), u"Not announced: the service is not running"_s, 5000);
     }
 
     // ---- the two probes started first ----
@@ -2620,7 +2620,7 @@ private Q_SLOTS:
         const auto spoken = [&app] { return QAccessible::queryAccessibleInterface(app.announcementLine())->text(QAccessible::Name); };
         QTRY_VERIFY2_WITH_TIMEOUT(spoken().startsWith(u"Announcement: "_s + why), qPrintable(spoken()), 8000);
         app.selectRow(0);
-        QTRY_COMPARE_WITH_TIMEOUT(app.announcementLine()->text(), u"Announced \u00B7 0 of 2 clients in use"_s, 8000);
+        QTRY_COMPARE_WITH_TIMEOUT(app.announcement(), u"Announced \u00B7 0 of 2 clients in use"_s, 8000);
     }
 
     void theStateFileIsWrittenAtMostOnceASecond()
