@@ -2439,6 +2439,35 @@ private Q_SLOTS:
         QVERIFY(QFileInfo(info.executablePath()).isExecutable());
     }
 
+    // The names a swap sets a bundle aside under, and only those, lead back to the bundle.
+    void namesSetAsideLeadBackToTheBundle_data()
+    {
+        QTest::addColumn<QString>("fileName");
+        QTest::addColumn<QString>("installed"); // null: not a name a swap gives
+        QTest::newRow("incoming") << QStringLiteral(".Veldspar.app-incoming") << QStringLiteral("Veldspar.app");
+        QTest::newRow("previous") << QStringLiteral(".Veldspar.app-previous") << QStringLiteral("Veldspar.app");
+        QTest::newRow("numbered") << QStringLiteral(".Veldspar.app-previous12") << QStringLiteral("Veldspar.app");
+        QTest::newRow("the last suffix counts") << QStringLiteral(".a-incoming-previous") << QStringLiteral("a-incoming");
+        QTest::newRow("a dash in the name") << QStringLiteral(".My Radio-Tools.app-incoming3") << QStringLiteral("My Radio-Tools.app");
+        QTest::newRow("the bundle itself") << QStringLiteral("Veldspar.app") << QString();
+        QTest::newRow("not hidden") << QStringLiteral("Veldspar.app-incoming") << QString();
+        QTest::newRow("no name") << QStringLiteral(".-incoming") << QString();
+        QTest::newRow("only the dot") << QStringLiteral(".") << QString();
+        QTest::newRow("a staging folder") << QStringLiteral(".Veldspar.app-update-a1B2c34") << QString();
+        QTest::newRow("letters after") << QStringLiteral(".Veldspar.app-incomingX") << QString();
+        QTest::newRow("another word") << QStringLiteral(".Veldspar.app-outgoing") << QString();
+    }
+
+    void namesSetAsideLeadBackToTheBundle()
+    {
+        QFETCH(QString, fileName);
+        QFETCH(QString, installed);
+        const std::optional<QString> found = bundleNameSetAside(fileName);
+        QCOMPARE(found.has_value(), !installed.isNull());
+        if (found)
+            QCOMPARE(*found, installed);
+    }
+
     // A swap that a crash cut short is undone before the next swap, which then succeeds.
     void swapAfterACrashedSwapFinishesWhatItLeft_data()
     {

@@ -6,7 +6,6 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
-#include <QRegularExpression>
 
 #include <cerrno>
 #include <cstdio>
@@ -75,13 +74,31 @@ QString asideName(const QString &installed, const QString &suffix)
     return folderOf(installed) + QStringLiteral("/.") + QFileInfo(installed).fileName() + suffix;
 }
 
+} // namespace
+
+// Read by hand rather than with a regular expression: this runs at every start of the app, and
+// the expression engine alone would stay in its memory for the whole run.
+std::optional<QString> bundleNameSetAside(const QString &fileName)
+{
+    QStringView rest(fileName);
+    if (!rest.startsWith(u'.'))
+        return std::nullopt;
+    while (!rest.isEmpty() && rest.back() >= u'0' && rest.back() <= u'9')
+        rest.chop(1);
+    for (const QString &suffix : {incomingSuffix, previousSuffix}) {
+        if (rest.size() > suffix.size() + 1 && rest.endsWith(suffix))
+            return rest.mid(1, rest.size() - suffix.size() - 1).toString();
+    }
+    return std::nullopt;
+}
+
+namespace {
 // The installed bundle for a bundle that a swap had moved aside, otherwise the path itself.
 QString installedBundleFor(const QString &bundlePath)
 {
-    static const QRegularExpression aside(QStringLiteral("^\\.(.+)-(?:incoming|previous)[0-9]*$"));
     const QFileInfo bundle(bundlePath);
-    const QRegularExpressionMatch match = aside.match(bundle.fileName());
-    return QDir::cleanPath(match.hasMatch() ? bundle.absolutePath() + u'/' + match.captured(1) : bundle.absoluteFilePath());
+    const std::optional<QString> installed = bundleNameSetAside(bundle.fileName());
+    return QDir::cleanPath(installed ? bundle.absolutePath() + u'/' + *installed : bundle.absoluteFilePath());
 }
 
 bool isFolder(const QString &path)
@@ -95,14 +112,13 @@ bool isFolder(const QString &path)
 QStringList swapLeftovers(const QString &installed)
 {
     const QString folder = folderOf(installed);
-    const QRegularExpression leftover(QStringLiteral("^\\.%1-(?:incoming|previous)[0-9]*$")
-                                          .arg(QRegularExpression::escape(QFileInfo(installed).fileName())));
+    const QString installedName = QFileInfo(installed).fileName();
     QStringList found;
     const QStringList names = QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
     for (const QString &name : names) {
         struct stat status{};
         const QString path = folder + u'/' + name;
-        if (leftover.match(name).hasMatch() && ::lstat(QFile::encodeName(path).constData(), &status) == 0
+        if (bundleNameSetAside(name) == installedName && ::lstat(QFile::encodeName(path).constData(), &status) == 0
             && status.st_uid == ::geteuid())
             found << path;
     }
@@ -205,7 +221,8 @@ void removeAbandonedStagingFolders(const QString &bundlePath)
 {
     const QString folder = folderOf(bundlePath);
     const QString prefix = stagingPrefix(bundlePath);
-    const QStringList names = QDir(folder).entryList({prefix + u'*'}, QDir::Dirs | QDir::Hidden | QDir::NoSymLinks | QDir::NoDotAndDotDot);
+    // No name filter: QDir turns one into a regular expression, and this runs at every start.
+    const QStringList names = QDir(folder).entryList(QDir::Dirs | QDir::Hidden | QDir::NoSymLinks | QDir::NoDotAndDotDot);
     for (const QString &name : names) {
         if (!name.startsWith(prefix) || !isStagingSuffix(name.mid(prefix.size())))
             continue;

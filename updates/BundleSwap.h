@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 // A hidden folder beside the bundle for one update: the download, the unpacked bundle and,
 // briefly, the old bundle. Being on the same filesystem as the bundle is what makes the swap
@@ -34,6 +35,11 @@ private:
 // the bundle: only folders named as StagingFolder::create names them, owned by this user
 // and not in use by a StagingFolder of this or another process.
 void removeAbandonedStagingFolders(const QString &bundlePath);
+
+// The name of the installed bundle that a swap set aside under this file name:
+// ".<name>-incoming" or ".<name>-previous", perhaps numbered as earlier versions did; nothing
+// for any other name.
+std::optional<QString> bundleNameSetAside(const QString &fileName);
 
 // The steps of a swap, in order, as the progress callback below names them.
 enum class SwapStep {
