@@ -88,15 +88,23 @@ bool EmberlaneUpdates::engineForTheUser()
     return false;
 }
 
-// Without a readable Info.plist its settings count as absent; the engine, when asked for, says
-// what is wrong with it.
-BundleInfo EmberlaneUpdates::bundleSettings() const
+// Read once for each bundle: the check mark, its mirror and the start-up's schedule all ask
+// before the engine exists, and Info.plist changes only with the bundle, which an update
+// relaunches. Without a readable Info.plist its settings count as absent; the engine, when
+// asked for, says what is wrong with it.
+const BundleInfo &EmberlaneUpdates::bundleSettings() const
 {
+    const QString path = m_bundlePath.isEmpty() ? bundleLocation() : m_bundlePath;
+    if (m_bundleSettings && m_bundleSettingsPath == path)
+        return *m_bundleSettings;
+    BundleInfo settings;
     try {
-        return readBundleInfo(m_bundlePath.isEmpty() ? bundleLocation() : m_bundlePath);
+        settings = readBundleInfo(path);
     } catch (const Error &) {
-        return BundleInfo();
     }
+    m_bundleSettings = std::make_shared<const BundleInfo>(std::move(settings));
+    m_bundleSettingsPath = path;
+    return *m_bundleSettings;
 }
 
 bool EmberlaneUpdates::storedAutomaticChecks() const

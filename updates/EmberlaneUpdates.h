@@ -87,7 +87,7 @@ Q_SIGNALS:
 private:
     std::optional<Error> startEngine();
     bool engineForTheUser();
-    BundleInfo bundleSettings() const;
+    const BundleInfo &bundleSettings() const;
     void engineDueTick();
     void observe();
     void connectMenuItems();
@@ -98,6 +98,8 @@ private:
     QString m_bundlePath;
     UserDriver *m_driver = nullptr;
     QDateTime m_engineDueAt;
+    mutable std::shared_ptr<const BundleInfo> m_bundleSettings; // Info.plist of m_bundleSettingsPath
+    mutable QString m_bundleSettingsPath;
     QTimer m_engineDueTimer;
     QPointer<QAction> m_checkNow;
     QPointer<QAction> m_automatic;
